@@ -1,0 +1,46 @@
+#include "init/log.h"
+
+#include <syslog.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+void log_at(int priority, const char* format, va_list args) { vsyslog(priority, format, args); }
+
+}  // namespace
+
+void log_open() { openlog("tessard", LOG_PID, LOG_LOCAL6); }
+
+void log_info(const char* /*source*/, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  log_at(LOG_INFO, format, args);
+  va_end(args);
+}
+
+void log_warning(const char* /*source*/, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  log_at(LOG_WARNING, format, args);
+  va_end(args);
+}
+
+void log_error(const char* /*source*/, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  log_at(LOG_ERR, format, args);
+  va_end(args);
+}
+
+void log_fatal(const char* /*source*/, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  log_at(LOG_ERR, format, args);
+  va_end(args);
+  syslog(LOG_ERR, "Last error fatal. Exit.");
+  exit(1);
+}
+
+const char* errno_text(int err) { return strerror(err); }
