@@ -1,0 +1,188 @@
+#include "init/init.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "init/log.h"
+#include "server/server.h"
+
+namespace {
+
+constexpr int kMaxConfigDirs = 10;
+
+volatile sig_atomic_t got_sigusr1 = 0;
+
+struct Options {
+  const char* config_file = nullptr;
+  int port = 0;
+  const char* config_dirs[kMaxConfigDirs] = {};
+  int config_dir_count = 0;
+  bool print_before_sync = false;
+  bool print_after_sync = false;
+  bool daemonize = false;
+  bool block_dbus_on_start = false;
+  bool upgrade = false;
+  bool case_sensitive = false;
+};
+
+void terminate_handler(int /*signo*/) { exit(0); }
+
+void sigusr1_handler(int signo) {
+  if (signo == SIGUSR1) got_sigusr1 = 1;
+  signal(SIGUSR1, sigusr1_handler);
+}
+
+void install_signal_handlers() {
+  signal(SIGINT, terminate_handler);
+  signal(SIGTERM, terminate_handler);
+  signal(SIGPIPE, SIG_IGN);
+  got_sigusr1 = 0;
+  signal(SIGUSR1, sigusr1_handler);
+}
+
+void remove_pid_file() {
+  if (unlink(kPidFilePath) != 0 && errno != ENOENT) {
+    log_error("init", "Failed removing '%s': %m", kPidFilePath);
+  }
+}
+
+bool is_d_option(const char* arg) { return arg[0] == '-' && arg[1] == 'd' && arg[2] == '\0'; }
+
+void add_config_dir(Options* options, const char* dir) {
+  if (options->config_dir_count >= kMaxConfigDirs) {
+    puts("To many -d parameters");
+    log_error("init", "To many -d parameters");
+    return;
+  }
+  options->config_dirs[options->config_dir_count++] = dir;
+}
+
+// Options are compared whole; anything unknown is skipped without a message.
+void read_options(int argc, char** argv, Options* options) {
+  options->config_file = argv[1];
+  options->port = static_cast<int>(strtol(argv[2], nullptr, 10));
+  for (int i = 3; i < argc; i++) {
+    const char* arg = argv[i];
+    if (is_d_option(arg)) {
+      // The argument after -d is always consumed; a trailing -d has no directory to add.
+      if (++i < argc) add_config_dir(options, argv[i]);
+    } else if (strcmp(arg, "-daemon") == 0) {
+      options->daemonize = true;
+    } else if (strcmp(arg, "-upgrade") == 0) {
+      options->upgrade = true;
+    } else if (strcmp(arg, "-casesensitive") == 0) {
+      options->case_sensitive = true;
+    } else if (strcmp(arg, "-print0") == 0) {
+      options->print_before_sync = true;
+    } else if (strcmp(arg, "-print1") == 0) {
+      options->print_after_sync = true;
+    } else if (strcmp(arg, "-blockdbusonstart") == 0) {
+      options->block_dbus_on_start = true;
+    }
+  }
+}
+
+struct FileCloser {
+  void operator()(FILE* f) const { fclose(f); }
+};
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
+
+// Another instance is running when the pid file names a live process other than ourselves.
+// Only ESRCH from kill() proves the process gone; EPERM counts as alive.
+void refuse_second_instance() {
+  int pid = 0;
+  {
+    UniqueFile file(fopen(kPidFilePath, "r"));
+    if (!file) return;
+    if (fscanf(file.get(), "%d", &pid) != 1) return;
+  }
+  if (pid == 0 || pid == getpid()) return;
+  if (kill(pid, 0) == 0 || errno != ESRCH) {
+    log_info("init", "Already running");
+    exit(1);
+  }
+}
+
+// Writes our pid at the start of the file under a short flock. The file is not truncated: a
+// shorter pid leaves the old tail in place.
+bool write_locked_pid(FILE* file, int fd) {
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    int holder = 0;
+    if (fscanf(file, "%d", &holder) != 1) holder = 0;
+    log_error("init", "Can't lock, lock is held by pid %d.", holder);
+    return false;
+  }
+  bool written = true;
+  if (fprintf(file, "%d\n", static_cast<int>(getpid())) == 0) {
+    log_error("init", "Can't write pid: %m\n");
+    written = false;
+  }
+  fflush(file);
+  if (flock(fd, LOCK_UN) != 0) {
+    log_error("init", "Can't unlock pidfile %s: %m\n", kPidFilePath);
+    written = false;
+  }
+  return written;
+}
+
+void write_pid_file() {
+  int fd = open(kPidFilePath, O_RDWR | O_CREAT, 0644);
+  FILE* file = fd >= 0 ? fdopen(fd, "r+") : nullptr;
+  if (file == nullptr) {
+    if (fd >= 0) close(fd);
+    log_error("init", "Can't open or create '%s'.", kPidFilePath);
+    log_fatal("init", "Could not write pid.");
+  }
+  bool written = write_locked_pid(file, fd);
+  fclose(file);
+  if (!written) log_fatal("init", "Could not write pid.");
+}
+
+}  // namespace
+
+void sigusr1_check() {
+  if (!got_sigusr1) return;
+  log_info("init", "Got SIGUSR1, reinitializing authorization data.\n");
+  got_sigusr1 = 0;
+}
+
+int tessard_main(int argc, char** argv) {
+  install_signal_handlers();
+  log_open();
+  log_info("init", "Starting.");
+  if (argc < 3) {
+    log_error("init",
+              "Usage: tessard <configfile> <port> [-d <dir>] [-d <dir2>] [-daemon] [-upgrade] "
+              "[-casesensitive] [-print0] [-print1][-blockdbusonstart]");
+    return 255;
+  }
+  Options options;
+  read_options(argc, argv, &options);
+  refuse_second_instance();
+
+  int listen_fd = create_listen_socket(options.port);
+  if (listen_fd < 0) {
+    log_error("init", "Failed creating listen socket: %m");
+    return -1;
+  }
+  atexit(remove_pid_file);
+  if (options.daemonize && daemon(0, 0) != 0) {
+    log_error("init", "Error daemonizing process.");
+    close(listen_fd);
+    return -1;
+  }
+  umask(022);
+  write_pid_file();
+
+  log_info("init", "Starting server.");
+  handleClientConnections(listen_fd);
+}
