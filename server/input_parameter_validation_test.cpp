@@ -1,0 +1,57 @@
+#include "server/input_parameter_validation.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+struct NameCase {
+  std::string text;
+  int template_ok;
+  int group_ok;
+};
+
+void PrintTo(const NameCase& c, std::ostream* os) { *os << '"' << c.text.substr(0, 24) << '"'; }
+
+class NameCheckTest : public ::testing::TestWithParam<NameCase> {};
+
+TEST_P(NameCheckTest, AcceptsOnlyItsCharacters) {
+  EXPECT_EQ(validateTemplateName(GetParam().text), GetParam().template_ok);
+  EXPECT_EQ(validateGroupPath(GetParam().text), GetParam().group_ok);
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, NameCheckTest,
+                         ::testing::Values(NameCase{"event_rule-1", 1, 1},
+                                           NameCase{"root.Network", 0, 1}, NameCase{"", 0, 0},
+                                           NameCase{std::string(255, 'a'), 1, 1},
+                                           NameCase{std::string(256, 'a'), 0, 0},
+                                           NameCase{"a/b", 0, 0}, NameCase{"a b", 0, 0},
+                                           NameCase{"\xC3\xA9t\xC3\xA9", 0, 0}));
+
+struct FileCase {
+  std::string path;
+  int ok;
+};
+
+void PrintTo(const FileCase& c, std::ostream* os) { *os << '"' << c.path.substr(0, 40) << '"'; }
+
+class ReadFilePathTest : public ::testing::TestWithParam<FileCase> {};
+
+TEST_P(ReadFilePathTest, AllowsOnlyConfFilesInTheThreeDirectories) {
+  EXPECT_EQ(validateReadGroupFilePath(GetParam().path), GetParam().ok) << GetParam().path;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, ReadFilePathTest,
+    ::testing::Values(FileCase{"/etc/dynamic/param/cam1.conf", 1},
+                      FileCase{"/usr/etc/param/a.b-c_d.conf", 1},
+                      FileCase{"/etc/tessard/portmanager/ports.conf", 1},
+                      FileCase{"/etc/dynamic/param/.conf", 0},
+                      FileCase{"/etc/dynamic/param/a/b.conf", 0},
+                      FileCase{"/etc/dynamic/param/x.cfg", 0}, FileCase{"/tmp/x.conf", 0},
+                      FileCase{"/etc/dynamic/param/conf", 0},
+                      FileCase{"/etc/dynamic/param/" + std::string(4071, 'a') + ".conf", 1},
+                      FileCase{"/etc/dynamic/param/" + std::string(4072, 'a') + ".conf", 0}));
+
+}  // namespace
