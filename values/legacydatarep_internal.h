@@ -1,0 +1,28 @@
+// Helpers shared by the parts of the data representation (legacydatarep*.cpp); not a public API.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+namespace drep_internal {
+
+inline constexpr const char* kSource = "legacydatarep";
+
+struct Free {
+  void operator()(void* p) const { free(p); }
+};
+// A malloc'd text.
+using UniqueText = std::unique_ptr<char, Free>;
+
+// 16-bit little-endian fields of the byte format and of the integer text fields.
+inline uint16_t read16(const unsigned char* at) {
+  return static_cast<uint16_t>(at[0] | (at[1] << 8));
+}
+
+inline void write16(unsigned char* at, size_t value) {
+  at[0] = static_cast<unsigned char>(value & 0xff);
+  at[1] = static_cast<unsigned char>((value >> 8) & 0xff);
+}
+
+}  // namespace drep_internal
