@@ -1,0 +1,78 @@
+// The parser framework: the registry of backing-file parsers, and the machinery that runs one of
+// them over a backing file with a character cursor, the token types of values/token.h and
+// copy-through of unchanged text into the rewritten file.
+//
+// One file is processed at a time (the daemon is single-threaded); every pif_* service acts on
+// the file being processed and may only be called from inside a parse function.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "values/token.h"
+
+struct Param;
+
+// A parser: gets the framework's current token and the path of the parameter's group (handed on
+// to mif_enterRootSection). 0 on success, anything else is a failed parse.
+using ParseFunction = int (*)(Token* token, const char* group_path);
+
+struct ParserEntry {
+  const char* name;
+  ParseFunction parse;
+};
+
+constexpr int kMaxParsers = 6;
+
+// Registers the token types and the six parsers of the system; a failed registration is fatal.
+// Returns 0.
+int parser_init();
+// Appends a registry row; the seventh registration is fatal. Returns 0.
+int parser_registerParser(ParseFunction parse, const char* name);
+// The registered parser of that exact name, or null.
+const ParserEntry* parser_find(const char* name);
+
+// Reads (readonly 1) or rewrites (readonly 0) the backing file of `param` with the parser its
+// `parser` option names; `group_path` goes to the parse function unchanged. A missing file is
+// created; a symbolic link is followed and its target replaced. In write mode the file is
+// rewritten through a temporary file beside it, keeping its mode and owner, on every run.
+// 0 on success, 1 on failure.
+int parser_invokeForParam(Param* param, const char* group_path, int readonly);
+
+// Runs the parser registered as `parser_name` over `text` exactly as parser_invokeForParam runs
+// it over a file's content: read mode (readonly 1) or write mode with the rewritten text stored
+// in `*output`. For tests and fuzzing. 0 on success, 1 on failure (unknown parser included).
+int parser_parseText(const char* parser_name, std::string_view text, const char* group_path,
+                     int readonly, std::string* output);
+// The common path of both: runs `parse` over `text`, the content of the file `file_name` (used
+// in messages). Also for parse functions that are not registered (tests).
+int parser_runOnText(ParseFunction parse, std::string_view text, const char* file_name,
+                     const char* group_path, int readonly, std::string* output);
+
+// Services for parse functions.
+
+// Recognises a token of `type` at the cursor (with `expected` text where the type takes one).
+// 1 and the token becomes current; 0 and the cursor stays, so that another type can be tried.
+int pif_acceptToken(int type, const char* expected);
+// Copies the current token into `token`; its text is copied into `token`'s own buffer (free it
+// with token_clear).
+void pif_getToken(Token* token);
+// Writes the current token through its type's output function when copy-through is on. A token
+// is written at most once.
+void pif_syncToken();
+// Passes white space and "#" comment lines (copied through); sets TOKEN_EOF at the end of file.
+void pif_skipWhitespace();
+// Skips white space; 1 when still on the same line and not at the end of the file.
+int pif_moreOnLine();
+int pif_getLineNumber();
+// Switches copy-through on (1) or off (0).
+void pif_setSynchronization(int on);
+// Writes `text` as a token of `type` with the quote character `quote`. Copy-through must be off
+// and the file open for writing.
+void pif_outputToken(int type, const char* text, int quote);
+// Writes `text` as it is. Copy-through must be off and the file open for writing.
+void pif_outputString(const char* text);
+// 1 when the output so far ends in "=" and a newline. Copy-through off, write mode.
+int pif_checkUninitializedToken();
+// Steps the output back one character; what follows is written over it.
+void pif_unputChar();
