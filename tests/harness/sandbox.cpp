@@ -347,4 +347,56 @@ int SandboxTest::Connect(const std::string& path) {
   return -1;
 }
 
+bool SandboxTest::SendRequest(int fd, int type, const std::vector<unsigned char>& payload) {
+  std::vector<unsigned char> frame;
+  Put16(&frame, static_cast<int>(payload.size()) + 3);
+  Put8(&frame, type);
+  frame.insert(frame.end(), payload.begin(), payload.end());
+  return write(fd, frame.data(), frame.size()) == static_cast<ssize_t>(frame.size());
+}
+
+namespace {
+
+// Reads exactly `count` bytes unless the deadline passes (-1) or the peer closes (-2).
+int read_until(int fd, unsigned char* out, size_t count, Clock::time_point deadline) {
+  size_t done = 0;
+  while (done < count) {
+    int left = static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
+    pollfd pfd{fd, POLLIN, 0};
+    if (left <= 0 || poll(&pfd, 1, left) <= 0) return -1;
+    ssize_t got = read(fd, out + done, count - done);
+    if (got <= 0) return -2;
+    done += got;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int SandboxTest::ReadReply(int fd, std::vector<unsigned char>* reply, int timeout_ms) {
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  reply->assign(4, 0);
+  int r = read_until(fd, reply->data(), 4, deadline);
+  if (r != 0) return r;
+  size_t total = (*reply)[0] | ((*reply)[1] << 8) | ((*reply)[2] << 16);
+  if (total < 4) return -2;
+  reply->resize(total);
+  return read_until(fd, reply->data() + 4, total - 4, deadline);
+}
+
+void SandboxTest::Put8(std::vector<unsigned char>* out, int value) {
+  out->push_back(static_cast<unsigned char>(value));
+}
+
+void SandboxTest::Put16(std::vector<unsigned char>* out, int value) {
+  out->push_back(static_cast<unsigned char>(value & 0xFF));
+  out->push_back(static_cast<unsigned char>((value >> 8) & 0xFF));
+}
+
+void SandboxTest::PutText(std::vector<unsigned char>* out, const std::string& text) {
+  Put16(out, static_cast<int>(text.size()));
+  out->insert(out->end(), text.begin(), text.end());
+}
+
 }  // namespace tessard::test

@@ -91,6 +91,16 @@ class SandboxTest : public ::testing::Test {
   // Connects to the daemon's socket (or `path`); returns the descriptor or -1.
   static int Connect(const std::string& path = "/run/tessard/tessardsocket");
 
+  // Sends one request frame: the length prefix, `type` and `payload`.
+  static bool SendRequest(int fd, int type, const std::vector<unsigned char>& payload);
+  // Reads one reply frame (header included). 0 when a reply came, -1 when none came within
+  // `timeout_ms`, -2 when the daemon closed the connection.
+  static int ReadReply(int fd, std::vector<unsigned char>* reply, int timeout_ms = 5000);
+  // Builds payload fields: int8, little-endian int16, counted text.
+  static void Put8(std::vector<unsigned char>* out, int value);
+  static void Put16(std::vector<unsigned char>* out, int value);
+  static void PutText(std::vector<unsigned char>* out, const std::string& text);
+
   LogCapture& log() { return log_; }
   const std::string& dir() const { return dir_; }
   pid_t daemon_pid() const { return daemon_pid_; }
