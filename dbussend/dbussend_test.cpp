@@ -1,0 +1,246 @@
+#include "dbussend/dbussend.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "dbussend/dbussend_internal.h"
+#include "dbussend/testbus.h"
+
+namespace {
+
+struct MessageFree {
+  void operator()(DbusSendMessage* m) const { dbus_send_free(m); }
+};
+using MessagePtr = std::unique_ptr<DbusSendMessage, MessageFree>;
+
+struct StringFree {
+  void operator()(char* s) const { dbus_send_free_string(s); }
+};
+using TextPtr = std::unique_ptr<char, StringFree>;
+
+MessagePtr parse(const std::string& text, std::string* error = nullptr) {
+  char* raw_error = nullptr;
+  MessagePtr m(dbus_send_from_string(text.c_str(), &raw_error));
+  TextPtr owned(raw_error);
+  if (error != nullptr) {
+    *error = raw_error ? raw_error : "";
+  }
+  return m;
+}
+
+std::string signature_of(const DbusSendMessage& m) {
+  std::string s;
+  for (const dbussend::Arg& arg : m.args) {
+    s += arg.signature;
+  }
+  return s;
+}
+
+struct GoodText {
+  const char* text;
+  bool session;
+  bool method_call;
+  const char* dest;
+  const char* member;
+  const char* signature;
+};
+
+void PrintTo(const GoodText& c, std::ostream* os) {
+  *os << c.text;
+}
+
+class DbusSendParseGood : public testing::TestWithParam<GoodText> {};
+
+TEST_P(DbusSendParseGood, ReadsOptionsNamesAndArgumentTypes) {
+  const GoodText& c = GetParam();
+  MessagePtr m = parse(c.text);
+  ASSERT_TRUE(m) << c.text;
+  EXPECT_EQ(m->bus == dbussend::BusKind::kSession, c.session);
+  EXPECT_EQ(m->method_call, c.method_call);
+  EXPECT_EQ(m->destination, c.dest);
+  EXPECT_EQ(m->path, "/a/b");
+  EXPECT_EQ(m->interface, "org.x.If");
+  EXPECT_EQ(m->member, c.member);
+  EXPECT_EQ(signature_of(*m), c.signature);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, DbusSendParseGood,
+    testing::Values(
+        GoodText{"/a/b org.x.If.Changed", false, false, "", "Changed", ""},
+        GoodText{"dbus-send --session --dest=org.x /a/b org.x.If.M", true, false, "org.x", "M", ""},
+        GoodText{"dbus-send --system --type=method_call --print-reply --reply-timeout=500 "
+                 "--dest=:1.5 /a/b org.x.If.Get string:x",
+                 false, true, ":1.5", "Get", "s"},
+        GoodText{"/a/b org.x.If.All string: int16:-32768 uint16:65535 int32:-7 uint32:7 "
+                 "int64:-9 uint64:18446744073709551615 double:1.5 byte:255 boolean:true "
+                 "objpath:/x",
+                 false, false, "", "All", "snqiuxtdybo"},
+        GoodText{"/a/b org.x.If.C variant:int32:5 array:string:a,,b array:byte: "
+                 "dict:string:int32:k,1,l,2",
+                 false, false, "", "C", "vasaya{si}"}));
+
+struct BadText {
+  const char* text;
+  const char* error;  // must appear in the error text
+};
+
+void PrintTo(const BadText& c, std::ostream* os) {
+  *os << c.text;
+}
+
+class DbusSendParseBad : public testing::TestWithParam<BadText> {};
+
+TEST_P(DbusSendParseBad, RefusesWithErrorNamingTheWord) {
+  std::string error;
+  EXPECT_FALSE(parse(GetParam().text, &error)) << GetParam().text;
+  EXPECT_NE(error.find(GetParam().error), std::string::npos) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, DbusSendParseBad,
+    testing::Values(BadText{"", "Cannot split message text"},
+                    BadText{"/a/b org.x.If.M 'string:open", "Cannot split message text"},
+                    BadText{"dbus-send --sytem /a/b org.x.If.M", "Unknown option '--sytem'"},
+                    BadText{"--type=error /a/b org.x.If.M", "'--type=error'"},
+                    BadText{"--dest=no..name /a/b org.x.If.M", "'--dest=no..name'"},
+                    BadText{"--reply-timeout=5s /a/b org.x.If.M", "'--reply-timeout=5s'"},
+                    BadText{"dbus-send --session", "Missing object path"},
+                    BadText{"a/b org.x.If.M", "Invalid object path 'a/b'"},
+                    BadText{"/a/b", "Missing INTERFACE.MEMBER"}, BadText{"/a/b Member", "'Member'"},
+                    BadText{"/a/b org.x.If.M int32", "'int32': expected TYPE:VALUE"},
+                    BadText{"/a/b org.x.If.M int32:2147483648", "'int32:2147483648'"},
+                    BadText{"/a/b org.x.If.M uint16:-1", "'uint16:-1'"},
+                    BadText{"/a/b org.x.If.M byte:256", "'byte:256'"},
+                    BadText{"/a/b org.x.If.M int32:12x", "'int32:12x'"},
+                    BadText{"/a/b org.x.If.M boolean:yes", "'boolean:yes'"},
+                    BadText{"/a/b org.x.If.M double:", "'double:'"},
+                    BadText{"/a/b org.x.If.M objpath:x/", "'objpath:x/'"},
+                    BadText{"/a/b org.x.If.M text:a", "'text:a': unknown type"},
+                    BadText{"/a/b org.x.If.M variant:int32", "'variant:int32'"},
+                    BadText{"/a/b org.x.If.M array:int32:1,x", "'array:int32:1,x'"},
+                    BadText{"/a/b org.x.If.M dict:string:int32:k", "a key has no value"},
+                    BadText{"/a/b org.x.If.M string:\xff", "does not fit"}));
+
+// Sending, against a private bus daemon that this test starts.
+class DbusSendTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    ASSERT_TRUE(bus_.start(&error)) << error;
+    bus_.export_address();
+    ASSERT_TRUE(recorder_.connect(bus_.address(), "org.tessard.Recorder", &error)) << error;
+  }
+
+  void send(const std::string& text) {
+    MessagePtr m = parse(text);
+    ASSERT_TRUE(m) << text;
+    char* error = nullptr;
+    EXPECT_NE(dbus_send_send_message(m.get(), &error), 0) << error;
+    dbus_send_free_string(error);
+  }
+
+  // Makes a method call and returns the reply text, or "error: " and the error text.
+  std::string get_string(const std::string& text) {
+    MessagePtr m = parse(text);
+    if (!m) {
+      return "unparsable";
+    }
+    char* error = nullptr;
+    char* reply = nullptr;
+    int ok = dbus_send_send_message_get_string(m.get(), &error, &reply);
+    std::string result = ok ? std::string(reply) : "error: " + std::string(error ? error : "");
+    dbus_send_free_string(error);
+    dbus_send_free_string(reply);
+    return result;
+  }
+
+  testbus::PrivateBus bus_;
+  testbus::Recorder recorder_;
+};
+
+TEST_F(DbusSendTest, SignalArrivesWithArgumentsAndQuotingResolved) {
+  send(
+      "dbus-send --system /org/x org.x.If.Changed string:'O'\\''Brien' int32:-5 "
+      "variant:uint16:7 array:string:a,b dict:string:boolean:on,true,off,false byte:9");
+  const auto& got = recorder_.wait_for(1);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_TRUE(got[0].signal);
+  EXPECT_EQ(got[0].path, "/org/x");
+  EXPECT_EQ(got[0].interface, "org.x.If");
+  EXPECT_EQ(got[0].member, "Changed");
+  EXPECT_EQ(got[0].signature, "sivasa{sb}y");
+  EXPECT_EQ(got[0].args,
+            (std::vector<std::string>{"O'Brien", "-5", "7", "[a,b]", "{on=true,off=false}", "9"}));
+}
+
+TEST_F(DbusSendTest, MethodCallWithoutPrintReplyIsDeliveredWithoutWaiting) {
+  send("--session --type=method_call --dest=org.tessard.Recorder /p org.x.If.Set string:v");
+  const auto& got = recorder_.wait_for(1);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_FALSE(got[0].signal);
+  EXPECT_EQ(got[0].destination, "org.tessard.Recorder");
+  EXPECT_EQ(got[0].args, std::vector<std::string>{"v"});
+}
+
+TEST_F(DbusSendTest, GetStringGivesTheFirstReplyArgumentAsText) {
+  testbus::ServiceChild service;
+  std::string error;
+  ASSERT_TRUE(service.start(bus_.address(), "org.tessard.Svc",
+                            {{"Int", "int32:-42"},
+                             {"Str", "string:'hello world'"},
+                             {"Var", "variant:uint64:7"},
+                             {"Bool", "boolean:false"},
+                             {"Two", "byte:3 string:x"},
+                             {"Empty", ""},
+                             {"List", "array:int32:1,2"}},
+                            &error))
+      << error;
+  const std::string call = "--type=method_call --dest=org.tessard.Svc /s org.tessard.Svc.";
+  EXPECT_EQ(get_string(call + "Int"), "-42");
+  EXPECT_EQ(get_string(call + "Str"), "hello world");
+  EXPECT_EQ(get_string(call + "Var"), "7");
+  EXPECT_EQ(get_string(call + "Bool"), "false");
+  EXPECT_EQ(get_string(call + "Two"), "3");
+  EXPECT_EQ(get_string(call + "Empty"), "");
+  EXPECT_EQ(get_string(call + "List"), "error: The reply cannot be given as text");
+  EXPECT_EQ(get_string(call + "Nothing"),
+            "error: Method call failed: org.tessard.Test.Error: no answer for Nothing");
+  EXPECT_EQ(get_string("/s org.tessard.Svc.Int"), "error: A method call needs --dest");
+}
+
+TEST_F(DbusSendTest, PrintReplyReportsAnErrorReply) {
+  MessagePtr m = parse("--type=method_call --print-reply --dest=org.tessard.Nobody /s a.b.C");
+  char* error = nullptr;
+  EXPECT_EQ(dbus_send_send_message(m.get(), &error), 0);
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(std::string(error).find("org.freedesktop.DBus.Error.ServiceUnknown"), std::string::npos)
+      << error;
+  dbus_send_free_string(error);
+}
+
+TEST_F(DbusSendTest, ReconnectsAfterTheBusRestarted) {
+  send("/a org.x.If.First");
+  ASSERT_EQ(recorder_.wait_for(1).size(), 1u);
+
+  bus_.stop();
+  MessagePtr m = parse("/a org.x.If.Lost");
+  char* error = nullptr;
+  EXPECT_EQ(dbus_send_send_message(m.get(), &error), 0);
+  EXPECT_NE(error, nullptr);
+  dbus_send_free_string(error);
+
+  std::string start_error;
+  ASSERT_TRUE(bus_.start(&start_error)) << start_error;
+  bus_.export_address();
+  testbus::Recorder again;
+  ASSERT_TRUE(again.connect(bus_.address(), "org.tessard.Recorder", &start_error));
+  send("/a org.x.If.Second");
+  const auto& got = again.wait_for(1);
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].member, "Second");
+}
+
+}  // namespace

@@ -1,0 +1,324 @@
+#include "dbussend/testbus.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+
+#include "dbussend/dbussend.h"
+#include "dbussend/dbussend_internal.h"
+
+namespace testbus {
+namespace {
+
+constexpr int kStartTimeoutMs = 10000;
+
+const char kConfig[] =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=%s/bus_socket</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+)";
+
+std::string make_temp_dir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/tessard-bus-XXXXXX";
+  return mkdtemp(pattern.data()) ? pattern : std::string();
+}
+
+bool write_config(const std::string& dir) {
+  std::FILE* f = std::fopen((dir + "/bus.conf").c_str(), "w");
+  if (f == nullptr) {
+    return false;
+  }
+  std::fprintf(f, kConfig, dir.c_str());
+  return std::fclose(f) == 0;
+}
+
+// Reads one line from fd within timeout_ms; false on timeout or end of file.
+bool read_line(int fd, int timeout_ms, std::string* line) {
+  char c = 0;
+  while (true) {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, timeout_ms) <= 0 || read(fd, &c, 1) != 1) {
+      return false;
+    }
+    if (c == '\n') {
+      return true;
+    }
+    *line += c;
+  }
+}
+
+void stop_child(pid_t* pid) {
+  if (*pid <= 0) {
+    return;
+  }
+  kill(*pid, SIGTERM);
+  waitpid(*pid, nullptr, 0);
+  *pid = -1;
+}
+
+uint64_t now_usec() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// Renders the next argument of m as text; false at the end of the message.
+bool render_arg(sd_bus_message* m, std::string* out) {
+  char type = 0;
+  const char* contents = nullptr;
+  if (sd_bus_message_peek_type(m, &type, &contents) <= 0) {
+    return false;
+  }
+  if (contents == nullptr) {
+    std::string text;
+    dbussend::read_basic_text(m, type, &text);
+    *out += text;
+    return true;
+  }
+  sd_bus_message_enter_container(m, type, contents);
+  const char* open = type == 'a' ? (contents[0] == '{' ? "{" : "[") : "";
+  *out += open;
+  for (bool first = true;; first = false) {
+    std::string item;
+    if (!render_arg(m, &item)) {
+      break;
+    }
+    *out += (first ? "" : (type == 'e' ? "=" : ",")) + item;
+  }
+  sd_bus_message_exit_container(m);
+  *out += *open == '{' ? "}" : (*open == '[' ? "]" : "");
+  return true;
+}
+
+const char* or_empty(const char* s) {
+  return s ? s : "";
+}
+
+uint8_t type_of(sd_bus_message* m) {
+  uint8_t type = 0;
+  sd_bus_message_get_type(m, &type);
+  return type;
+}
+
+int answer_call(sd_bus_message* m, void* userdata, sd_bus_error*) {
+  if (type_of(m) != SD_BUS_MESSAGE_METHOD_CALL) {
+    return 0;
+  }
+  const auto* answers = static_cast<const ServiceChild::Answers*>(userdata);
+  for (const auto& [member, answer] : *answers) {
+    if (member != or_empty(sd_bus_message_get_member(m))) {
+      continue;
+    }
+    std::string text = "/ a.b.c " + answer;
+    DbusSendMessage* parsed = dbus_send_from_string(text.c_str(), nullptr);
+    if (parsed == nullptr) {
+      break;
+    }
+    sd_bus_message* reply = nullptr;
+    sd_bus_message_new_method_return(m, &reply);
+    dbussend::append_args(reply, *parsed);
+    sd_bus_send(nullptr, reply, nullptr);
+    sd_bus_message_unref(reply);
+    dbus_send_free(parsed);
+    return 1;
+  }
+  sd_bus_reply_method_errorf(m, "org.tessard.Test.Error", "no answer for %s",
+                             or_empty(sd_bus_message_get_member(m)));
+  return 1;
+}
+
+[[noreturn]] void serve(const std::string& address, const char* name,
+                        const ServiceChild::Answers& answers, int ready_fd) {
+  sd_bus* bus = open_client(address);
+  if (bus == nullptr || sd_bus_request_name(bus, name, 0) < 0) {
+    _exit(1);
+  }
+  sd_bus_add_filter(bus, nullptr, answer_call, const_cast<ServiceChild::Answers*>(&answers));
+  if (write(ready_fd, "R\n", 2) != 2) {
+    _exit(1);
+  }
+  close(ready_fd);
+  while (true) {
+    int r = sd_bus_process(bus, nullptr);
+    if (r < 0) {
+      _exit(1);
+    }
+    if (r == 0) {
+      sd_bus_wait(bus, UINT64_MAX);
+    }
+  }
+}
+
+}  // namespace
+
+sd_bus* open_client(const std::string& address) {
+  sd_bus* bus = nullptr;
+  if (sd_bus_new(&bus) < 0) {
+    return nullptr;
+  }
+  if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
+      sd_bus_start(bus) < 0) {
+    return sd_bus_unref(bus);
+  }
+  return bus;
+}
+
+bool PrivateBus::start(std::string* error) {
+  address_.clear();
+  dir_ = make_temp_dir();
+  if (dir_.empty() || !write_config(dir_)) {
+    *error = "cannot prepare a directory for dbus-daemon";
+    return false;
+  }
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) {
+    return false;
+  }
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(fds[1], 3);
+    std::string config = "--config-file=" + dir_ + "/bus.conf";
+    execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--print-address=3", nullptr);
+    _exit(127);
+  }
+  close(fds[1]);
+  bool ok = pid_ > 0 && read_line(fds[0], kStartTimeoutMs, &address_);
+  close(fds[0]);
+  if (!ok) {
+    *error = "dbus-daemon did not start (is it installed?)";
+  }
+  return ok;
+}
+
+void PrivateBus::stop() {
+  stop_child(&pid_);
+  if (!dir_.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(dir_, ignored);
+    dir_.clear();
+  }
+}
+
+void PrivateBus::export_address() const {
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+  setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
+}
+
+Recorder::~Recorder() {
+  sd_bus_flush_close_unref(bus_);
+}
+
+bool Recorder::connect(const std::string& address, const char* name, std::string* error) {
+  bus_ = open_client(address);
+  if (bus_ == nullptr || sd_bus_request_name(bus_, name, 0) < 0 ||
+      sd_bus_add_match(bus_, nullptr, "type='signal'", nullptr, nullptr) < 0 ||
+      sd_bus_add_filter(bus_, nullptr, on_message, this) < 0) {
+    *error = "the recorder cannot connect to the bus";
+    return false;
+  }
+  return true;
+}
+
+int Recorder::on_message(sd_bus_message* m, void* self, sd_bus_error*) {
+  if (std::string_view(or_empty(sd_bus_message_get_sender(m))) == "org.freedesktop.DBus") {
+    return 0;
+  }
+  Recorded r;
+  r.signal = type_of(m) == SD_BUS_MESSAGE_SIGNAL;
+  r.destination = or_empty(sd_bus_message_get_destination(m));
+  r.path = or_empty(sd_bus_message_get_path(m));
+  r.interface = or_empty(sd_bus_message_get_interface(m));
+  r.member = or_empty(sd_bus_message_get_member(m));
+  r.signature = or_empty(sd_bus_message_get_signature(m, 1));
+  for (std::string arg; render_arg(m, &arg); arg.clear()) {
+    r.args.push_back(arg);
+  }
+  static_cast<Recorder*>(self)->recorded_.push_back(std::move(r));
+  // Method calls are only recorded; nobody waits for an answer from the recorder.
+  return 1;
+}
+
+bool Recorder::wait_until(const std::function<bool()>& done, int timeout_ms) {
+  uint64_t deadline = now_usec() + static_cast<uint64_t>(timeout_ms) * 1000;
+  while (true) {
+    while (sd_bus_process(bus_, nullptr) > 0) {
+    }
+    uint64_t now = now_usec();
+    if (done()) {
+      return true;
+    }
+    if (now >= deadline) {
+      return false;
+    }
+    sd_bus_wait(bus_, deadline - now);
+  }
+}
+
+const std::vector<Recorded>& Recorder::wait_for(size_t count, int timeout_ms) {
+  wait_until([&] { return recorded_.size() >= count; }, timeout_ms);
+  return recorded_;
+}
+
+std::vector<Recorded> Recorder::wait_for_marker(int timeout_ms) {
+  auto marker = recorded_.end();
+  auto found = [&] {
+    marker = std::find_if(recorded_.begin(), recorded_.end(),
+                          [](const Recorded& r) { return r.member == kMarkerMember; });
+    return marker != recorded_.end();
+  };
+  if (!wait_until(found, timeout_ms)) {
+    Recorded missing;
+    missing.member = "no marker arrived";
+    return {missing};
+  }
+  std::vector<Recorded> before(recorded_.begin(), marker);
+  recorded_.erase(recorded_.begin(), marker + 1);
+  return before;
+}
+
+bool ServiceChild::start(const std::string& address, const char* name, const Answers& answers,
+                         std::string* error) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) {
+    return false;
+  }
+  pid_ = fork();
+  if (pid_ == 0) {
+    close(fds[0]);
+    serve(address, name, answers, fds[1]);
+  }
+  close(fds[1]);
+  std::string line;
+  bool ok = pid_ > 0 && read_line(fds[0], kStartTimeoutMs, &line);
+  close(fds[0]);
+  if (!ok) {
+    *error = std::string("the test service could not take the name ") + name;
+  }
+  return ok;
+}
+
+void ServiceChild::stop() {
+  stop_child(&pid_);
+}
+
+}  // namespace testbus
