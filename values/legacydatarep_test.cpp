@@ -170,20 +170,34 @@ TEST(DataScalar, KindsRefuseTheWrongOperations) {
 
 using DataDeathTest = testing::Test;
 
+// Each misuse ends the process with status 1 after logging its message and the closing line.
 TEST_F(DataDeathTest, TypeMisuseEndsTheProcess) {
   UniqueData hash = container(true);
   UniqueData number(legacy_drep_createData());
   legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr);
-  auto exits = testing::ExitedWithCode(1);
-  EXPECT_EXIT(legacy_drep_initializeList(hash.get()), exits, "");
-  EXPECT_EXIT(legacy_drep_addToList(hash.get(), nullptr), exits, "");
-  EXPECT_EXIT(legacy_drep_getNextToInHash(number.get(), nullptr, nullptr), exits, "");
-  EXPECT_EXIT(legacy_drep_getHashValue(number.get(), "k"), exits, "");
-  EXPECT_EXIT(legacy_drep_getCustomString(number.get(), nullptr), exits, "");
-  EXPECT_EXIT(legacy_drep_setCustomFromString(number.get(), "1", nullptr), exits, "");
-  EXPECT_EXIT(legacy_drep_copyData(number.get()), exits, "");
   UniqueData none(legacy_drep_createData());
-  EXPECT_EXIT(legacy_drep_initializeScalar(none.get(), 9, nullptr), exits, "");
+  auto exits = testing::ExitedWithCode(1);
+  const std::string last = "\nlog<3>: Last error fatal\\. Exit\\.";  // both at LOG_ERR
+  EXPECT_EXIT(legacy_drep_initializeList(hash.get()), exits,
+              "initializeList: Datatype was not DATA_NONE!" + last);
+  EXPECT_EXIT(legacy_drep_addToList(hash.get(), nullptr), exits,
+              "addToList: Datatype was not DATA_LIST!" + last);
+  EXPECT_EXIT(legacy_drep_getNextToInHash(number.get(), nullptr, nullptr), exits,
+              "getNextToInHash: Datatype was not DATA_HASH!" + last);
+  EXPECT_EXIT(legacy_drep_getHashValue(number.get(), "k"), exits,
+              "Not hash in legacy_drep_getHashValue!" + last);
+  EXPECT_EXIT(legacy_drep_getCustomString(number.get(), nullptr), exits,
+              "Scalar was not a custom!" + last);
+  EXPECT_EXIT(legacy_drep_setCustomFromString(number.get(), "1", nullptr), exits,
+              "Scalar was not a custom!" + last);
+  EXPECT_EXIT(legacy_drep_copyData(number.get()), exits,
+              "Only SCALAR_CUSTOM supported in help_copyScalar!" + last);
+  EXPECT_EXIT(legacy_drep_initializeScalar(none.get(), 9, nullptr), exits,
+              "Strange kind of scalar!" + last);
+  UniqueData ipaddr(legacy_drep_createData());
+  legacy_drep_initializeScalar(ipaddr.get(), SCALAR_CUSTOM, "ipaddr");
+  EXPECT_EXIT(legacy_drep_getCustomString(ipaddr.get(), nullptr), exits,
+              "Failed to get string from custom\\." + last);
 }
 
 std::string field(const std::string& text) {
