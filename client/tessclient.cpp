@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "init/log.h"
+#include <cstring>
 
 namespace {
 
@@ -527,7 +527,7 @@ const char* tessclient_status_text(int result) {
     default:
       break;
   }
-  return result < 0 ? errno_text(-result) : "unknown status";
+  return result < 0 ? strerror(-result) : "unknown status";
 }
 
 namespace {
