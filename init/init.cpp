@@ -13,7 +13,6 @@
 #include <memory>
 
 #include "init/log.h"
-#include "server/authorization.h"
 #include "server/server.h"
 
 namespace {
@@ -153,7 +152,6 @@ void write_pid_file() {
 void sigusr1_check() {
   if (!got_sigusr1) return;
   log_info("init", "Got SIGUSR1, reinitializing authorization data.\n");
-  populateUserCache();
   got_sigusr1 = 0;
 }
 
@@ -185,10 +183,6 @@ int tessard_main(int argc, char** argv) {
   umask(022);
   write_pid_file();
 
-  if (populateUserCache() < 0) {
-    log_error("init", "Failed to initialize authorization.");
-    return -1;
-  }
   log_info("init", "Starting server.");
   handleClientConnections(listen_fd);
 }
