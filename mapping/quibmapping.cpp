@@ -1,0 +1,582 @@
+#include "mapping/quibmapping.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "init/log.h"
+#include "mapping/quibmapping_index.h"
+#include "mapping/quibmapping_state.h"
+#include "parsers/quibconfigparser.h"
+#include "values/legacydatarep.h"
+
+int caseSensitive = 0;
+int upgradeMode = 0;
+
+namespace {
+
+constexpr const char* kSource = "quibmapping";
+
+// Option names and values that are common enough to be kept as shared constants.
+constexpr const char* kWellKnownNames[] = {
+    "file", "mount",   "parser", "type",   "dbustype", "dbusgroupadd", "dbusgroupdel",
+    "dbus", "default", "daemon", "signal", "setter",   "getter"};
+constexpr const char* kWellKnownValues[] = {
+    "Standardparser", "Camsettingsparser", "Standard2parser", "Resolvparser", "NWparser",
+    "Passwdparser",   "Groupparser",       "string",          "IP",           "int"};
+// A getter parameter has no backing file and announces nothing but its "dbus" message.
+constexpr const char* kGetterStrippedOptions[] = {"file",     "mount",        "parser",
+                                                  "dbustype", "dbusgroupadd", "dbusgroupdel",
+                                                  "daemon",   "signal",       "setter"};
+constexpr const char kOutOfMemory[] = "Out of memory";
+
+template <size_t N>
+const char* find_text(const char* text, const char* const (&table)[N]) {
+  for (const char* entry : table) {
+    if (strcmp(entry, text) == 0) return entry;
+  }
+  return nullptr;
+}
+
+// Parameters of groups removed with defer were taken out of the indexes at the removal, and their
+// inherited option texts may already be gone with an ancestor.
+bool is_indexed(const Param* param) {
+  return !param->group->removed;
+}
+
+void copy_name(char (&target)[kMapNameMax + 1], const char* name) {
+  size_t length = strnlen(name, kMapNameMax);
+  memcpy(target, name, length);
+  target[length] = '\0';
+}
+
+char* join_path(const char* parent, const char* name) {
+  size_t size = strlen(parent) + strlen(name) + 2;
+  char* path = static_cast<char*>(malloc(size));
+  if (path != nullptr) snprintf(path, size, "%s.%s", parent, name);
+  return path;
+}
+
+// --- Options ------------------------------------------------------------------------------------
+
+// Points *slot at the well-known constant equal to text, or at a heap copy. Returns the size of
+// the owned copy (0 for a constant), or -1 when the copy failed and *slot is "Out of memory".
+template <size_t N>
+int32_t store_text(const char* text, const char* const (&table)[N], char** slot) {
+  if (const char* constant = find_text(text, table)) {
+    *slot = const_cast<char*>(constant);
+    return 0;
+  }
+  *slot = strdup(text);
+  if (*slot != nullptr) return static_cast<int32_t>(strlen(text) + 1);
+  *slot = const_cast<char*>(kOutOfMemory);
+  return -1;
+}
+
+// A new option, or null when the record cannot be had. *failures counts texts that could not be
+// copied.
+Option* new_option(const char* name, const char* value, int* failures) {
+  Option* option = new (std::nothrow) Option{};
+  if (option == nullptr) return nullptr;
+  int32_t name_size = store_text(name, kWellKnownNames, &option->name);
+  int32_t value_size = store_text(value, kWellKnownValues, &option->value);
+  *failures = (name_size < 0) + (value_size < 0);
+  // Names longer than the field can count are still owned; only non-zero matters for names.
+  option->nameSize = static_cast<int16_t>(name_size <= 0 ? 0 : std::min(name_size, 0x7fff));
+  option->valueSize = value_size < 0 ? 0 : value_size;
+  return option;
+}
+
+// Owned texts that option copies still point at after their option took a new value. Nothing
+// records which copies remain, so they are kept until the whole tree goes (map_init).
+std::vector<char*>& retired_texts() {
+  static std::vector<char*>* texts = new std::vector<char*>();
+  return *texts;
+}
+
+void free_retired_texts() {
+  for (char* text : retired_texts()) free(text);
+  retired_texts().clear();
+}
+
+// 0, or 1 when memory ran out and the value became "Out of memory".
+int set_option_value(Option* option, const char* value) {
+  if (option->value != nullptr && strcmp(option->value, value) == 0) return 0;
+  if (option->shareCount != 0) {
+    if (option->valueSize > 0) retired_texts().push_back(option->value);
+    option->value = nullptr;
+    option->valueSize = 0;
+    option->shareCount = 0;
+  }
+  size_t needed = strlen(value) + 1;
+  if (option->valueSize > 0 && static_cast<size_t>(option->valueSize) >= needed) {
+    memcpy(option->value, value, needed);
+    option->valueSize = static_cast<int32_t>(needed);
+    return 0;
+  }
+  void* old = option->valueSize > 0 ? option->value : nullptr;
+  char* buffer = static_cast<char*>(realloc(old, needed));
+  if (buffer == nullptr) {
+    free(old);
+    option->value = const_cast<char*>(kOutOfMemory);
+    option->valueSize = 0;
+    return 1;
+  }
+  memcpy(buffer, value, needed);
+  option->value = buffer;
+  option->valueSize = static_cast<int32_t>(needed);
+  return 0;
+}
+
+Option* find_option(Option* list, const char* name) {
+  for (Option* option = list; option != nullptr; option = option->next) {
+    if (strcmp(option->name, name) == 0) return option;
+  }
+  return nullptr;
+}
+
+// Sets the first option of that name or appends a new one; 0 or -2.
+int set_option(Option** list, const char* name, const char* value) {
+  Option** link = list;
+  for (; *link != nullptr; link = &(*link)->next) {
+    if (strcmp((*link)->name, name) == 0) {
+      set_option_value(*link, value);
+      return 0;
+    }
+  }
+  int failures = 0;
+  *link = new_option(name, value, &failures);
+  return *link != nullptr ? 0 : -2;
+}
+
+// A copy of the list whose records point at the source's texts (see Option::shareCount).
+Option* copy_options(Option* source) {
+  Option* head = nullptr;
+  Option** tail = &head;
+  for (Option* option = source; option != nullptr; option = option->next) {
+    Option* copy = new (std::nothrow) Option{nullptr, option->name, option->value, 0, 0, 0};
+    if (copy == nullptr) log_fatal(kSource, "Out of memory!");
+    // Saturating: a count that wrapped to 0 would let a shared text be overwritten.
+    if (option->shareCount < INT16_MAX) option->shareCount++;
+    *tail = copy;
+    tail = &copy->next;
+  }
+  return head;
+}
+
+void free_option(Option* option) {
+  if (option->nameSize != 0) free(option->name);
+  if (option->valueSize > 0) free(option->value);
+  delete option;
+}
+
+void free_options(Option* list) {
+  while (list != nullptr) {
+    Option* next = list->next;
+    free_option(list);
+    list = next;
+  }
+}
+
+// Removes every option named name from the list.
+void remove_options(Option** list, const char* name) {
+  Option** link = list;
+  while (*link != nullptr) {
+    Option* option = *link;
+    if (strcmp(option->name, name) == 0) {
+      *link = option->next;
+      free_option(option);
+    } else {
+      link = &option->next;
+    }
+  }
+}
+
+// --- Groups -------------------------------------------------------------------------------------
+
+Group* new_group(const char* name, const Group* parent) {
+  Group* group = new (std::nothrow) Group{};
+  if (group == nullptr) return nullptr;
+  copy_name(group->name, name);
+  group->path = parent != nullptr ? join_path(parent->path, group->name) : strdup(group->name);
+  if (group->path == nullptr) {
+    delete group;
+    return nullptr;
+  }
+  return group;
+}
+
+// Places child after every child whose name compares equal or less, without regard to case.
+void insert_child(Group* parent, Group* child) {
+  Group** link = &parent->children;
+  while (*link != nullptr && strcasecmp((*link)->name, child->name) <= 0) link = &(*link)->next;
+  child->next = *link;
+  *link = child;
+  child->parent = parent;
+}
+
+int add_root(const char* name, Group** out) {
+  MapState& state = map_state();
+  if (state.root != nullptr) {
+    if (out != nullptr) *out = state.root;
+    return -1;
+  }
+  Group* root = new_group(name, nullptr);
+  if (root == nullptr) return -2;
+  state.root = root;
+  map_index().add_group(root);
+  if (out != nullptr) *out = root;
+  return 0;
+}
+
+void unlink_child(Group* group) {
+  Group** link = &group->parent->children;
+  while (*link != group) link = &(*link)->next;
+  *link = group->next;
+  group->next = nullptr;
+  group->parent = nullptr;
+}
+
+void free_group(Group* group) {
+  map_unlistGroup(group);
+  Param* param = group->params;
+  while (param != nullptr) {
+    Param* next = param->next;
+    map_freeParam(param);
+    param = next;
+  }
+  free_options(group->options);
+  free(group->path);
+  delete group;
+}
+
+void defer_group(Group* group, int reason) {
+  (void)reason;
+  group->removed = 1;
+  map_addUpdatedGroupList_group(group);
+}
+
+// One group of a removal chain: its subtree first, then the group itself.
+void remove_one(Group* group, int defer, int reason) {
+  group->next = nullptr;
+  Group* children = group->children;
+  group->children = nullptr;
+  if (children != nullptr) map_removeGroup(children, defer, reason);
+  map_index().remove_group(group);
+  for (Param* param = group->params; param != nullptr; param = param->next) {
+    map_index().remove_param(param);
+  }
+  if (defer) {
+    defer_group(group, reason);
+  } else {
+    free_group(group);
+  }
+}
+
+Group* next_in_preorder(const Group* group, const Group* top) {
+  if (group->children != nullptr) return group->children;
+  for (; group != top; group = group->parent) {
+    if (group->next != nullptr) return group->next;
+  }
+  return nullptr;
+}
+
+void print_group(const Group* group) {
+  int& indent = map_state().printIndent;
+  printf("%*s[%s]\n", indent, "", group->name);
+  indent += 2;
+  for (const Param* param = group->params; param != nullptr; param = param->next) {
+    printf("%*s%s: ", indent, "", param->name);
+    for (const Option* option = param->options; option != nullptr; option = option->next) {
+      printf("%s=%s ", option->name, option->value);
+    }
+    putchar('\n');
+  }
+  for (const Group* child = group->children; child != nullptr; child = child->next) {
+    print_group(child);
+  }
+  indent -= 2;
+}
+
+}  // namespace
+
+MapState& map_state() {
+  static MapState* state = new MapState();
+  return *state;
+}
+
+// --- Tree building ------------------------------------------------------------------------------
+
+int map_init(const char* configFile) {
+  MapState& state = map_state();
+  map_emptyUpdatedLists(10);
+  if (state.root != nullptr) map_removeGroupByPath(state.root->path, 0, 10);
+  free_retired_texts();
+  state.changesPending = 0;
+  state.initialSyncDone = 0;
+  if (map_addGroup("root", nullptr, nullptr) != 0)
+    log_fatal(kSource, "Couldn't create root group!");
+  return config_parseFile(configFile, 1);
+}
+
+int map_addGroup(const char* name, Group* parent, Group** out) {
+  if (name == nullptr || name[0] == '\0') return -3;
+  if (parent == nullptr) return add_root(name, out);
+  if (Group* existing = map_findChildGroup(name, parent)) {
+    for (Option* option = parent->options; option != nullptr; option = option->next) {
+      map_setGroupOption(option->name, option->value, existing, 1);
+    }
+    if (out != nullptr) *out = existing;
+    return -1;
+  }
+  Group* group = new_group(name, parent);
+  if (group == nullptr) return -2;
+  insert_child(parent, group);
+  group->options = copy_options(parent->options);
+  map_index().add_group(group);
+  if (out != nullptr) *out = group;
+  return 0;
+}
+
+Group* map_findChildGroup(const char* name, Group* parent) {
+  if (name == nullptr || parent == nullptr) return nullptr;
+  if (parent->removed) {
+    for (Group* child = parent->children; child != nullptr; child = child->next) {
+      if (map_namesEqualN(child->name, name, kMapNameMax)) return child;
+    }
+    return nullptr;
+  }
+  return map_index().find_child(parent, name);
+}
+
+int map_createParam(const char* name, Group* group, Param** out) {
+  if (name == nullptr || group == nullptr) return -3;
+  Param* param = new (std::nothrow) Param{};
+  if (param == nullptr) return -2;
+  copy_name(param->name, name);
+  param->path = join_path(group->path, param->name);
+  if (param->path == nullptr) {
+    delete param;
+    return -2;
+  }
+  param->status = PARAMSTATUS_DEFINED;
+  param->dbusAtStart = 1;
+  param->value = legacy_drep_createData();
+  param->options = copy_options(group->options);
+  copy_name(param->groupName, group->name);
+  param->group = group;
+  param->serial = map_state().nextSerial++;
+  if (group->lastParam != nullptr) {
+    group->lastParam->next = param;
+  } else {
+    group->params = param;
+  }
+  group->lastParam = param;
+  if (is_indexed(param)) map_index().add_param(param);
+  if (out != nullptr) *out = param;
+  return 0;
+}
+
+Param* map_findParamInGroup(const char* name, Group* group) {
+  if (name == nullptr || group == nullptr) return nullptr;
+  if (group->removed) {
+    for (Param* param = group->params; param != nullptr; param = param->next) {
+      if (map_namesEqual(param->name, name)) return param;
+    }
+    return nullptr;
+  }
+  if (strlen(name) > kMapNameMax) return nullptr;  // stored names are never longer
+  std::string key = std::string(group->path) + "." + name;
+  return map_index().find_param(group, key, name);
+}
+
+int map_setParamOption(const char* name, const char* value, Param* param) {
+  bool indexed = strcmp(name, "mount") == 0 && is_indexed(param);
+  if (indexed) map_index().remove_mount(param);
+  int result = set_option(&param->options, name, value);
+  if (indexed) map_index().add_mount(param);
+  return result;
+}
+
+int map_setGroupOption(const char* name, const char* value, Group* group, int keepOwned) {
+  if (keepOwned) {
+    // An inherited or well-known value is overwritten, a value of the group's own kept.
+    Option* existing = find_option(group->options, name);
+    if (existing != nullptr && existing->valueSize > 0) return 0;
+  }
+  return set_option(&group->options, name, value);
+}
+
+int map_applyGetter(Param* param) {
+  if (find_option(param->options, "getter") == nullptr) return 0;
+  // A getter whose value is "disabled" is still a getter parameter: the exemption meant for it
+  // looked at the option's name and so never applied; its getter simply never runs.
+  param->hasGetter = 1;
+  param->getterDone = 0;
+  if (is_indexed(param)) map_index().remove_mount(param);
+  for (const char* name : kGetterStrippedOptions) remove_options(&param->options, name);
+  const Data* value = param->value;
+  if (value->type == DATA_SCALAR && value->scalarKind == SCALAR_CUSTOM &&
+      strcmp(value->typeName, "string") == 0) {
+    return 0;  // declared again: the getter's value is in place already
+  }
+  return legacy_drep_initializeScalar(param->value, SCALAR_CUSTOM, "string");
+}
+
+void map_setParamStatusDefined(Param* param) {
+  if (param == nullptr) return;
+  param->status = PARAMSTATUS_DEFINED;
+  param->synced = 0;
+}
+
+int32_t map_getParamStatus(const Param* param) {
+  return param != nullptr ? param->status : -1;
+}
+
+void map_setParamSynced(Param* param) {
+  if (param != nullptr) param->synced = 1;
+}
+
+void map_freeParam(Param* param) {
+  if (param == nullptr) return;
+  if (is_indexed(param)) map_index().remove_param(param);
+  map_unlistParam(param);
+  free_options(param->options);
+  legacy_drep_freeData(param->value);
+  free(param->path);
+  delete param;
+}
+
+void map_deleteParam(Param* param) {
+  Group* group = param->group;
+  Param* previous = nullptr;
+  Param** link = &group->params;
+  while (*link != param) {
+    previous = *link;
+    link = &(*link)->next;
+  }
+  *link = param->next;
+  if (group->lastParam == param) group->lastParam = previous;
+  map_freeParam(param);
+}
+
+// --- Look-up ------------------------------------------------------------------------------------
+
+Group* map_getRootGroup() {
+  return map_state().root;
+}
+
+Group* map_getGroupByPath(const char* path) {
+  if (path == nullptr || map_state().root == nullptr) return nullptr;
+  return map_index().find_group(path);
+}
+
+Param* map_getParamByPath(const char* path) {
+  if (path == nullptr) return nullptr;
+  const char* dot = strrchr(path, '.');
+  if (dot == nullptr) return nullptr;
+  Group* group = map_state().root != nullptr
+                     ? map_index().find_group(std::string_view(path, dot - path))
+                     : nullptr;
+  if (group == nullptr) return nullptr;
+  const char* name = dot + 1;
+  if (strlen(name) > kMapNameMax) return nullptr;
+  return map_index().find_param(group, path, name);
+}
+
+Option* map_getGroupOption(const Group* group, const char* name) {
+  return group != nullptr && name != nullptr ? find_option(group->options, name) : nullptr;
+}
+
+Option* map_getParamOption(const Param* param, const char* name) {
+  return param != nullptr && name != nullptr ? find_option(param->options, name) : nullptr;
+}
+
+Param* map_findParamByMount(const char* value) {
+  return map_findParamByMountInGroup(nullptr, value);
+}
+
+Param* map_findParamByMountInGroup(const char* groupPath, const char* value) {
+  if (value == nullptr) return nullptr;
+  Group* top = groupPath != nullptr ? map_getGroupByPath(groupPath) : map_state().root;
+  if (top == nullptr) return nullptr;
+  return map_index().find_by_mount(top, value);
+}
+
+Param* map_getParamByIndex(Group* group, int index) {
+  if (index < 0) return nullptr;
+  for (const Group* g = group; g != nullptr; g = next_in_preorder(g, group)) {
+    for (Param* param = g->params; param != nullptr; param = param->next) {
+      if (index-- == 0) return param;
+    }
+  }
+  return nullptr;
+}
+
+Group* map_getChildGroupByIndex(Group* group, int index) {
+  if (group == nullptr || index < 0) return nullptr;
+  Group* child = group->children;
+  for (; child != nullptr && index > 0; index--) child = child->next;
+  return child;
+}
+
+Data* map_getParamData(const Param* param) {
+  return param != nullptr ? param->value : nullptr;
+}
+
+void map_setParamData(Param* param, Data* data) {
+  legacy_drep_freeData(param->value);
+  param->value = data;
+}
+
+void map_printTree(Group* group) {
+  if (group == nullptr) group = map_state().root;
+  if (group != nullptr) print_group(group);
+  fflush(stdout);
+}
+
+// --- Removal ------------------------------------------------------------------------------------
+
+void map_removeGroupByPath(const char* path, int defer, int reason) {
+  MapState& state = map_state();
+  if (state.root == nullptr) return;
+  Group* found = map_getGroupByPath(path);
+  if (found == nullptr) {
+    log_fatal(kSource, "map_removeGroupByPath, The remove algorithm caught an unexpected event");
+  }
+  if (found == state.root) {
+    state.root = nullptr;
+  } else {
+    unlink_child(found);
+  }
+  map_removeGroup(found, defer, reason);
+}
+
+void map_removeGroup(Group* group, int defer, int reason) {
+  if (group == nullptr) return;
+  map_state().changesPending = 1;
+  // The chain after a group goes before it: the last sibling is removed first.
+  std::vector<Group*> chain;
+  for (Group* g = group; g != nullptr; g = g->next) chain.push_back(g);
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) remove_one(*it, defer, reason);
+}
+
+int map_truncateChildGroups(Group* group, int count, int reason) {
+  if (group == nullptr || group->children == nullptr || count <= 0) return 1;
+  Group* last_kept = group->children;
+  for (int i = 1; i < count; i++) {
+    last_kept = last_kept->next;
+    if (last_kept == nullptr) return 1;
+  }
+  Group* rest = last_kept->next;
+  last_kept->next = nullptr;
+  if (rest != nullptr) map_removeGroup(rest, 0, reason);
+  return 0;
+}

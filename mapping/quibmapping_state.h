@@ -1,0 +1,25 @@
+// Module state of the parameter database, shared by its source files (not a public interface).
+#pragma once
+
+#include "mapping/quibmapping.h"
+
+struct MapState {
+  Group* root = nullptr;
+  UpdatedGroupEntry* updatedGroups = nullptr;
+  UpdatedParamEntry* updatedParams = nullptr;
+  int changesPending = 0;   // something awaits synchronisation
+  int initialSyncDone = 0;  // the first full synchronisation has run
+  int signalSyncDone = 0;   // a signal-only synchronisation has nothing new to do
+  int writeBack = 1;        // off: synchronisation reads backing files but never writes them
+  int printIndent = 0;
+  uint64_t nextSerial = 0;
+};
+
+MapState& map_state();
+
+// Takes group out of the updated-group list (first entry only) when it is listed.
+void map_unlistGroup(Group* group);
+// Takes param out of the updated-parameter list when it is listed.
+void map_unlistParam(Param* param);
+// Empties both change lists; groups removed with defer are freed (removal reason given).
+void map_emptyUpdatedLists(int reason);

@@ -1,0 +1,471 @@
+#include "mapping/quibmapping.h"
+
+#include <gtest/gtest.h>
+#include <strings.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "values/legacydatarep.h"
+
+namespace {
+
+class TreeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    caseSensitive = 0;
+    ASSERT_EQ(map_init("/dev/null"), 0);
+    root_ = map_getRootGroup();
+  }
+  void TearDown() override { caseSensitive = 0; }
+
+  Group* group(const char* name, Group* parent = nullptr) {
+    Group* out = nullptr;
+    int result = map_addGroup(name, parent != nullptr ? parent : root_, &out);
+    EXPECT_TRUE(result == 0 || result == -1) << name;
+    return out;
+  }
+  Param* param(const char* name, Group* owner) {
+    Param* out = nullptr;
+    EXPECT_EQ(map_createParam(name, owner, &out), 0);
+    return out;
+  }
+  static std::vector<std::string> child_names(const Group* parent) {
+    std::vector<std::string> names;
+    for (const Group* g = parent->children; g != nullptr; g = g->next) names.push_back(g->name);
+    return names;
+  }
+
+  Group* root_ = nullptr;
+};
+
+TEST_F(TreeTest, CutsNamesAt32AndFindsTheGroupAgainByThePrefix) {
+  std::string long_name(40, 'n');
+  Group* first = group(long_name.c_str());
+  EXPECT_EQ(std::string(first->name), long_name.substr(0, 32));
+  EXPECT_EQ(std::string(first->path), "root." + long_name.substr(0, 32));
+  Group* again = nullptr;
+  EXPECT_EQ(map_addGroup((long_name.substr(0, 32) + "xyz").c_str(), root_, &again), -1);
+  EXPECT_EQ(again, first);
+  Param* p = param(long_name.c_str(), first);
+  EXPECT_EQ(strlen(p->name), 32u);
+  EXPECT_EQ(map_getParamByPath(p->path), p);
+  EXPECT_EQ(map_findParamInGroup(long_name.c_str(), first), nullptr);  // whole names compare
+}
+
+TEST_F(TreeTest, RefusesEmptyGroupNames) {
+  Group* out = nullptr;
+  EXPECT_EQ(map_addGroup("", root_, &out), -3);
+  EXPECT_EQ(map_addGroup(nullptr, root_, &out), -3);
+}
+
+TEST_F(TreeTest, KeepsChildrenSortedWithoutRegardToCaseAndEqualNamesInArrivalOrder) {
+  group("beta");
+  group("Alpha");
+  group("gamma");
+  EXPECT_EQ(child_names(root_), (std::vector<std::string>{"Alpha", "beta", "gamma"}));
+  caseSensitive = 1;
+  group("BETA");
+  group("ALPHA");
+  EXPECT_EQ(child_names(root_),
+            (std::vector<std::string>{"Alpha", "ALPHA", "beta", "BETA", "gamma"}));
+}
+
+struct LookupCase {
+  int case_sensitive;
+  const char* path;
+  bool group_found;
+  bool param_found;
+};
+
+class LookupTest : public TreeTest, public ::testing::WithParamInterface<LookupCase> {};
+
+TEST_P(LookupTest, FollowsTheCaseFlag) {
+  Group* network = group("Network");
+  Param* x = param("x", network);
+  param("p", root_);
+  caseSensitive = GetParam().case_sensitive;
+  std::string path = GetParam().path;
+  EXPECT_EQ(map_getGroupByPath(path.c_str()) != nullptr, GetParam().group_found) << path;
+  EXPECT_EQ(map_getParamByPath((path + ".x").c_str()) == x, GetParam().param_found) << path;
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, LookupTest,
+                         ::testing::Values(LookupCase{0, "root.Network", true, true},
+                                           LookupCase{0, "root.NETWORK", true, true},
+                                           LookupCase{0, "ROOT.network", true, true},
+                                           LookupCase{1, "root.Network", true, true},
+                                           LookupCase{1, "root.NETWORK", false, false},
+                                           LookupCase{0, "root.Net", false, false},
+                                           LookupCase{0, "root.Networks", false, false}));
+
+TEST_F(TreeTest, ParamByPathNeedsADotAndMatchesTheLastComponent) {
+  Param* p = param("p", root_);
+  EXPECT_EQ(map_getParamByPath("root"), nullptr);
+  EXPECT_EQ(map_getParamByPath("root.p"), p);
+  EXPECT_EQ(map_getParamByPath("root.P"), p);
+  EXPECT_EQ(map_getParamByPath("root.q"), nullptr);
+  EXPECT_EQ(map_getParamByPath("root."), nullptr);
+  EXPECT_EQ(map_getGroupByPath("root"), root_);
+}
+
+TEST_F(TreeTest, WalkBacktracksFromAPrefixThatIsNotAnAncestor) {
+  Group* ab = group("ab");
+  Group* abc = group("abc");
+  Group* x = group("x", abc);
+  param("y", ab);
+  Param* y = param("y", x);
+  EXPECT_EQ(map_getGroupByPath("root.abc.x"), x);
+  EXPECT_EQ(map_getParamByPath("root.abc.x.y"), y);
+  EXPECT_EQ(map_getGroupByPath("root.ab.x"), nullptr);
+}
+
+TEST_F(TreeTest, ExistingGroupTakesParentOptionsItLacksAndKeepsItsOwn) {
+  Group* child = group("child");
+  ASSERT_EQ(map_setGroupOption("type", "int", root_, 0), 0);  // after child: not inherited
+  ASSERT_EQ(map_setGroupOption("owned", "mine", child, 0), 0);
+  ASSERT_EQ(map_setGroupOption("owned", "parents", root_, 0), 0);
+  ASSERT_EQ(map_setGroupOption("file", "/etc/a", root_, 0), 0);
+  EXPECT_EQ(map_getGroupOption(child, "type"), nullptr);
+  Group* again = nullptr;
+  EXPECT_EQ(map_addGroup("CHILD", root_, &again), -1);
+  EXPECT_EQ(again, child);
+  EXPECT_STREQ(map_getGroupOption(child, "type")->value, "int");
+  EXPECT_STREQ(map_getGroupOption(child, "file")->value, "/etc/a");
+  EXPECT_STREQ(map_getGroupOption(child, "owned")->value, "mine");
+}
+
+TEST_F(TreeTest, KeepOwnedOverwritesInheritedAndWellKnownValuesOnly) {
+  ASSERT_EQ(map_setGroupOption("inherited", "old", root_, 0), 0);
+  Group* g = group("g");
+  ASSERT_EQ(map_setGroupOption("known", "string", g, 0), 0);  // a well-known constant value
+  ASSERT_EQ(map_setGroupOption("own", "old", g, 0), 0);
+  for (const char* name : {"inherited", "known", "own"}) map_setGroupOption(name, "new", g, 1);
+  EXPECT_STREQ(map_getGroupOption(g, "inherited")->value, "new");
+  EXPECT_STREQ(map_getGroupOption(g, "known")->value, "new");
+  EXPECT_STREQ(map_getGroupOption(g, "own")->value, "old");
+  EXPECT_STREQ(map_getGroupOption(root_, "inherited")->value, "old");  // shared text untouched
+}
+
+TEST_F(TreeTest, OptionCopiesShareTextsUntilEitherSideChanges) {
+  ASSERT_EQ(map_setGroupOption("accessControl", "r:all", root_, 0), 0);
+  Param* p = param("p", root_);
+  Option* source = map_getGroupOption(root_, "accessControl");
+  Option* copy = map_getParamOption(p, "accessControl");
+  EXPECT_EQ(copy->value, source->value);
+  EXPECT_EQ(copy->valueSize, 0);
+  EXPECT_EQ(source->shareCount, 1);
+  ASSERT_EQ(map_setGroupOption("accessControl", "w:all", root_, 0), 0);
+  ASSERT_EQ(map_setGroupOption("late", "x", root_, 0), 0);
+  EXPECT_STREQ(copy->value, "r:all");  // a parameter keeps the options of its creation
+  EXPECT_STREQ(source->value, "w:all");
+  EXPECT_EQ(map_getParamOption(p, "late"), nullptr);
+  ASSERT_EQ(map_setParamOption("accessControl", "x:y", p), 0);
+  EXPECT_STREQ(map_getParamOption(p, "accessControl")->value, "x:y");
+  EXPECT_EQ(map_getParamOption(p, "accessControl")->valueSize, 4);
+}
+
+TEST_F(TreeTest, WellKnownTextsAreConstantsAndOthersOwnedCopies) {
+  Param* p = param("p", root_);
+  ASSERT_EQ(map_setParamOption("parser", "Standardparser", p), 0);
+  ASSERT_EQ(map_setParamOption("custom", "Standardparser2", p), 0);
+  Option* known = map_getParamOption(p, "parser");
+  EXPECT_EQ(known->nameSize, 0);
+  EXPECT_EQ(known->valueSize, 0);
+  Option* custom = map_getParamOption(p, "custom");
+  EXPECT_EQ(custom->nameSize, 7);
+  EXPECT_EQ(custom->valueSize, 16);
+  // A shorter value reuses the owned buffer, a longer one replaces it.
+  ASSERT_EQ(map_setParamOption("custom", "ab", p), 0);
+  EXPECT_EQ(custom->valueSize, 3);
+  ASSERT_EQ(map_setParamOption("custom", "a longer text", p), 0);
+  EXPECT_STREQ(custom->value, "a longer text");
+  EXPECT_EQ(custom->valueSize, 14);
+}
+
+TEST_F(TreeTest, DisabledGetterStillStripsTheFileOptions) {
+  ASSERT_EQ(map_setGroupOption("file", "/etc/x", root_, 0), 0);
+  Param* p = param("p", root_);
+  for (const char* name : {"mount", "parser", "setter", "dbus", "type", "getter"}) {
+    ASSERT_EQ(map_setParamOption(name, name[0] == 'g' ? "disabled" : "v", p), 0);
+  }
+  ASSERT_EQ(map_findParamByMount("v"), p);
+  EXPECT_EQ(map_applyGetter(p), 0);
+  EXPECT_EQ(p->hasGetter, 1);
+  for (const char* gone : {"file", "mount", "parser", "setter"}) {
+    EXPECT_EQ(map_getParamOption(p, gone), nullptr) << gone;
+  }
+  for (const char* kept : {"dbus", "type", "getter"}) {
+    EXPECT_NE(map_getParamOption(p, kept), nullptr) << kept;
+  }
+  EXPECT_EQ(map_findParamByMount("v"), nullptr);
+  EXPECT_STREQ(legacy_drep_getTypeName(p->value), "string");
+  EXPECT_EQ(map_applyGetter(p), 0);  // declared again
+}
+
+TEST_F(TreeTest, MountLookupTakesTheFirstMountOptionInPreOrder) {
+  Group* a = group("a");
+  Group* b = group("b");
+  Group* b1 = group("b1", b);
+  Param* in_b1 = param("p", b1);
+  Param* in_b = param("q", b);
+  Param* second = param("r", b);
+  Param* other = param("s", a);
+  map_setParamOption("mount", "M", in_b1);
+  map_setParamOption("mount", "M", in_b);
+  map_setParamOption("mount", "M", second);
+  map_setParamOption("mount", "first", other);
+  EXPECT_EQ(map_findParamByMount("M"), in_b);  // a group's own params before its children
+  EXPECT_EQ(map_findParamByMountInGroup("root.b.b1", "M"), in_b1);
+  EXPECT_EQ(map_findParamByMountInGroup("root.a", "M"), nullptr);
+  EXPECT_EQ(map_findParamByMountInGroup("root.nothere", "M"), nullptr);
+  EXPECT_EQ(map_findParamByMount("first"), other);
+  map_setParamOption("mount", "moved", in_b);
+  EXPECT_EQ(map_findParamByMount("M"), second);
+  EXPECT_EQ(map_findParamByMount("moved"), in_b);
+}
+
+TEST_F(TreeTest, InheritedMountIsFoundUntilTheParamSetsItsOwn) {
+  Group* g = group("g");
+  ASSERT_EQ(map_setGroupOption("mount", "inherited", g, 0), 0);
+  Param* p = param("p", g);
+  EXPECT_EQ(map_findParamByMount("inherited"), p);
+  ASSERT_EQ(map_setParamOption("mount", "own", p), 0);
+  EXPECT_EQ(map_findParamByMount("inherited"), nullptr);
+  EXPECT_EQ(map_findParamByMount("own"), p);
+}
+
+TEST_F(TreeTest, IndexesCountParamsOfTheSubtreeInPreOrder) {
+  Group* a = group("a");
+  Group* b = group("b");
+  Group* a1 = group("a1", a);
+  Param* p0 = param("p0", root_);
+  Param* b0 = param("b0", b);
+  Param* a10 = param("a10", a1);
+  Param* a0 = param("a0", a);
+  std::vector<Param*> expected{p0, a0, a10, b0};
+  for (size_t i = 0; i < expected.size(); i++)
+    EXPECT_EQ(map_getParamByIndex(root_, i), expected[i]);
+  EXPECT_EQ(map_getParamByIndex(root_, 4), nullptr);
+  EXPECT_EQ(map_getParamByIndex(a, 1), a10);
+  EXPECT_EQ(map_getParamByIndex(a, 2), nullptr);
+  EXPECT_EQ(map_getParamByIndex(root_, -1), nullptr);
+  EXPECT_EQ(map_getChildGroupByIndex(root_, 1), b);
+  EXPECT_EQ(map_getChildGroupByIndex(root_, 2), nullptr);
+  EXPECT_EQ(map_getChildGroupByIndex(root_, -1), nullptr);
+}
+
+TEST_F(TreeTest, RemovalUnlinksTheRightSiblingAndForgetsTheSubtree) {
+  for (const char* name : {"a", "b", "c"}) group(name);
+  Group* b1 = group("b1", map_getGroupByPath("root.b"));
+  param("p", b1);
+  map_setParamOption("mount", "M", b1->params);
+  map_removeGroupByPath("root.b", 0, 10);
+  EXPECT_EQ(child_names(root_), (std::vector<std::string>{"a", "c"}));
+  EXPECT_EQ(map_getGroupByPath("root.b.b1"), nullptr);
+  EXPECT_EQ(map_findParamByMount("M"), nullptr);
+  map_removeGroupByPath("root.a", 0, 10);
+  EXPECT_EQ(child_names(root_), (std::vector<std::string>{"c"}));
+  Group* again = group("b");
+  EXPECT_EQ(map_getGroupByPath("root.b"), again);
+}
+
+TEST_F(TreeTest, DeferredRemovalKeepsTheRecordsListedUntilSync) {
+  Group* a = group("a");
+  Group* a1 = group("a1", a);
+  map_removeGroupByPath("root.a", 1, 10);
+  EXPECT_EQ(map_getGroupByPath("root.a"), nullptr);
+  EXPECT_EQ(root_->children, nullptr);
+  EXPECT_TRUE(a->removed && a1->removed);
+  UpdatedGroupEntry* head = map_getUpdatedGroupList();
+  ASSERT_NE(head, nullptr);
+  EXPECT_EQ(head->group, a);  // the group after its subtree, newest first
+  ASSERT_NE(head->next, nullptr);
+  EXPECT_EQ(head->next->group, a1);
+}
+
+TEST_F(TreeTest, RemovingAMissingPathIsFatal) {
+  EXPECT_EXIT(map_removeGroupByPath("root.none", 0, 10), ::testing::ExitedWithCode(1), "");
+}
+
+struct TruncateCase {
+  int children;
+  int count;
+  int result;
+  int left;
+};
+
+class TruncateTest : public TreeTest, public ::testing::WithParamInterface<TruncateCase> {};
+
+TEST_P(TruncateTest, KeepsTheFirstCountChildren) {
+  Group* parent = group("parent");
+  for (int i = 0; i < GetParam().children; i++) group(("c" + std::to_string(i)).c_str(), parent);
+  EXPECT_EQ(map_truncateChildGroups(parent, GetParam().count, 10), GetParam().result);
+  EXPECT_EQ(static_cast<int>(child_names(parent).size()), GetParam().left);
+}
+
+INSTANTIATE_TEST_SUITE_P(Counts, TruncateTest,
+                         ::testing::Values(TruncateCase{5, 2, 0, 2}, TruncateCase{2, 2, 0, 2},
+                                           TruncateCase{1, 2, 1, 1}, TruncateCase{0, 1, 1, 0},
+                                           TruncateCase{3, 0, 1, 3}));
+
+TEST_F(TreeTest, PrintsGroupsByNameWithParamOptions) {
+  Group* net = group("Network");
+  Param* ip = param("IP", net);
+  map_setParamOption("type", "ip", ip);
+  map_setParamOption("file", "/etc/net", ip);
+  param("Empty", root_);
+  group("Sub", net);
+  testing::internal::CaptureStdout();
+  map_printTree(nullptr);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "[root]\n"
+            "  Empty: \n"
+            "  [Network]\n"
+            "    IP: type=ip file=/etc/net \n"
+            "    [Sub]\n");
+}
+
+TEST_F(TreeTest, ListsAChangedParamOnceNewestFirst) {
+  Group* net = group("Network");
+  Param* a = param("a", net);
+  Param* b = param("b", root_);
+  map_addUpdatedParamList(a);
+  map_addUpdatedParamList(b);
+  map_addUpdatedParamList(a);
+  UpdatedParamEntry* head = map_getUpdatedParamList();
+  ASSERT_NE(head, nullptr);
+  EXPECT_EQ(head->param, b);
+  EXPECT_STREQ(head->envName, "root_b");
+  ASSERT_NE(head->next, nullptr);
+  EXPECT_STREQ(head->next->envName, "root_Network_a");
+  EXPECT_EQ(head->next->next, nullptr);
+  EXPECT_EQ(map_getUpdatedGroupList()->group, root_);
+  EXPECT_EQ(map_getUpdatedGroupList()->next->group, net);
+  EXPECT_EQ(a->status, PARAMSTATUS_UPDATED);
+  map_deleteParam(a);  // a freed parameter leaves the list
+  EXPECT_EQ(map_getUpdatedParamList()->next, nullptr);
+}
+
+TEST_F(TreeTest, GetterWithoutDbusIsMarkedButNotListed) {
+  Param* p = param("p", root_);
+  map_setParamOption("getter", "echo 1", p);
+  ASSERT_EQ(map_applyGetter(p), 0);
+  map_addUpdatedParamList(p);
+  EXPECT_EQ(p->status, PARAMSTATUS_UPDATED);
+  EXPECT_EQ(map_getUpdatedParamList(), nullptr);
+}
+
+Data* string_value(const char* text) {
+  Data* data = legacy_drep_createData();
+  EXPECT_EQ(legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string"), 0);
+  EXPECT_EQ(legacy_drep_setCustomFromString(data, text, nullptr), 0);
+  return data;
+}
+
+TEST_F(TreeTest, ReplacingWithEqualBytesMarksNoChange) {
+  Param* p = param("p", root_);
+  map_replaceParamData(p, string_value("a"));  // DATA_NONE cannot be compared: nothing changes
+  EXPECT_EQ(p->value->type, DATA_NONE);
+  map_setParamData(p, string_value("a"));
+  map_setParamStatusDefined(p);
+  map_replaceParamData(p, string_value("a"));
+  EXPECT_EQ(p->status, PARAMSTATUS_DEFINED);
+  map_replaceParamData(p, string_value("b"));
+  EXPECT_EQ(p->status, PARAMSTATUS_UPDATED);
+  char* text = legacy_drep_getCustomString(p->value, nullptr);
+  EXPECT_STREQ(text, "b");
+  free(text);
+}
+
+TEST_F(TreeTest, StoringAParamThatWasNotUpdatedIsFatal) {
+  Param* p = param("p", root_);
+  EXPECT_EXIT(map_notifyParamStored(p), ::testing::ExitedWithCode(1), "");
+  map_addUpdatedParamList(p);
+  map_notifyParamStored(p);
+  EXPECT_EQ(p->status, PARAMSTATUS_STORED);
+  EXPECT_EQ(p->synced, 1);
+  EXPECT_EQ(p->setterPending, 1);
+}
+
+// --- The indexes against the walks they replace --------------------------------------------------
+
+// The group walk: descend into every child whose path is a prefix of the wanted path.
+Group* walk(Group* current, const char* wanted) {
+  auto equal = [](const char* a, const char* b) {
+    return caseSensitive ? strcmp(a, b) == 0 : strcasecmp(a, b) == 0;
+  };
+  if (equal(current->path, wanted)) return current;
+  for (Group* child = current->children; child != nullptr; child = child->next) {
+    size_t n = strlen(child->path);
+    bool prefix = caseSensitive ? strncmp(child->path, wanted, n) == 0
+                                : strncasecmp(child->path, wanted, n) == 0;
+    if (prefix) {
+      if (Group* found = walk(child, wanted)) return found;
+    }
+  }
+  return nullptr;
+}
+
+Param* walk_mount(Group* group, const char* value) {
+  for (Param* p = group->params; p != nullptr; p = p->next) {
+    Option* mount = map_getParamOption(p, "mount");
+    if (mount != nullptr && strcmp(mount->value, value) == 0) return p;
+  }
+  for (Group* child = group->children; child != nullptr; child = child->next) {
+    if (Param* found = walk_mount(child, value)) return found;
+  }
+  return nullptr;
+}
+
+void collect(Group* group, std::vector<Group*>* groups) {
+  groups->push_back(group);
+  for (Group* child = group->children; child != nullptr; child = child->next) {
+    collect(child, groups);
+  }
+}
+
+TEST_F(TreeTest, IndexedLookupsAgreeWithTheWalksOnRandomTrees) {
+  std::mt19937 random(7);
+  const char* names[] = {"a", "A", "ab", "aB", "b", "a.b", "B.x"};
+  const char* mounts[] = {"M1", "M2", "M3"};
+  auto pick = [&](auto& table) { return table[random() % std::size(table)]; };
+  for (int step = 0; step < 3000; step++) {
+    caseSensitive = random() % 2;
+    std::vector<Group*> groups;
+    collect(root_, &groups);
+    Group* g = groups[random() % groups.size()];
+    switch (random() % 8) {
+      case 0:
+      case 1:
+        group(pick(names), g);
+        break;
+      case 2:
+      case 3:
+        map_setParamOption("mount", pick(mounts), param(pick(names), g));
+        break;
+      case 4:
+        if (g != root_ && random() % 4 == 0) map_removeGroupByPath(g->path, random() % 2, 10);
+        break;
+      default: {
+        std::string path = std::string(g->path) + "." + pick(names);
+        ASSERT_EQ(map_getGroupByPath(path.c_str()), walk(root_, path.c_str())) << path;
+        ASSERT_EQ(map_getGroupByPath(g->path), walk(root_, g->path)) << g->path;
+        const char* mount = pick(mounts);
+        ASSERT_EQ(map_findParamByMountInGroup(g->path, mount),
+                  walk_mount(walk(root_, g->path), mount));
+        const char* name = pick(names);
+        Param* expected = nullptr;
+        for (Param* p = g->params; p != nullptr && expected == nullptr; p = p->next) {
+          if (caseSensitive ? strcmp(p->name, name) == 0 : strcasecmp(p->name, name) == 0)
+            expected = p;
+        }
+        ASSERT_EQ(map_findParamInGroup(name, g), expected);
+      }
+    }
+  }
+}
+
+}  // namespace
