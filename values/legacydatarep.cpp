@@ -310,19 +310,16 @@ int legacy_drep_deleteListItem(Data* list, Data* value) {
 
 // ---- Hashes ------------------------------------------------------------------------------------
 
-Data* legacy_drep_setHashValue(Data* hash, Data* value, const char* key) {
-  if (hash == nullptr || key == nullptr || hash->type != DATA_HASH) {
-    return nullptr;
-  }
-  HashEntry* entry = find_entry(hash, key);
-  if (entry != nullptr) {
-    if (entry->value != value) {
-      legacy_drep_freeData(entry->value);
+HashEntry* drep_internal::store_hash_value(Data* hash, HashEntry* existing, Data* value,
+                                           const char* key) {
+  if (existing != nullptr) {
+    if (existing->value != value) {
+      legacy_drep_freeData(existing->value);
     }
-    entry->value = value;
-    return value;
+    existing->value = value;
+    return existing;
   }
-  entry = static_cast<HashEntry*>(calloc(1, sizeof(HashEntry)));
+  auto* entry = static_cast<HashEntry*>(calloc(1, sizeof(HashEntry)));
   if (entry == nullptr) {
     log_fatal(kSource, "Out of memory when allocating hash value!");
   }
@@ -334,7 +331,15 @@ Data* legacy_drep_setHashValue(Data* hash, Data* value, const char* key) {
   }
   entry->value = value;
   append_entry(hash, entry);
-  return value;
+  return entry;
+}
+
+Data* legacy_drep_setHashValue(Data* hash, Data* value, const char* key) {
+  if (hash == nullptr || key == nullptr || hash->type != DATA_HASH) {
+    return nullptr;
+  }
+  HashEntry* entry = drep_internal::store_hash_value(hash, find_entry(hash, key), value, key);
+  return entry != nullptr ? value : nullptr;
 }
 
 Data* legacy_drep_getHashValue(const Data* hash, const char* key) {
@@ -437,9 +442,10 @@ void help_copyHash(const Data* source, Data* copy) {
   if (legacy_drep_initializeHash(copy) != 0) {
     log_fatal(kSource, "Couldn't initialize hash in help_copyHash!");
   }
+  // The source's keys are distinct, so each copy is appended without searching the copy.
   for (HashEntry* entry = source->firstEntry; entry != nullptr; entry = entry->next) {
     Data* value = help_copyData(entry->value);
-    if (legacy_drep_setHashValue(copy, value, entry->key) == nullptr) {
+    if (drep_internal::store_hash_value(copy, nullptr, value, entry->key) == nullptr) {
       legacy_drep_freeData(value);
     }
   }

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
+#include <unordered_map>
 
 #include "init/log.h"
 #include "values/legacydatarep_internal.h"
@@ -222,7 +224,10 @@ bool help_parseList(const Bytes& in, size_t total, size_t* p, Data* list) {
   return true;
 }
 
+// A repeated key replaces the earlier value in its place, as legacy_drep_setHashValue does; the
+// keys seen so far are indexed so that a large hash is not searched once per entry.
 bool help_parseHash(const Bytes& in, size_t total, size_t* p, Data* hash) {
+  std::unordered_map<std::string_view, HashEntry*> seen;
   while (total > *p) {
     if (in.checked && *p + 2 > total) {
       return false;
@@ -240,10 +245,14 @@ bool help_parseHash(const Bytes& in, size_t total, size_t* p, Data* hash) {
     if (element == nullptr) {
       return false;
     }
-    if (legacy_drep_setHashValue(hash, element, key.get()) == nullptr) {
+    auto found = seen.find(key.get());
+    HashEntry* entry = drep_internal::store_hash_value(
+        hash, found != seen.end() ? found->second : nullptr, element, key.get());
+    if (entry == nullptr) {
       legacy_drep_freeData(element);
       return false;
     }
+    seen.emplace(entry->key, entry);
     *p += 2 + keyLength + used;
   }
   return true;
