@@ -1,0 +1,97 @@
+// Test support for the setter and getter tests: a fresh tree, parameters with text values, a
+// scratch directory and a private bus.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "dbussend/dbussend.h"
+#include "dbussend/testbus.h"
+#include "init/logcapture.h"
+#include "mapping/quibmapping.h"
+#include "mapping/setters.h"
+#include "values/legacydatarep.h"
+
+namespace tessard::test {
+
+class AnnounceTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    upgradeMode = 0;
+    ASSERT_EQ(map_init("/dev/null"), 0);
+    update_clearRunSetters();
+    update_clearSignalledProcesses();
+    clear_captured_log();
+    const char* base = getenv("TMPDIR");
+    std::string pattern = std::string(base && *base ? base : "/tmp") + "/tessard-set-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    dir_ = pattern;
+  }
+
+  void TearDown() override {
+    upgradeMode = 0;
+    std::error_code ignored;
+    std::filesystem::remove_all(dir_, ignored);
+  }
+
+  // Starts a private bus for the library's system and session connections.
+  void start_bus() {
+    std::string error;
+    ASSERT_TRUE(bus_.start(&error)) << error;
+    bus_.export_address();
+    ASSERT_TRUE(recorder_.connect(bus_.address(), "org.tessard.Recorder", &error)) << error;
+  }
+
+  // The messages that reached the recorder since the last call: everything the library's
+  // connection sent before a marker sent now.
+  std::vector<testbus::Recorded> messages() {
+    DbusSendMessage* marker = dbus_send_from_string(testbus::kMarkerText, nullptr);
+    EXPECT_NE(dbus_send_send_message(marker, nullptr), 0);
+    dbus_send_free(marker);
+    return recorder_.wait_for_marker();
+  }
+
+  static Group* group(const char* name, Group* parent = nullptr) {
+    Group* out = nullptr;
+    map_addGroup(name, parent != nullptr ? parent : map_getRootGroup(), &out);
+    return out;
+  }
+
+  // A parameter holding a "string" value, with options given as name, value pairs.
+  static Param* param(Group* owner, const char* name, const char* value,
+                      std::initializer_list<std::pair<const char*, const char*>> options = {}) {
+    Param* p = nullptr;
+    EXPECT_EQ(map_createParam(name, owner, &p), 0);
+    for (const auto& [option, text] : options) map_setParamOption(option, text, p);
+    legacy_drep_initializeScalar(p->value, SCALAR_CUSTOM, "string");
+    legacy_drep_setCustomFromString(p->value, value, nullptr);
+    return p;
+  }
+
+  static std::string value_of(const Param* p) {
+    if (p->value->type != DATA_SCALAR) return "<none>";
+    char* text = legacy_drep_getCustomString(p->value, nullptr);
+    std::string result = text;
+    free(text);
+    return result;
+  }
+
+  std::string read_file(const std::string& name) const {
+    std::ifstream in(dir_ + "/" + name);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+  std::string dir_;
+  testbus::PrivateBus bus_;
+  testbus::Recorder recorder_;
+};
+
+}  // namespace tessard::test
