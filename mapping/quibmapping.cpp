@@ -14,6 +14,7 @@
 #include "init/log.h"
 #include "mapping/quibmapping_index.h"
 #include "mapping/quibmapping_state.h"
+#include "mapping/setters.h"
 #include "parsers/quibconfigparser.h"
 #include "values/legacydatarep.h"
 
@@ -257,8 +258,12 @@ void free_group(Group* group) {
   delete group;
 }
 
+// Reasons 9 and 12 (sync modes that announce nothing) remove a group silently.
 void defer_group(Group* group, int reason) {
-  (void)reason;
+  const Option* message = map_getGroupOption(group, "dbusgroupdel");
+  if (message != nullptr && reason != 9 && reason != 12) {
+    map_sendGroupDbusMessage(message->value, group);
+  }
   group->removed = 1;
   map_addUpdatedGroupList_group(group);
 }
@@ -319,6 +324,8 @@ int map_init(const char* configFile) {
   map_emptyUpdatedLists(10);
   if (state.root != nullptr) map_removeGroupByPath(state.root->path, 0, 10);
   free_retired_texts();
+  update_clearSignalledProcesses();
+  update_clearRunSetters();
   state.changesPending = 0;
   state.initialSyncDone = 0;
   if (map_addGroup("root", nullptr, nullptr) != 0)

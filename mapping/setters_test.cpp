@@ -101,6 +101,18 @@ TEST_F(SetterDbusMessageTest, GroupMessageFillsPathNumberAndNameAlsoInUpgradeMod
   EXPECT_EQ(got[0].args, (Args{"root.Sub.S12", "x12", "S12"}));
 }
 
+TEST_F(SetterDbusMessageTest, DeferredRemovalSendsTheGroupMessageUnlessTheReasonIsSilent) {
+  for (const char* name : {"I1", "I2", "I3"}) {
+    map_setGroupOption("dbusgroupdel", "/g org.t.If.Removed string:$GROUPNUM", group(name), 0);
+  }
+  map_removeGroupByPath("root.I1", 1, 0);
+  map_removeGroupByPath("root.I2", 1, 9);
+  map_removeGroupByPath("root.I3", 1, 12);
+  auto got = messages();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].args, Args{"1"});
+}
+
 TEST_F(SetterDbusMessageTest, UpgradeModeSendsNoParameterMessage) {
   upgradeMode = 1;
   map_sendParamDbusMessage(kTemplate, param(group("G"), "p", "v"));
