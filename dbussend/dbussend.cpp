@@ -164,6 +164,23 @@ const char* parse_variant(std::string_view rest, Arg* arg) {
   return nullptr;
 }
 
+// Items of an array or dict: even ones (array elements, dict keys) of type even_code, odd ones
+// (dict values) of type odd_code.
+const char* parse_items(std::string_view list, char even_code, char odd_code, Arg* arg) {
+  std::vector<std::string_view> items = split_items(list);
+  if (arg->kind == ArgKind::kDict && items.size() % 2 != 0) {
+    return "a key has no value";
+  }
+  for (size_t i = 0; i < items.size(); ++i) {
+    Arg item;
+    if (!parse_basic_value(i % 2 == 0 ? even_code : odd_code, items[i], &item)) {
+      return "an item does not fit its type";
+    }
+    arg->items.push_back(std::move(item));
+  }
+  return nullptr;
+}
+
 const char* parse_array(std::string_view rest, Arg* arg) {
   std::string_view type;
   std::string_view list;
@@ -176,14 +193,7 @@ const char* parse_array(std::string_view rest, Arg* arg) {
   }
   arg->kind = ArgKind::kArray;
   arg->signature = std::string("a") + *code;
-  for (std::string_view item : split_items(list)) {
-    Arg element;
-    if (!parse_basic_value(*code, item, &element)) {
-      return "an element does not fit its type";
-    }
-    arg->items.push_back(std::move(element));
-  }
-  return nullptr;
+  return parse_items(list, *code, *code, arg);
 }
 
 const char* parse_dict(std::string_view rest, Arg* arg) {
@@ -198,20 +208,9 @@ const char* parse_dict(std::string_view rest, Arg* arg) {
   if (!key_code || !value_code) {
     return "unknown key or value type";
   }
-  std::vector<std::string_view> items = split_items(list);
-  if (items.size() % 2 != 0) {
-    return "a key has no value";
-  }
   arg->kind = ArgKind::kDict;
   arg->signature = std::string("a{") + *key_code + *value_code + "}";
-  for (size_t i = 0; i < items.size(); ++i) {
-    Arg item;
-    if (!parse_basic_value(i % 2 == 0 ? *key_code : *value_code, items[i], &item)) {
-      return "a key or value does not fit its type";
-    }
-    arg->items.push_back(std::move(item));
-  }
-  return nullptr;
+  return parse_items(list, *key_code, *value_code, arg);
 }
 
 const char* parse_arg(std::string_view word, Arg* arg) {

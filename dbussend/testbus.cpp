@@ -67,6 +67,25 @@ bool read_line(int fd, int timeout_ms, std::string* line) {
   }
 }
 
+// Forks a child that runs `child` with the write end of a pipe (it never returns), and waits for
+// the first line the child writes there. Returns the child's pid (or -1) and whether a line came.
+bool spawn(const std::function<void(int)>& child, pid_t* pid, std::string* line) {
+  int fds[2];
+  if (pipe2(fds, O_CLOEXEC) != 0) {
+    return false;
+  }
+  *pid = fork();
+  if (*pid == 0) {
+    close(fds[0]);
+    child(fds[1]);
+    _exit(127);
+  }
+  close(fds[1]);
+  bool ok = *pid > 0 && read_line(fds[0], kStartTimeoutMs, line);
+  close(fds[0]);
+  return ok;
+}
+
 void stop_child(pid_t* pid) {
   if (*pid <= 0) {
     return;
@@ -190,20 +209,17 @@ bool PrivateBus::start(std::string* error) {
     *error = "cannot prepare a directory for dbus-daemon";
     return false;
   }
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) {
-    return false;
-  }
-  pid_ = fork();
-  if (pid_ == 0) {
-    dup2(fds[1], 3);
+  auto daemon = [&](int fd) {
+    // Descriptor 3 must survive exec; the pipe's own descriptor is closed on exec.
+    if (fd == 3) {
+      fcntl(fd, F_SETFD, 0);
+    } else {
+      dup2(fd, 3);
+    }
     std::string config = "--config-file=" + dir_ + "/bus.conf";
     execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--print-address=3", nullptr);
-    _exit(127);
-  }
-  close(fds[1]);
-  bool ok = pid_ > 0 && read_line(fds[0], kStartTimeoutMs, &address_);
-  close(fds[0]);
+  };
+  bool ok = spawn(daemon, &pid_, &address_);
   if (!ok) {
     *error = "dbus-daemon did not start (is it installed?)";
   }
@@ -298,19 +314,8 @@ std::vector<Recorded> Recorder::wait_for_marker(int timeout_ms) {
 
 bool ServiceChild::start(const std::string& address, const char* name, const Answers& answers,
                          std::string* error) {
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) {
-    return false;
-  }
-  pid_ = fork();
-  if (pid_ == 0) {
-    close(fds[0]);
-    serve(address, name, answers, fds[1]);
-  }
-  close(fds[1]);
   std::string line;
-  bool ok = pid_ > 0 && read_line(fds[0], kStartTimeoutMs, &line);
-  close(fds[0]);
+  bool ok = spawn([&](int fd) { serve(address, name, answers, fd); }, &pid_, &line);
   if (!ok) {
     *error = std::string("the test service could not take the name ") + name;
   }

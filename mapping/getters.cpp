@@ -24,10 +24,6 @@ constexpr int kGetterAttempts = 3;
 // The text of a custom value read as an integer must fit this buffer.
 constexpr int kIntTextSize = 20;
 
-bool starts_with(const char* text, std::string_view prefix) {
-  return strncmp(text, prefix.data(), prefix.size()) == 0;
-}
-
 // Runs command and collects all its output, trailing newline included. Returns false (after
 // logging) when it cannot be started; *status gets pclose's result.
 bool run_command(const Param* param, const char* command, std::string* output, int* status) {

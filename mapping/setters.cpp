@@ -53,10 +53,6 @@ bool setter_already_run(const char* command) {
   return run_setters().index.contains(command);
 }
 
-bool starts_with(const char* text, std::string_view prefix) {
-  return strncmp(text, prefix.data(), prefix.size()) == 0;
-}
-
 // The group number: the name without its first character, when that rest is one or more decimal
 // digits; empty when the name has none.
 std::string group_number(const char* name) {

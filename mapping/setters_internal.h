@@ -2,10 +2,16 @@
 #pragma once
 
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <string_view>
 
 struct FreeDeleter {
   void operator()(void* p) const { free(p); }
 };
 // A text from malloc/strdup, released with free().
 using CString = std::unique_ptr<char, FreeDeleter>;
+
+inline bool starts_with(const char* text, std::string_view prefix) {
+  return strncmp(text, prefix.data(), prefix.size()) == 0;
+}
