@@ -138,6 +138,18 @@ bool read_int(const char* text, int* out) {
   return true;
 }
 
+// Loaded values are custom scalars; the other scalar kinds are corrected in their own form
+// rather than ending the process.
+void set_corrected_value(Data* value, int number, const char* text) {
+  if (value->scalarKind == SCALAR_INT) {
+    legacy_drep_setInt(value, number);
+  } else if (value->scalarKind == SCALAR_STRING) {
+    legacy_drep_setString(value, text);
+  } else {
+    legacy_drep_setCustomFromString(value, text, nullptr);
+  }
+}
+
 }  // namespace
 
 void map_updateRunGetter(Param* param, const char* command) {
@@ -227,5 +239,5 @@ void map_checkParamConstraint(Param* param, int blockDbus) {
   char text[16];
   snprintf(text, sizeof text, "%d", value);
   log_info(kSource, "%s received a value out of range when defined.", param->name);
-  legacy_drep_setCustomFromString(param->value, text, nullptr);
+  set_corrected_value(param->value, value, text);
 }

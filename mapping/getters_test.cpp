@@ -164,6 +164,18 @@ INSTANTIATE_TEST_SUITE_P(
                        "level was supposed to be an int, but wasn't. Value check has been "
                        "ignored."}));
 
+using GetterIntScalarTest = AnnounceTest;
+
+TEST_F(GetterIntScalarTest, ConstraintCorrectsAnIntegerScalarInItsOwnForm) {
+  Param* p = nullptr;
+  ASSERT_EQ(map_createParam("n", group("G"), &p), 0);
+  map_setParamOption("type", "int:min=0,max=10", p);
+  legacy_drep_initializeScalar(p->value, SCALAR_INT, nullptr);
+  legacy_drep_setInt(p->value, 15);
+  map_checkParamConstraint(p, 0);
+  EXPECT_EQ(legacy_drep_getInt(p->value), 10);
+}
+
 // Bounds fetched over D-Bus from a service answering GetMin and GetMax.
 class GetterDbusTypeTest : public AnnounceTest {
  protected:
