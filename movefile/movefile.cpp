@@ -8,11 +8,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
-#include <utility>
 
 #include "init/log.h"
+#include "movefile/handles.h"
 
 // Last, so that dirname and basename are the POSIX functions (basename may change its argument).
 #include <libgen.h>
@@ -24,29 +23,6 @@ constexpr size_t kPathMax = 4096;
 constexpr size_t kLinkStep = 80;
 constexpr int kRetries = 5;
 constexpr const char* kSafeMove = "safe_move_file";
-
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
-using CString = std::unique_ptr<char, FreeDeleter>;
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() { reset(); }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-  void reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
 
 // The temporary copy of safe_move_file: unlinked unless it was renamed into place.
 class TempFile {
