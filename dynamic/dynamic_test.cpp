@@ -1,0 +1,268 @@
+// The file side of dynamic groups: names, templates, and the rewriting of group and parameter
+// files, without the parameter database.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "dynamic/dynamic.h"
+#include "dynamic/dynamic_internal.h"
+#include "dynamic/dynamic_testing.h"
+
+namespace {
+
+// Runs a stream function over TEXT and returns what it wrote.
+template <typename Rewrite>
+std::string rewrite(const std::string& text, Rewrite fn, int* rc) {
+  std::string input = text;
+  FILE* in = fmemopen(input.data(), input.size(), "r");
+  char* buf = nullptr;
+  size_t size = 0;
+  FILE* out = open_memstream(&buf, &size);
+  *rc = fn(in, out);
+  fclose(out);
+  fclose(in);
+  std::string result(buf, size);
+  free(buf);
+  return result;
+}
+
+class DynamicFilesTest : public DynamicDirsTest {};
+
+struct MergeCase {
+  const char* line;
+  const char* group;  // written for a group template (file name given)
+  const char* param;  // written for a parameter template
+};
+
+TEST_F(DynamicFilesTest, MergeTextSubstitutesOnePlaceholderPerLine) {
+  const MergeCase cases[] = {
+      {"group REPLACE_GROUP {\n", "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n",
+       "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n"},
+      {"x REPLACE_NBR REPLACE\n", "x 10 REPLACE\n", "x 10 REPLACE\n"},
+      {"REPLACE then REPLACE_NBR\n", "REPLACE then 10\n", "REPLACE then 10\n"},
+      {"file = \"REPLACE_FILE\"\n", "file = \"/d/net.conf\"\n", "file = \"Net.I10_FILE\"\n"},
+      {"[REPLACE]\n", "[Net.I10]\n", "[Net.I10]\n"},
+      {"  type = \"string\"\n", "  type = \"dynamic:string\"\n", "  type = \"string\"\n"},
+      {"type = \"a b\"\n", "type = \"a b\"\n", "type = \"a b\"\n"},
+      {"no newline", "no newline\n", "no newline\n"},
+  };
+  for (const MergeCase& c : cases) {
+    SCOPED_TRACE(c.line);
+    write_text(dir("tmpl") + "/Eth_grp.conf", c.line);
+    char* buf = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&buf, &size);
+    std::string primary = dir("tmpl") + "/Eth_grp.conf";
+    ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", "/d/net.conf"), 0);
+    ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", nullptr), 0);
+    fclose(out);
+    EXPECT_EQ(std::string(buf, size), std::string(c.group) + c.param);
+    free(buf);
+  }
+}
+
+TEST_F(DynamicFilesTest, MergeTextFallsBackAndFailsWithoutTemplate) {
+  write_text(dir("tmplfb") + "/Eth_par.conf", "[REPLACE]\n");
+  char* buf = nullptr;
+  size_t size = 0;
+  FILE* out = open_memstream(&buf, &size);
+  EXPECT_EQ(merge_text(out, dir("tmpl") + "/Eth_par.conf", dir("tmplfb") + "/Eth_par.conf", "A.I0",
+                       nullptr),
+            0);
+  EXPECT_EQ(merge_text(out, "/none/x", "/none/y", "A.I0", nullptr), -1);
+  fclose(out);
+  EXPECT_EQ(std::string(buf, size), "[A.I0]\n");
+  free(buf);
+}
+
+TEST_F(DynamicFilesTest, ReplaceTextAlwaysHoldsTheWholeResult) {
+  size_t capacity = 8;
+  char* line = static_cast<char*>(malloc(capacity));
+  strcpy(line, "a_X_b");
+  std::string long_text(300, 'y');
+  line = replace_text(line, &capacity, 2, 1, long_text.c_str());
+  EXPECT_EQ(std::string(line), "a_" + long_text + "_b");
+  EXPECT_GT(capacity, strlen(line));
+  free(line);
+}
+
+TEST_F(DynamicFilesTest, GetOptionFromTemplate) {
+  write_text(dir("tmplfb") + "/Eth_grp.conf",
+             "maxGroups = \"4\n"
+             "x = 1\n"
+             "  maxGroups = \"3\" # later \"5\"\n"
+             "accessControl = \"admin\"\n");
+  char* value = nullptr;
+  ASSERT_EQ(get_option_from_template("Eth", "maxGroups", &value), 0);
+  EXPECT_STREQ(value, "3");
+  free(value);
+  ASSERT_EQ(get_option_from_template("Eth", "missing", &value), 0);
+  EXPECT_EQ(value, nullptr);
+  EXPECT_EQ(get_option_from_template("Other", "maxGroups", &value), 2);
+  write_text(dir("tmpl") + "/Eth_grp.conf", "maxGroups = \"9\"\n");
+  ASSERT_EQ(get_option_from_template("Eth", "maxGroups", &value), 0);
+  EXPECT_STREQ(value, "9") << "the primary template directory comes first";
+  free(value);
+}
+
+TEST_F(DynamicFilesTest, FileNamesAreNormalised) {
+  EXPECT_EQ(data_file_name("Net", false), dir("dyn/param") + "/net.conf");
+  EXPECT_EQ(data_file_name("Foo.Bar", true), dir("dyn") + "/foo_bar.conf");
+  EXPECT_EQ(data_file_name("Net.CONF", true), dir("dyn") + "/net.conf.conf");
+  EXPECT_EQ(pending_file_name("Foo.Bar", kTempPar), dir("scratch") + "/foo_bar_temp_par");
+}
+
+TEST_F(DynamicFilesTest, ParsePathSkipsRootAndSplitsAtDots) {
+  struct Case {
+    const char* path;
+    std::vector<std::string> components;
+  } cases[] = {
+      {"root.Foo.Bar", {"Foo", "Bar"}}, {"root", {}}, {"Net.I0", {"I0"}}, {"root..A", {"", "A"}}};
+  for (const Case& c : cases) {
+    std::string path = c.path;
+    std::vector<char*> parts = parse_path(path.data());
+    EXPECT_EQ(std::vector<std::string>(parts.begin(), parts.end()), c.components) << c.path;
+  }
+}
+
+TEST_F(DynamicFilesTest, GetFileCreatesTheHeaderUnlessForbidden) {
+  std::string name;
+  FILE* missing = get_file("Net.Sub", &name, true, true);
+  EXPECT_EQ(missing, nullptr);
+  EXPECT_EQ(name, dir("dyn") + "/net_sub.conf");
+  FILE* made = get_file("Net.Sub", &name, true, false);
+  ASSERT_NE(made, nullptr);
+  fclose(made);
+  EXPECT_EQ(read_text(name), "#Created by tessard\n");
+  EXPECT_FALSE(exists(name + ".tmp"));
+}
+
+TEST_F(DynamicFilesTest, DirectoriesAreMadeParameterDirectoryFirst) {
+  EXPECT_EQ(create_directory(dir("dyn").c_str(), "parameter"), 0) << "existing directory";
+  write_text(dir("plain"), "x");
+  EXPECT_EQ(create_directory(dir("plain").c_str(), "parameter"), 0) << "a file is accepted";
+  std::string fresh = dir("fresh");
+  EXPECT_EQ(dyn_init("/t1", "/t2", (fresh + "/param").c_str(), fresh.c_str()), 0);
+  EXPECT_TRUE(std::filesystem::is_directory(fresh + "/param"));
+  std::string blocked = dir("missing/deeper");
+  EXPECT_EQ(dyn_init("/t1", "/t2", (blocked + "/param").c_str(), blocked.c_str()), -1);
+  EXPECT_FALSE(exists(blocked));
+}
+
+// The group file of parent Interface with I0 and I2, and another group's block that must be copied
+// through untouched.
+constexpr const char* kInterfaceFile =
+    "#Created by tessard\n"
+    "group Other {\n"
+    "group I1 {\n"
+    "}\n"
+    "}\n"
+    "group Interface {\n"
+    "group I0 {\n"
+    "#DO NOT REMOVE THIS LINE: Interface.I0 Eth\n"
+    "param a {\n"
+    "}\n"
+    "}\n"
+    "group I2 {\n"
+    "}\n"
+    "}\n";
+
+struct PlaceCase {
+  const char* name;
+  std::vector<std::string> parent;
+  int number;
+  std::string input;
+  std::string expected;
+};
+
+TEST_F(DynamicFilesTest, NewGroupBlockGoesToItsSortedPlace) {
+  write_text(dir("tmpl") + "/Eth_grp.conf", "NEW REPLACE_GROUP\n");
+  std::string head = "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\ngroup Interface {\n";
+  std::string i0 = "group I0 {\n#DO NOT REMOVE THIS LINE: Interface.I0 Eth\nparam a {\n}\n}\n";
+  const PlaceCase cases[] = {
+      {"gap before the higher sibling",
+       {"Interface"},
+       1,
+       kInterfaceFile,
+       head + i0 + "NEW I1\n#DO NOT REMOVE THIS LINE: Interface.I1 Eth\ngroup I2 {\n}\n}\n"},
+      {"after all siblings",
+       {"Interface"},
+       17,
+       kInterfaceFile,
+       head + i0 + "group I2 {\n}\nNEW I17\n#DO NOT REMOVE THIS LINE: Interface.I17 Eth\n}\n"},
+      {"header only",
+       {"Net", "Sub"},
+       0,
+       "#Created by tessard\n",
+       "#Created by tessard\ngroup Net {\ngroup Sub {\nNEW S0\n"
+       "#DO NOT REMOVE THIS LINE: Net.Sub.S0 Eth\n}\n}\n"},
+      {"missing inner block",
+       {"interface", "Sub"},
+       0,
+       kInterfaceFile,
+       head + i0 +
+           "group I2 {\n}\ngroup Sub {\nNEW S0\n"
+           "#DO NOT REMOVE THIS LINE: interface.Sub.S0 Eth\n}\n}\n"},
+  };
+  for (const PlaceCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> storage = c.parent;
+    std::vector<char*> parent;
+    for (std::string& s : storage) parent.push_back(s.data());
+    std::string groupPath;
+    for (const std::string& s : c.parent) groupPath += s + ".";
+    groupPath += std::string(1, c.parent.back()[0]) + std::to_string(c.number);
+    TemplateMerge merge{dir("tmpl") + "/Eth_grp.conf", "/none", groupPath, "/d/x.conf"};
+    int rc = -1;
+    std::string out = rewrite(
+        c.input,
+        [&](FILE* in, FILE* o) {
+          return find_sorted_place_in_file(in, o, parent, c.parent.back()[0], c.number, merge);
+        },
+        &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, c.expected);
+  }
+}
+
+TEST_F(DynamicFilesTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
+  std::string file = std::string(kInterfaceFile) + "group Interface2 {\n}\n";
+  std::string a = "Interface", b = "I0";
+  std::vector<char*> group{a.data(), b.data()};
+  int rc = -1;
+  std::string out = rewrite(
+      file, [&](FILE* in, FILE* o) { return copy_without_group(in, o, group, "scratch"); }, &rc);
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(out,
+            "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\ngroup Interface {\n"
+            "group I2 {\n}\n}\ngroup Interface2 {\n}\n");
+  std::string other = "I1";
+  group = {a.data(), other.data()};
+  out = rewrite(
+      file, [&](FILE* in, FILE* o) { return copy_without_group(in, o, group, "scratch"); }, &rc);
+  EXPECT_EQ(out, file) << "I1 of another parent is not the group to delete";
+}
+
+TEST_F(DynamicFilesTest, DeletedGroupSectionsAreDroppedButNotPrefixSiblings) {
+  const std::string file =
+      "#Created by tessard\n"
+      "[Net.I0]\nA=1\n"
+      "[Net.I0.x]\nB=2\n"
+      "[Net.I01]\nC=3\n"
+      "[Net.I0]\nD=4\n"
+      "[Net.I1]\nE=5\n";
+  int rc = -1;
+  std::string out = rewrite(
+      file, [](FILE* in, FILE* o) { return copy_without_sections(in, o, "[Net.I0"); }, &rc);
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(out, "#Created by tessard\n[Net.I01]\nC=3\n[Net.I1]\nE=5\n");
+}
+
+}  // namespace
