@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "dynamic/dynamic.h"
 #include "init/log.h"
 #include "server/server.h"
 
@@ -182,6 +183,12 @@ int tessard_main(int argc, char** argv) {
   }
   umask(022);
   write_pid_file();
+  if (dyn_init("/usr/etc/sysconfig/template", "/etc/sysconfig/template", "/etc/dynamic/param",
+               "/etc/dynamic") < 0) {
+    log_error("init", "Initialization of the dynamic directories failed.");
+    close(listen_fd);
+    return -1;
+  }
 
   log_info("init", "Starting server.");
   handleClientConnections(listen_fd);
