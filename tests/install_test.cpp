@@ -1,0 +1,89 @@
+// cmake --install into a temporary prefix: every piece a device builder needs lands there, and the
+// C example builds against the installed client library through pkg-config.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+// Runs a shell command; returns its exit status (-1 when it did not exit) and its output.
+int run(const std::string& command, std::string* output) {
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return -1;
+  char buffer[4096];
+  size_t got = 0;
+  while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) output->append(buffer, got);
+  int status = pclose(pipe);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class InstallTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = std::string(TESSARD_BUILD_DIR) + "/installXXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr) << "mkdtemp under " << TESSARD_BUILD_DIR;
+    prefix_ = pattern;
+    std::string out;
+    ASSERT_EQ(run("cmake --install '" TESSARD_BUILD_DIR "' --prefix '" + prefix_ + "'", &out), 0)
+        << out;
+  }
+
+  void TearDown() override {
+    if (!prefix_.empty() && system(("rm -rf '" + prefix_ + "'").c_str()) != 0) {
+      ADD_FAILURE() << "could not remove " << prefix_;
+    }
+  }
+
+  std::string prefix_;
+};
+
+TEST_F(InstallTest, PutsEveryPieceUnderThePrefix) {
+  struct Piece {
+    std::string path;
+    bool executable;
+  };
+  const std::string libdir = TESSARD_LIBDIR;
+  const Piece pieces[] = {
+      {"sbin/tessard", true},
+      {"bin/tessctl", true},
+      {libdir + "/libtessard_client.a", false},
+      {libdir + "/pkgconfig/tessard-client.pc", false},
+      {"include/tessard/tessclient.h", false},
+      {"lib/systemd/system/tessard.service", false},
+      {"lib/systemd/system/tessard.socket", false},
+      {"lib/tmpfiles.d/tessard.conf", false},
+      {"share/tessard/example-device/etc/tessard/tessard.conf", false},
+      {"share/tessard/example-device/usr/libexec/tessard/uptime", true},
+  };
+  for (const Piece& piece : pieces) {
+    struct stat st {};
+    ASSERT_EQ(stat((prefix_ + "/" + piece.path).c_str(), &st), 0) << piece.path << " is missing";
+    EXPECT_TRUE(S_ISREG(st.st_mode)) << piece.path;
+    EXPECT_EQ((st.st_mode & 0111) != 0, piece.executable) << piece.path;
+  }
+}
+
+TEST_F(InstallTest, CExampleBuildsWithPkgConfig) {
+  const std::string program = prefix_ + "/tessget";
+  const std::string build = "export PKG_CONFIG_PATH='" + prefix_ +
+                            "/" TESSARD_LIBDIR "/pkgconfig'; cc " TESSARD_EXAMPLE_CFLAGS
+                            " '" TESSARD_SOURCE_DIR
+                            "/examples/client/tessget.c' $(pkg-config --cflags --libs "
+                            "tessard-client) -o '" +
+                            program + "'";
+  std::string out;
+  ASSERT_EQ(run(build, &out), 0) << build << "\n" << out;
+
+  // No daemon listens at this path: the program reports it and exits with its status 3.
+  out.clear();
+  EXPECT_EQ(run("TESSARD_SOCKET='" + prefix_ + "/nosocket' '" + program + "' root.a.b", &out), 3);
+  EXPECT_NE(out.find("tessget: cannot reach tessard"), std::string::npos) << out;
+  out.clear();
+  EXPECT_EQ(run("'" + program + "'", &out), 2) << out;
+}
+
+}  // namespace
