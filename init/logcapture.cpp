@@ -15,7 +15,10 @@ std::vector<CapturedLine>& lines() {
 
 void record(int priority, const char* format, va_list args) {
   char text[4096];
-  vsnprintf(text, sizeof text, format, args);  // the C library expands %m here as well
+  va_list copy;
+  va_copy(copy, args);
+  vsnprintf(text, sizeof text, format, copy);  // the C library expands %m here as well
+  va_end(copy);
   lines().push_back(CapturedLine{LOG_PRI(priority), text});
   fprintf(stderr, "log<%d>: %s\n", LOG_PRI(priority), text);
 }
@@ -33,7 +36,9 @@ void clear_captured_log() {
 int count_logged(std::string_view needle) {
   int count = 0;
   for (const CapturedLine& line : lines()) {
-    if (line.message.find(needle) != std::string::npos) ++count;
+    if (line.message.find(needle) != std::string::npos) {
+      ++count;
+    }
   }
   return count;
 }

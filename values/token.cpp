@@ -32,7 +32,9 @@ std::string_view consumed(const char* const* buffer, const int* count) {
 
 // Stores the recognised text, unless an expected text is given and differs from it.
 int finish(Token* token, std::string_view text, const char* expected) {
-  if (expected != nullptr && text != std::string_view(expected)) return -1;
+  if (expected != nullptr && text != std::string_view(expected)) {
+    return -1;
+  }
   return token_set_str(token, text.data(), static_cast<int>(text.size())) ? 0 : -1;
 }
 
@@ -41,8 +43,12 @@ int finish(Token* token, std::string_view text, const char* expected) {
 int skip_double_quoted(const int* ch) {
   ctok_newChar();
   while (*ch != '"') {
-    if (*ch == 0) return -1;
-    if (*ch == '\\') ctok_newChar();
+    if (*ch == 0) {
+      return -1;
+    }
+    if (*ch == '\\') {
+      ctok_newChar();
+    }
     ctok_newChar();
   }
   ctok_newChar();
@@ -55,43 +61,63 @@ int set_unescaped(Token* token, std::string_view raw, const char* expected) {
   char* out = scratch;
   if (raw.size() + 1 > sizeof scratch) {
     out = static_cast<char*>(malloc(raw.size() + 1));
-    if (out == nullptr) log_fatal(kSource, "Out of memory in acceptStringToken!");
+    if (out == nullptr) {
+      log_fatal(kSource, "Out of memory in acceptStringToken!");
+    }
   }
   size_t n = 0;
   for (size_t i = 0; i < raw.size(); ++i) {
-    if (raw[i] == '\\' && i + 1 < raw.size()) ++i;
+    if (raw[i] == '\\' && i + 1 < raw.size()) {
+      ++i;
+    }
     out[n++] = raw[i];
   }
   int rc = finish(token, {out, n}, expected);
-  if (out != scratch) free(out);
+  if (out != scratch) {
+    free(out);
+  }
   return rc;
 }
 
 int acceptStringToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                       const char* expected) {
   if (*ch == '"') {
-    if (skip_double_quoted(ch) != 0) return -1;
+    if (skip_double_quoted(ch) != 0) {
+      return -1;
+    }
     std::string_view all = consumed(buffer, count);
-    if (set_unescaped(token, all.substr(1, all.size() - 2), expected) != 0) return -1;
+    if (set_unescaped(token, all.substr(1, all.size() - 2), expected) != 0) {
+      return -1;
+    }
     token->quote = '"';
     return 0;
   }
-  if (!token_isgraph(*ch)) return -1;
-  while (token_isgraph(*ch)) ctok_newChar();
-  if (finish(token, consumed(buffer, count), expected) != 0) return -1;
+  if (!token_isgraph(*ch)) {
+    return -1;
+  }
+  while (token_isgraph(*ch)) {
+    ctok_newChar();
+  }
+  if (finish(token, consumed(buffer, count), expected) != 0) {
+    return -1;
+  }
   token->quote = 0;
   return 0;
 }
 
 int acceptWordToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                     const char* expected) {
-  while (*ch != 0 && !token_isspace(*ch)) ctok_newChar();
+  while (*ch != 0 && !token_isspace(*ch)) {
+    ctok_newChar();
+  }
   return finish(token, consumed(buffer, count), expected);
 }
 
 int acceptKeyToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                    const char* expected) {
-  while (*ch != 0 && *ch != '=' && !token_isspace(*ch)) ctok_newChar();
+  while (*ch != 0 && *ch != '=' && !token_isspace(*ch)) {
+    ctok_newChar();
+  }
   return finish(token, consumed(buffer, count), expected);
 }
 
@@ -104,22 +130,30 @@ int acceptStrongQuoted(Token* token, const int* ch, const char* expected) {
   for (;;) {
     int c = *ch;
     if (quoted) {
-      if (c == 0) return -1;
+      if (c == 0) {
+        return -1;
+      }
       ctok_newChar();
       if (c == '\'') {
         quoted = false;
         continue;
       }
     } else {
-      if (c == 0 || is_line_break(c)) break;
+      if (c == 0 || is_line_break(c)) {
+        break;
+      }
       ctok_newChar();
       if (c == '\'') {
         quoted = true;
         continue;
       }
       if (c == '\\') {
-        if (is_line_break(*ch)) ctok_newChar();
-        if (*ch == 0) break;
+        if (is_line_break(*ch)) {
+          ctok_newChar();
+        }
+        if (*ch == 0) {
+          break;
+        }
         c = *ch;
         ctok_newChar();
       }
@@ -130,33 +164,49 @@ int acceptStrongQuoted(Token* token, const int* ch, const char* expected) {
       return -1;
     }
   }
-  if (finish(token, {text, static_cast<size_t>(n)}, expected) != 0) return -1;
+  if (finish(token, {text, static_cast<size_t>(n)}, expected) != 0) {
+    return -1;
+  }
   token->quote = '\'';
   return 0;
 }
 
 int acceptValueToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                      const char* expected) {
-  if (*ch == '\'') return acceptStrongQuoted(token, ch, expected);
+  if (*ch == '\'') {
+    return acceptStrongQuoted(token, ch, expected);
+  }
   if (*ch == '"') {
-    if (skip_double_quoted(ch) != 0) return -1;
+    if (skip_double_quoted(ch) != 0) {
+      return -1;
+    }
     std::string_view all = consumed(buffer, count);
-    if (finish(token, all.substr(1, all.size() - 2), expected) != 0) return -1;
+    if (finish(token, all.substr(1, all.size() - 2), expected) != 0) {
+      return -1;
+    }
     token->quote = '"';
     return 0;
   }
-  while (*ch != 0 && *ch != '\n') ctok_newChar();
-  if (finish(token, consumed(buffer, count), expected) != 0) return -1;
+  while (*ch != 0 && *ch != '\n') {
+    ctok_newChar();
+  }
+  if (finish(token, consumed(buffer, count), expected) != 0) {
+    return -1;
+  }
   token->quote = 0;
   return 0;
 }
 
 int acceptSectionToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                        const char* expected) {
-  if (*ch != '[') return -1;
+  if (*ch != '[') {
+    return -1;
+  }
   do {
     ctok_newChar();
-    if (*ch == 0) return -1;
+    if (*ch == 0) {
+      return -1;
+    }
   } while (*ch != ']');
   ctok_newChar();
   std::string_view all = consumed(buffer, count);
@@ -165,10 +215,16 @@ int acceptSectionToken(Token* token, const int* ch, const char* const* buffer, c
 
 int acceptIntegerToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                        const char* expected) {
-  if (!is_digit(*ch)) return -1;
-  while (is_digit(*ch)) ctok_newChar();
+  if (!is_digit(*ch)) {
+    return -1;
+  }
+  while (is_digit(*ch)) {
+    ctok_newChar();
+  }
   std::string digits(consumed(buffer, count));
-  if (finish(token, digits, expected) != 0) return -1;
+  if (finish(token, digits, expected) != 0) {
+    return -1;
+  }
   token->value = static_cast<int32_t>(strtol(digits.c_str(), nullptr, 10));
   return 0;
 }
@@ -179,7 +235,9 @@ bool parse_octet(std::string_view text, size_t* pos, uint8_t* octet) {
   size_t start = *pos;
   while (*pos < text.size() && is_digit(static_cast<unsigned char>(text[*pos]))) {
     value = value * 10 + static_cast<unsigned>(text[*pos] - '0');
-    if (value > 255) return false;
+    if (value > 255) {
+      return false;
+    }
     ++*pos;
   }
   *octet = static_cast<uint8_t>(value);
@@ -188,37 +246,53 @@ bool parse_octet(std::string_view text, size_t* pos, uint8_t* octet) {
 
 int acceptIpaddrToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                       const char* expected) {
-  while (*ch != 0 && !token_isspace(*ch)) ctok_newChar();
+  while (*ch != 0 && !token_isspace(*ch)) {
+    ctok_newChar();
+  }
   std::string_view text = consumed(buffer, count);
   uint8_t octets[4];
   size_t pos = 0;
   for (int i = 0; i < 4; ++i) {
-    if (!parse_octet(text, &pos, &octets[i])) return -1;
-    if (i < 3 && (pos >= text.size() || text[pos++] != '.')) return -1;
+    if (!parse_octet(text, &pos, &octets[i])) {
+      return -1;
+    }
+    if (i < 3 && (pos >= text.size() || text[pos++] != '.')) {
+      return -1;
+    }
   }
   char canonical[16];
   snprintf(canonical, sizeof canonical, "%d.%d.%d.%d", octets[0], octets[1], octets[2], octets[3]);
-  if (finish(token, canonical, expected) != 0) return -1;
+  if (finish(token, canonical, expected) != 0) {
+    return -1;
+  }
   memcpy(token->address, octets, sizeof octets);
   return 0;
 }
 
 int acceptLiteralToken(Token* token, const int* ch, const char* const* /*buffer*/,
                        const int* /*count*/, const char* expected) {
-  if (expected == nullptr || expected[0] == 0) return -1;
+  if (expected == nullptr || expected[0] == 0) {
+    return -1;
+  }
   size_t matched = 0;
   while (expected[matched] != 0 && *ch == static_cast<unsigned char>(expected[matched])) {
     ctok_newChar();
     ++matched;
   }
-  if (expected[matched] != 0) return -1;
+  if (expected[matched] != 0) {
+    return -1;
+  }
   return finish(token, expected, nullptr);
 }
 
 int acceptLineToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                     const char* expected) {
-  if (*ch == 0) return -1;
-  while (*ch != 0 && !is_line_break(*ch)) ctok_newChar();
+  if (*ch == 0) {
+    return -1;
+  }
+  while (*ch != 0 && !is_line_break(*ch)) {
+    ctok_newChar();
+  }
   return finish(token, consumed(buffer, count), expected);
 }
 
@@ -250,9 +324,13 @@ void putValueToken(Token* token) {
 }
 
 bool is_bare_word(const char* text) {
-  if (*text == 0) return false;
+  if (*text == 0) {
+    return false;
+  }
   for (; *text != 0; ++text) {
-    if (!token_isalnum(static_cast<unsigned char>(*text))) return false;
+    if (!token_isalnum(static_cast<unsigned char>(*text))) {
+      return false;
+    }
   }
   return true;
 }
@@ -263,10 +341,14 @@ void putStringToken(Token* token) {
     ctok_putString(text);
     return;
   }
-  if (token->quote == 0) token->quote = '"';
+  if (token->quote == 0) {
+    token->quote = '"';
+  }
   ctok_putChar(token->quote);
   for (; *text != 0; ++text) {
-    if (*text == '"' || *text == '\\') ctok_putChar('\\');
+    if (*text == '"' || *text == '\\') {
+      ctok_putChar('\\');
+    }
     ctok_putChar(static_cast<unsigned char>(*text));
   }
   ctok_putChar(token->quote);
@@ -274,7 +356,9 @@ void putStringToken(Token* token) {
 
 // Gives up an owned buffer after a failed allocation.
 int out_of_memory(Token* token, const char* message) {
-  if (token->capacity != 0) free(token->text);
+  if (token->capacity != 0) {
+    free(token->text);
+  }
   token->text = nullptr;
   token->capacity = 0;
   log_error(kSource, "%s", message);
@@ -298,7 +382,9 @@ int token_set_str(Token* token, const char* bytes, int length) {
     // A text that is not owned yet (capacity 0) is left to its owner.
     char* old = token->capacity != 0 ? token->text : nullptr;
     char* grown = static_cast<char*>(realloc(old, static_cast<size_t>(length) + 1));
-    if (grown == nullptr) return out_of_memory(token, "Out of mem in token_set_str!");
+    if (grown == nullptr) {
+      return out_of_memory(token, "Out of mem in token_set_str!");
+    }
     token->text = grown;
     token->capacity = length + 1;
   }
@@ -314,34 +400,49 @@ int token_strcat(Token* token, const char* s) {
   }
   size_t have = token->text != nullptr ? strlen(token->text) : 0;
   size_t joined = have + add;
-  if (token->capacity != 0 && joined + 1 <= static_cast<size_t>(token->capacity)) {
+  if (token->text != nullptr && token->capacity != 0 &&
+      joined + 1 <= static_cast<size_t>(token->capacity)) {
     memcpy(token->text + have, s, add + 1);
     token->capacity = static_cast<int32_t>(joined + 1);
     return 1;
   }
   char* grown = static_cast<char*>(malloc(joined + 1));
-  if (grown == nullptr) return out_of_memory(token, "Out of mem in token_strcat!");
-  if (have != 0) memcpy(grown, token->text, have);
+  if (grown == nullptr) {
+    return out_of_memory(token, "Out of mem in token_strcat!");
+  }
+  if (have != 0) {
+    memcpy(grown, token->text, have);
+  }
   memcpy(grown + have, s, add + 1);
-  if (token->capacity != 0) free(token->text);
+  if (token->capacity != 0) {
+    free(token->text);
+  }
   token->text = grown;
   token->capacity = static_cast<int32_t>(joined + 1);
   return 1;
 }
 
 int token_set_strlen(Token* token, int n) {
-  if (token->capacity > n) return 1;
+  if (token->capacity > n) {
+    return 1;
+  }
   if (token->capacity != 0) {
     char* grown = static_cast<char*>(realloc(token->text, static_cast<size_t>(n) + 1));
-    if (grown == nullptr) return out_of_memory(token, "Out of mem in token_set_strlen!");
+    if (grown == nullptr) {
+      return out_of_memory(token, "Out of mem in token_set_strlen!");
+    }
     token->text = grown;
     return 1;
   }
   // A buffer not owned so far: the new one is owned from now on, so its size is recorded.
   char* fresh = static_cast<char*>(malloc(static_cast<size_t>(n) + 1));
-  if (fresh == nullptr) return out_of_memory(token, "Out of mem in token_set_strlen!");
+  if (fresh == nullptr) {
+    return out_of_memory(token, "Out of mem in token_set_strlen!");
+  }
   size_t keep = token->text != nullptr ? strnlen(token->text, static_cast<size_t>(n)) : 0;
-  if (keep != 0) memcpy(fresh, token->text, keep);
+  if (keep != 0) {
+    memcpy(fresh, token->text, keep);
+  }
   fresh[keep] = 0;
   token->text = fresh;
   token->capacity = n + 1;
@@ -349,7 +450,9 @@ int token_set_strlen(Token* token, int n) {
 }
 
 void token_clear(Token* token) {
-  if (token->capacity != 0) free(token->text);
+  if (token->capacity != 0) {
+    free(token->text);
+  }
   *token = Token{};
   token->type = TOKEN_NONE;
 }

@@ -1,0 +1,577 @@
+#include "parsers/mappinginterface.h"
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "init/log.h"
+#include "mapping/quibmapping.h"
+#include "parsers/parserframework.h"
+#include "values/legacydatarep.h"
+
+namespace {
+
+constexpr const char* kSource = "mappinginterface";
+constexpr int kRootSection = 1;
+constexpr int kSection = 2;
+constexpr size_t kFragmentSize = 65;
+constexpr size_t kSectionNameMax = 62;
+
+struct MappingContextEntry {
+  MappingContextEntry* next;
+  int32_t kind;
+  char fragment[kFragmentSize];
+  int32_t reserved;
+  const void* user;  // root section: the group path below which mounts are searched
+};
+
+struct DataContextElement {
+  DataContextElement* next;
+  Data* data;
+};
+
+// A stack as a singly linked list from the bottom (`head`) to the top.
+template <typename T>
+struct Stack {
+  T* head = nullptr;
+  T* top = nullptr;
+
+  void push(T* item) {
+    item->next = nullptr;
+    if (top != nullptr) {
+      top->next = item;
+    } else {
+      head = item;
+    }
+    top = item;
+  }
+  // Unlinks and returns the top, or null when empty.
+  T* pop() {
+    T* item = top;
+    if (item == nullptr) {
+      return nullptr;
+    }
+    T* below = nullptr;
+    for (T* p = head; p != item; p = p->next) {
+      below = p;
+    }
+    if (below != nullptr) {
+      below->next = nullptr;
+    } else {
+      head = nullptr;
+    }
+    top = below;
+    return item;
+  }
+};
+
+struct Interface {
+  Stack<MappingContextEntry> mapping;
+  Stack<DataContextElement> data;
+  int data_depth = 0;
+  Param* current = nullptr;
+  bool consuming = true;
+  bool producing = false;
+  int skip_depth = 0;
+};
+
+Interface mif;
+
+void set_idle_mode() {
+  mif.current = nullptr;
+  mif.consuming = true;
+  mif.producing = false;
+  pif_setSynchronization(1);
+}
+
+// The mode of a parameter that has just become current, by its status.
+void set_param_mode(Param* param) {
+  int status = map_getParamStatus(param);
+  mif.consuming = status == PARAMSTATUS_DEFINED;
+  mif.producing = status == PARAMSTATUS_UPDATED;
+  pif_setSynchronization(status == PARAMSTATUS_DEFINED || status == PARAMSTATUS_LOADED);
+  map_setParamSynced(param);
+}
+
+// A parameter is current but its value is neither read nor written: the parser's walk below it
+// only counts depth, and copy-through keeps the file's text.
+bool passive() {
+  return mif.current != nullptr && !mif.consuming && !mif.producing;
+}
+
+void start_skip_if_passive() {
+  if (passive()) {
+    ++mif.skip_depth;
+  }
+}
+
+// Skip handling of a leave: true when the leave ends here.
+bool leave_while_skipping() {
+  if (mif.skip_depth == 0) {
+    return false;
+  }
+  return --mif.skip_depth > 0;
+}
+
+Data* current_data() {
+  return mif.data.top != nullptr ? mif.data.top->data : nullptr;
+}
+
+void push_data(Data* data) {
+  auto* element = new (std::nothrow) DataContextElement{nullptr, data};
+  if (element == nullptr) {
+    log_fatal(kSource, "Memory allocation failed. Couldn't allocate Data Context Element!");
+  }
+  mif.data.push(element);
+  ++mif.data_depth;
+}
+
+void pop_data() {
+  DataContextElement* element = mif.data.pop();
+  if (element == nullptr) {
+    log_fatal(kSource, "Unmatched push/pop of data context!");
+  }
+  delete element;
+  --mif.data_depth;
+}
+
+void set_fragment(MappingContextEntry* entry, const char* name, int kind) {
+  if (kind == kRootSection) {
+    snprintf(entry->fragment, sizeof entry->fragment, "%.64s", name);
+  } else {
+    snprintf(entry->fragment, sizeof entry->fragment, "{%.62s}", name);
+  }
+}
+
+std::string mapping_path() {
+  std::string path;
+  for (MappingContextEntry* e = mif.mapping.head; e != nullptr; e = e->next) {
+    path += e->fragment;
+  }
+  return path;
+}
+
+// Pushes a context and makes the parameter mounted at the new path current. Returns that
+// parameter, or null when the path maps none.
+Param* push_mapping(const char* name, const void* user, int kind) {
+  auto* entry = new (std::nothrow) MappingContextEntry{};
+  if (entry == nullptr) {
+    log_fatal(kSource, "Memory allocation failed. Couldn't allocate Mapping Context Entry!");
+  }
+  entry->kind = kind;
+  entry->user = user;
+  set_fragment(entry, name != nullptr ? name : "", kind);
+  mif.mapping.push(entry);
+  std::string path = mapping_path();
+  if (path.empty()) {
+    return nullptr;
+  }
+  const auto* group_path = static_cast<const char*>(mif.mapping.head->user);
+  Param* param = map_findParamByMountInGroup(group_path, path.c_str());
+  if (param == nullptr) {
+    return nullptr;
+  }
+  if (mif.current != nullptr) {
+    log_fatal(kSource, "No double mapping allowed!");
+  }
+  mif.current = param;
+  set_param_mode(param);
+  return param;
+}
+
+void popMappingContext(int kind) {
+  MappingContextEntry* top = mif.mapping.top;
+  if (top == nullptr) {
+    log_fatal(kSource, "Unmatched push/pop of mapping context!");
+  }
+  if (top->kind != kind) {
+    log_fatal(kSource, "Mismatching types at popMappingContext!");
+  }
+  delete mif.mapping.pop();
+  if (mif.data_depth > 0 && mif.mapping.head != nullptr) {
+    log_fatal(kSource, "Serious error in popMappingContext!");
+  }
+  set_idle_mode();
+}
+
+// Pushes the value of a parameter that has just become current.
+void push_param_value(Param* param) {
+  Data* value = map_getParamData(param);
+  if (mif.producing && (value == nullptr || value->type == DATA_NONE)) {
+    log_fatal(kSource, "%s", "Parameter '%' does not have data!");
+  }
+  if (value != nullptr) {
+    value->mark = nullptr;
+  }
+  push_data(value);
+}
+
+bool has_nosync_type(Param* param) {
+  Option* type = map_getParamOption(param, "type");
+  if (type == nullptr || type->value == nullptr) {
+    return false;
+  }
+  for (const char* p = strstr(type->value, "nosync"); p != nullptr; p = strstr(p + 1, "nosync")) {
+    char after = p[strlen("nosync")];
+    if (after == ':' || after == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void enter_section_data(const char* name) {
+  Data* data = current_data();
+  if (mif.consuming) {
+    if (data->type == DATA_NONE) {
+      legacy_drep_initializeHash(data);
+    }
+    Data* element = legacy_drep_getHashValue(data, name);
+    if (element == nullptr) {
+      element = legacy_drep_createData();
+      legacy_drep_setHashValue(data, element, name);
+    }
+    push_data(element);
+    return;
+  }
+  if (!mif.producing) {
+    log_fatal(kSource, "Error in enterSectionData!");
+  }
+  if (data == nullptr || data->type != DATA_HASH) {
+    log_fatal(kSource, "No hash in enterSectionData, section '%s'!", name);
+  }
+  Data* element = legacy_drep_getHashValue(data, name);
+  if (element != nullptr) {
+    element->mark = nullptr;
+  }
+  push_data(element);
+}
+
+// The current value as a list, for the producing side; fatal with `message` otherwise.
+Data* producing_list(const char* message) {
+  Data* data = current_data();
+  if (data == nullptr || data->type != DATA_LIST) {
+    log_fatal(kSource, "%s", message);
+  }
+  return data;
+}
+
+void empty_current_value() {
+  Data* data = current_data();
+  if (data->type == DATA_NONE) {
+    return;
+  }
+  if (mif.data_depth == 1) {
+    Data* fresh = legacy_drep_createData();
+    map_setParamData(mif.current, fresh);
+    mif.data.top->data = fresh;
+    return;
+  }
+  if (data->type == DATA_LIST) {
+    while (Data* first = legacy_drep_getNextToInList(data, nullptr)) {
+      legacy_drep_deleteListItem(data, first);
+    }
+  }
+}
+
+bool setting() {
+  return mif.consuming && current_data() != nullptr;
+}
+
+}  // namespace
+
+int mif_init() {
+  mif_reset();
+  return 0;
+}
+
+void mif_reset() {
+  while (mif.data.top != nullptr) {
+    delete mif.data.pop();
+  }
+  while (mif.mapping.top != nullptr) {
+    delete mif.mapping.pop();
+  }
+  mif.data_depth = 0;
+  mif.skip_depth = 0;
+  mif.current = nullptr;
+  mif.consuming = true;
+  mif.producing = false;
+}
+
+int mif_enterRootSection(const char* name, const char* group_path) {
+  if (mif.skip_depth > 0) {
+    ++mif.skip_depth;
+    return 0;
+  }
+  if (mif.current != nullptr) {
+    log_fatal(kSource, "mif_enterRootSection may only be called at root level!");
+  }
+  Param* param = push_mapping(name, group_path, kRootSection);
+  if (param != nullptr) {
+    push_param_value(param);
+  }
+  start_skip_if_passive();
+  return 0;
+}
+
+int mif_leaveRootSection() {
+  if (leave_while_skipping()) {
+    return 0;
+  }
+  if (mif.data_depth > 0) {
+    pop_data();
+  }
+  popMappingContext(kRootSection);
+  return 0;
+}
+
+int mif_probeRootSection(const char* name, const char* group_path, MappingCallback callback,
+                         void* argument) {
+  if (!mif.consuming) {
+    log_fatal(kSource, "mif_probeRootSection() called from producing code!");
+  }
+  if (mif.current != nullptr) {
+    log_fatal(kSource, "mif_probeRootSection() called from below-root context!");
+  }
+  Param* param = push_mapping(name, group_path, kRootSection);
+  bool updated = param != nullptr && map_getParamStatus(param) == PARAMSTATUS_UPDATED;
+  popMappingContext(kRootSection);
+  if (updated && callback != nullptr) {
+    callback(argument);
+  }
+  return 0;
+}
+
+int mif_enterSection(const char* name) {
+  if (mif.skip_depth > 0) {
+    ++mif.skip_depth;
+    return 0;
+  }
+  // Inside a parameter a section is a key of its value; outside, a step of the mapping path.
+  if (mif.data_depth > 0) {
+    enter_section_data(name);
+  } else if (Param* param = push_mapping(name, nullptr, kSection)) {
+    push_param_value(param);
+  }
+  start_skip_if_passive();
+  return 0;
+}
+
+int mif_leaveSection() {
+  if (leave_while_skipping()) {
+    return 0;
+  }
+  if (mif.data_depth > 0) {
+    pop_data();
+  }
+  if (mif.data_depth == 0) {
+    popMappingContext(kSection);
+  }
+  return 0;
+}
+
+int mif_probeSection(const char* name, MappingCallback callback, void* argument) {
+  if (mif.current != nullptr) {
+    return 0;
+  }
+  if (!mif.consuming) {
+    log_fatal(kSource, "mif_probeSection() called from producing code!");
+  }
+  Param* param = push_mapping(name, nullptr, kSection);
+  bool updated = param != nullptr && map_getParamStatus(param) == PARAMSTATUS_UPDATED;
+  // A "nosync" parameter is never written by the parser; its setters still run.
+  bool nosync = updated && has_nosync_type(param);
+  if (nosync) {
+    param->status = PARAMSTATUS_LOADED;
+    param->setterPending = 1;
+  }
+  popMappingContext(kSection);
+  if (updated && !nosync && callback != nullptr) {
+    callback(argument);
+  }
+  return 0;
+}
+
+int mif_enterSectionNext(const char** name) {
+  if (!mif.producing) {
+    log_fatal(kSource, "mif_enterSectionNext may only be called from producing code!");
+  }
+  *name = nullptr;
+  Data* data = current_data();
+  if (data == nullptr || data->type != DATA_HASH) {
+    return -1;
+  }
+  const char* key = nullptr;
+  data->mark = legacy_drep_getNextToInHash(data, data->mark, &key);
+  if (data->mark == nullptr) {
+    return -1;
+  }
+  *name = key;
+  return 0;
+}
+
+int mif_endOfSections() {
+  if (mif.skip_depth > 0) {
+    return 1;
+  }
+  if (!mif.producing) {
+    log_fatal(kSource, "mif_endOfSections called by non-producing code!");
+  }
+  Data* data = current_data();
+  return data == nullptr || data->mark == nullptr ? 1 : 0;
+}
+
+int mif_enterScalar(const char* type_name) {
+  if (mif.skip_depth > 0) {
+    ++mif.skip_depth;
+    return 0;
+  }
+  Data* data = current_data();
+  if (mif.current != nullptr && mif.consuming && data != nullptr && data->type == DATA_NONE) {
+    if (legacy_drep_initializeScalar(data, SCALAR_CUSTOM, type_name) != 0) {
+      log_fatal(kSource, "Couldn't initialize scalar in enterScalarData!");
+    }
+  }
+  start_skip_if_passive();
+  return 0;
+}
+
+int mif_leaveScalar() {
+  if (leave_while_skipping()) {
+    return 0;
+  }
+  Data* data = current_data();
+  if (mif.current != nullptr && data != nullptr && data->type != DATA_SCALAR) {
+    log_fatal(kSource, "Not DATA_SCALAR in leaveScalarData!");
+  }
+  return 0;
+}
+
+int mif_indicateList() {
+  if (mif.producing) {
+    log_fatal(kSource, "mif_indicateList() called from producing code!");
+  }
+  if (mif.skip_depth > 0 || mif.current == nullptr || !setting()) {
+    return 0;
+  }
+  empty_current_value();
+  Data* data = current_data();
+  if (data->type != DATA_LIST && legacy_drep_initializeList(data) != 0) {
+    log_fatal(kSource, "Couldn't initialize list in mif_indicateList!");
+  }
+  return 0;
+}
+
+int mif_enterList() {
+  if (mif.skip_depth > 0) {
+    ++mif.skip_depth;
+    return 0;
+  }
+  if (mif.current != nullptr && mif.consuming) {
+    Data* data = current_data();
+    if (data->type == DATA_NONE && legacy_drep_initializeList(data) != 0) {
+      log_fatal(kSource, "Couldn't initialize list in enterListData!");
+    }
+    Data* element = legacy_drep_createData();
+    legacy_drep_addToList(data, element);
+    push_data(element);
+  } else if (mif.current != nullptr && mif.producing) {
+    Data* data = producing_list("Data type is not DATA_LIST in enterListData!");
+    // The walk only reads the element; the mark is the list's own cursor.
+    auto* element = const_cast<Data*>(data->mark);
+    if (element != nullptr) {
+      element->mark = nullptr;
+    }
+    push_data(element);
+  }
+  start_skip_if_passive();
+  return 0;
+}
+
+int mif_listSeekNext() {
+  if (!mif.producing) {
+    log_fatal(kSource, "Error in mif_listSeekNext!");
+  }
+  Data* data = producing_list("Non-list type in mif_listSeekNext!");
+  data->mark = legacy_drep_getNextToInList(data, data->mark);
+  return 0;
+}
+
+int mif_endOfList() {
+  if (mif.skip_depth > 0) {
+    return 1;
+  }
+  if (!mif.producing) {
+    log_fatal(kSource, "mif_endOfList called by non-producing code!");
+  }
+  Data* data = current_data();
+  return data == nullptr || data->mark == nullptr ? 1 : 0;
+}
+
+int mif_leaveList() {
+  if (leave_while_skipping()) {
+    return 0;
+  }
+  if (mif.current != nullptr) {
+    pop_data();
+  }
+  return 0;
+}
+
+int mif_notifyStored() {
+  if (mif.data_depth == 1) {
+    map_notifyParamStored(mif.current);
+  }
+  return 0;
+}
+
+int dif_scalarSetString(const char* text) {
+  if (!setting()) {
+    return 0;
+  }
+  return legacy_drep_setString(current_data(), text) == 0 ? 0 : -1;
+}
+
+const char* dif_scalarGetString() {
+  if (!mif.producing) {
+    log_fatal(kSource, "dif_scalarGetString called from non-producing code!");
+  }
+  Data* data = current_data();
+  return data != nullptr ? legacy_drep_getString(data) : nullptr;
+}
+
+int dif_scalarSetInt(int value) {
+  if (!setting()) {
+    return 0;
+  }
+  return legacy_drep_setInt(current_data(), value) == 0 ? 0 : -1;
+}
+
+int dif_scalarGetInt() {
+  if (!mif.producing) {
+    log_fatal(kSource, "dif_scalarGetInt called from non-producing code!");
+  }
+  Data* data = current_data();
+  return data != nullptr ? legacy_drep_getInt(data) : 0;
+}
+
+int dif_customScalarSetFromString(const char* text, int quote) {
+  if (!setting()) {
+    return 0;
+  }
+  char flag = static_cast<char>(quote);
+  return legacy_drep_setCustomFromString(current_data(), text, &flag) == 0 ? 0 : -1;
+}
+
+char* dif_customScalarGetAsString(char* quote) {
+  if (!mif.producing) {
+    log_fatal(kSource, "dif_customScalarGetAsString called from non-producing code!");
+  }
+  if (quote != nullptr) {
+    *quote = 0;
+  }
+  Data* data = current_data();
+  return data != nullptr ? legacy_drep_getCustomString(data, quote) : nullptr;
+}

@@ -1,0 +1,233 @@
+#include "parsers/mappinginterface.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "parsers/parsertest_support.h"
+
+namespace {
+
+using tessard::test::client_sets;
+using tessard::test::value_text;
+
+struct FatalCase;
+
+class MappingTest : public tessard::test::ParserTest {
+ protected:
+  // Sets up what the case needs, then misuses the interface.
+  void misuse(const FatalCase& c);
+  Param* mounted(const char* name, const char* mount) { return param(name, "", mount); }
+  void set_scalar(const char* text, int quote = 0) {
+    mif_enterScalar("string");
+    EXPECT_EQ(dif_customScalarSetFromString(text, quote), 0);
+    mif_leaveScalar();
+  }
+  std::string get_scalar() {
+    mif_enterScalar("string");
+    char* text = dif_customScalarGetAsString(nullptr);
+    std::string result = text;
+    free(text);
+    mif_leaveScalar();
+    return result;
+  }
+};
+
+TEST_F(MappingTest, DefinedParamConsumedBelowItsGroupOnly) {
+  Param* p = mounted("p", "T{a}{k}");
+  Group* other = group_;
+  group_ = new_group();  // a second group with the same mount, not searched
+  Param* elsewhere = mounted("p", "T{a}{k}");
+  mif_enterRootSection("T", other->path);
+  mif_enterSection("a");
+  mif_enterSection("k");
+  set_scalar("hello", '"');
+  mif_leaveSection();
+  mif_leaveSection();
+  mif_leaveRootSection();
+  char quote = 0;
+  EXPECT_EQ(value_text(p, &quote), "hello");
+  EXPECT_EQ(quote, '"');
+  EXPECT_EQ(p->synced, 1);
+  EXPECT_EQ(value_text(elsewhere), "<none>");
+}
+
+TEST_F(MappingTest, HashAndListConsumedThenProducedInOrder) {
+  Param* p = mounted("p", "T{h}");
+  mif_enterRootSection("T", group_->path);
+  mif_enterSection("h");
+  for (const char* key : {"b", "a"}) {
+    mif_enterSection(key);
+    mif_indicateList();
+    for (const char* item : {"1", "2"}) mif_enterList(), set_scalar(item), mif_leaveList();
+    mif_leaveSection();
+  }
+  mif_leaveSection();
+  p->status = PARAMSTATUS_UPDATED;
+  std::string seen;
+  mif_enterSection("h");
+  const char* key = nullptr;
+  for (mif_enterSectionNext(&key); !mif_endOfSections(); mif_enterSectionNext(&key)) {
+    mif_enterSection(key);
+    for (mif_listSeekNext(); !mif_endOfList(); mif_listSeekNext()) {
+      mif_enterList();
+      seen += std::string(key) + get_scalar() + " ";
+      mif_leaveList();
+    }
+    mif_leaveSection();
+  }
+  mif_leaveSection();
+  mif_leaveRootSection();
+  EXPECT_EQ(seen, "b1 b2 a1 a2 ");
+}
+
+TEST_F(MappingTest, LoadedParamWalkedWithoutTouchingItsValue) {
+  Param* loaded = mounted("p", "T{h}");
+  Param* next = mounted("q", "T{k}");
+  client_sets(loaded, "kept");
+  loaded->status = PARAMSTATUS_LOADED;
+  mif_enterRootSection("T", group_->path);
+  mif_enterSection("h");
+  mif_enterSection("x");  // a walk below a scalar: only counted
+  mif_enterList();
+  set_scalar("ignored");
+  EXPECT_EQ(mif_endOfSections() + mif_endOfList(), 2);
+  mif_leaveList();
+  mif_leaveSection();
+  mif_leaveSection();
+  mif_enterSection("k");  // back at section level, the next mount consumes again
+  set_scalar("read");
+  mif_leaveSection();
+  mif_leaveRootSection();
+  EXPECT_EQ(value_text(loaded), "kept");
+  EXPECT_EQ(value_text(next), "read");
+}
+
+void write_k(void* /*argument*/) {
+  mif_enterSection("k");
+  mif_enterScalar("string");
+  char* text = dif_customScalarGetAsString(nullptr);
+  pif_outputString(text);
+  free(text);
+  mif_leaveScalar();
+  mif_notifyStored();
+  mif_leaveSection();
+}
+
+// "k value": probes T{k} before the value, then reads the value into the parameter.
+int key_value(Token* token, const char* group_path) {
+  mif_enterRootSection("T", group_path);
+  pif_acceptToken(TOKEN_STRING, nullptr);
+  pif_syncToken();
+  pif_skipWhitespace();
+  mif_probeSection("k", write_k, nullptr);
+  mif_enterSection("k");
+  mif_enterScalar("string");
+  pif_acceptToken(TOKEN_STRING, nullptr);
+  dif_customScalarSetFromString(token->text, token->quote);
+  pif_syncToken();
+  mif_leaveScalar();
+  mif_leaveSection();
+  pif_skipWhitespace();
+  mif_leaveRootSection();
+  return 0;
+}
+
+struct ModeCase {
+  const char* type;
+  int status;
+  const char* output;
+  int status_after;
+  const char* value_after;
+};
+
+void PrintTo(const ModeCase& c, std::ostream* os) {
+  *os << c.type << "/" << c.status;
+}
+
+class ModeTest : public MappingTest, public ::testing::WithParamInterface<ModeCase> {};
+
+TEST_P(ModeTest, StatusDecidesWhatHappensToTheValue) {
+  const ModeCase& c = GetParam();
+  Param* p = mounted("p", "T{k}");
+  map_setParamOption("type", c.type, p);
+  client_sets(p, "new");
+  p->status = c.status;
+  std::string output;
+  ASSERT_EQ(parser_runOnText(key_value, "k old\n", "t", group_->path, 0, &output), 0);
+  EXPECT_EQ(output, c.output);
+  EXPECT_EQ(p->status, c.status_after);
+  EXPECT_EQ(value_text(p), c.value_after);
+  EXPECT_EQ(p->setterPending, c.status == PARAMSTATUS_UPDATED && c.status_after != c.status);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mapping, ModeTest,
+    ::testing::Values(
+        ModeCase{"string", PARAMSTATUS_DEFINED, "k old\n", PARAMSTATUS_DEFINED, "old"},
+        ModeCase{"string", PARAMSTATUS_LOADED, "k old\n", PARAMSTATUS_LOADED, "new"},
+        ModeCase{"string", PARAMSTATUS_UPDATED, "k new\n", PARAMSTATUS_STORED, "new"},
+        ModeCase{"nosync", PARAMSTATUS_UPDATED, "k old\n", PARAMSTATUS_LOADED, "new"},
+        ModeCase{"string:nosync:x", PARAMSTATUS_UPDATED, "k old\n", PARAMSTATUS_LOADED, "new"},
+        ModeCase{"string:nosyncing", PARAMSTATUS_UPDATED, "k new\n", PARAMSTATUS_STORED, "new"}));
+
+// Misuse ends the process with its message.
+enum Setup { kNothing, kConsuming, kProducing, kNoData, kNestedMounts };
+
+struct FatalCase {
+  Setup setup;
+  void (*misuse)();
+  const char* message;
+};
+
+const char* group_path;
+
+const FatalCase kFatal[] = {
+    {kConsuming, [] { dif_scalarGetString(); }, "dif_scalarGetString called from non-producing"},
+    {kConsuming, [] { dif_customScalarGetAsString(nullptr); },
+     "dif_customScalarGetAsString called from non-producing code!"},
+    {kConsuming, [] { mif_enterSectionNext(&group_path); },
+     "mif_enterSectionNext may only be called from producing code!"},
+    {kConsuming, [] { mif_listSeekNext(); }, "Error in mif_listSeekNext!"},
+    {kConsuming, [] { mif_probeRootSection("T", group_path, nullptr, nullptr); },
+     "mif_probeRootSection\\(\\) called from below-root context!"},
+    {kConsuming, [] { mif_enterRootSection("T", group_path); },
+     "mif_enterRootSection may only be called at root level!"},
+    {kProducing, [] { mif_listSeekNext(); }, "Non-list type in mif_listSeekNext!"},
+    {kProducing, [] { mif_enterSection("x"); }, "No hash in enterSectionData, section 'x'!"},
+    {kProducing, [] { mif_indicateList(); }, "mif_indicateList\\(\\) called from producing code!"},
+    {kNoData, [] { mif_enterRootSection("T", group_path); }, "Parameter '%' does not have data!"},
+    {kNothing, [] { mif_leaveRootSection(); }, "Unmatched push/pop of mapping context!"},
+    {kNothing, [] { mif_enterRootSection("T", group_path), mif_leaveSection(); },
+     "Mismatching types at popMappingContext!"},
+    // One leave too many takes the parameter's own value off the stack; the next section is then
+    // looked up as a mount while the parameter is still current.
+    {kNestedMounts,
+     [] {
+       mif_enterRootSection("T", group_path), mif_enterSection("a"), mif_enterList();
+       mif_leaveList(), mif_leaveList(), mif_enterSection("b");
+     },
+     "No double mapping allowed!"},
+};
+
+void MappingTest::misuse(const FatalCase& c) {
+  group_path = group_->path;
+  if (c.setup == kNestedMounts) mounted("p", "T{a}"), mounted("q", "T{a}{b}");
+  if (c.setup == kNoData) mounted("p", "T")->status = PARAMSTATUS_UPDATED;
+  if (c.setup == kConsuming) mounted("p", "T{k}");
+  if (c.setup == kProducing) client_sets(mounted("p", "T{k}"), "v");
+  if (c.setup == kConsuming || c.setup == kProducing) {
+    mif_enterRootSection("T", group_path);
+    mif_enterSection("k");
+    mif_enterScalar("string");
+  }
+  c.misuse();
+}
+
+TEST_F(MappingTest, MisuseIsFatal) {
+  for (const FatalCase& c : kFatal) {
+    EXPECT_EXIT(misuse(c), ::testing::ExitedWithCode(1), c.message);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,255 @@
+// Running a parser over a backing file: the file is found (a symbolic link stands for its
+// target), created when missing, locked, read whole and handed to the parser; in write mode the
+// parser's output replaces the file through a temporary file beside it.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "init/log.h"
+#include "mapping/quibmapping.h"
+#include "movefile/movefile.h"
+#include "parsers/parserframework.h"
+
+namespace {
+
+constexpr const char* kSource = "parserframework";
+
+struct FreeDeleter {
+  void operator()(void* p) const { free(p); }
+};
+using CString = std::unique_ptr<char, FreeDeleter>;
+
+class UniqueFd {
+ public:
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd() { reset(); }
+  int get() const { return fd_; }
+  void reset() {
+    if (fd_ >= 0) {
+      close(fd_);
+    }
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
+// The temporary file of a write-mode run. Removed unless it was moved into place.
+class TempFile {
+ public:
+  TempFile() = default;
+  TempFile(const TempFile&) = delete;
+  TempFile& operator=(const TempFile&) = delete;
+  ~TempFile() {
+    if (stream_ != nullptr) {
+      fclose(stream_);
+    }
+    if (path_ != nullptr && !moved_) {
+      unlink(path_.get());
+    }
+  }
+  bool open(const char* target) {
+    char* path = nullptr;
+    stream_ = open_param_temp_file(target, &path, 0);
+    path_.reset(path);
+    return stream_ != nullptr && path_ != nullptr;
+  }
+  FILE* stream() const { return stream_; }
+  const char* path() const { return path_.get(); }
+  // Flushes, syncs and closes the stream, which is gone afterwards whatever the result.
+  bool close(const char* target) {
+    FILE* stream = stream_;
+    stream_ = nullptr;
+    return safe_close_file(&stream, target) == 0;
+  }
+  void set_moved() { moved_ = true; }
+
+ private:
+  FILE* stream_ = nullptr;
+  CString path_;
+  bool moved_ = false;
+};
+
+struct SavedAttributes {
+  mode_t mode;
+  uid_t uid;
+  gid_t gid;
+};
+
+const ParserEntry* parser_of_param(Param* param) {
+  Option* option = map_getParamOption(param, "parser");
+  const char* name = option != nullptr ? option->value : nullptr;
+  const ParserEntry* entry = parser_find(name);
+  if (entry == nullptr) {
+    log_error(kSource, "Specified parser (%s) for '%s' doesn't exist!",
+              name != nullptr ? name : "<unknown>", param->path);
+  }
+  return entry;
+}
+
+// The file to read and replace: a symbolic link stands for its target (a relative target is
+// taken from the link's directory). False after a logged failure.
+bool resolve_backing_path(const char* path, std::string* resolved) {
+  struct stat st;
+  *resolved = path;
+  if (lstat(path, &st) != 0) {
+    if (errno == ENOENT) {
+      return true;
+    }
+    log_error(kSource, "%s: Unable to stat source'%s': %m", "parser_invokeForParam", path);
+    return false;
+  }
+  if (!S_ISLNK(st.st_mode)) {
+    return true;
+  }
+  CString target(sreadlink(path));
+  if (target == nullptr) {
+    return false;
+  }
+  std::string_view link(path);
+  size_t slash = link.rfind('/');
+  if (target.get()[0] == '/' || slash == std::string_view::npos) {
+    *resolved = target.get();
+  } else {
+    *resolved = std::string(link.substr(0, slash + 1)) + target.get();
+  }
+  return true;
+}
+
+// Opens the backing file for reading, creating it empty when it is missing. -1 after a logged
+// failure.
+int open_backing_file(const char* path) {
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0 && errno == ENOENT) {
+    UniqueFd created(open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (created.get() < 0) {
+      log_error(kSource, "Couldn't create missing file '%s'!: %m", path);
+      return -1;
+    }
+    fd = open(path, O_RDONLY | O_CLOEXEC);
+  }
+  if (fd < 0) {
+    log_error(kSource, "Couldn't open file '%s' for input!: %m", path);
+  }
+  return fd;
+}
+
+bool read_whole_file(int fd, const char* path, std::string* text) {
+  char chunk[16384];
+  for (;;) {
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n == 0) {
+      return true;
+    }
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n < 0) {
+      log_error(kSource, "Couldn't read file '%s': %m", path);
+      return false;
+    }
+    text->append(chunk, static_cast<size_t>(n));
+  }
+}
+
+bool prepare_write(int fd, const char* path, TempFile* temp, SavedAttributes* saved) {
+  if (!temp->open(path)) {
+    log_error(kSource, "Couldn't create temporary file for '%s'!", path);
+    return false;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    log_error(kSource, "Couldn't stat file '%s': %m", path);
+    *saved = SavedAttributes{0, 0, 0};
+    return true;
+  }
+  *saved = SavedAttributes{st.st_mode & 07777, st.st_uid, st.st_gid};
+  return true;
+}
+
+void apply_attributes(TempFile* temp, const SavedAttributes& saved) {
+  if (saved.mode == 0) {
+    return;
+  }
+  int fd = fileno(temp->stream());
+  if (fchmod(fd, saved.mode) != 0) {
+    log_error(kSource, "Couldn't set file permissions %o on %s: %s", saved.mode, temp->path(),
+              errno_text(errno));
+  }
+  if (fchown(fd, saved.uid, saved.gid) != 0) {
+    log_error(kSource, "Couldn't set file ownership %u:%u on %s: %s", saved.uid, saved.gid,
+              temp->path(), errno_text(errno));
+  }
+}
+
+// Puts the rewritten text in place of the backing file through its temporary file.
+bool write_back(const char* path, TempFile* temp, const SavedAttributes& saved,
+                const std::string& text) {
+  if (fwrite(text.data(), 1, text.size(), temp->stream()) != text.size()) {
+    log_error(kSource, "Couldn't write temporary file %s: %m", temp->path());
+    return false;
+  }
+  apply_attributes(temp, saved);
+  if (!temp->close(path)) {
+    return false;
+  }
+  if (move_file(temp->path(), path) != 0) {
+    log_error(kSource, "Couldn't rename temporary file %s to %s: %s", temp->path(), path,
+              errno_text(errno));
+    return false;
+  }
+  temp->set_moved();
+  log_info(kSource, "Updated configuration file %s.", path);
+  return true;
+}
+
+}  // namespace
+
+int parser_invokeForParam(Param* param, const char* group_path, int readonly) {
+  const ParserEntry* entry = parser_of_param(param);
+  if (entry == nullptr) {
+    return 1;
+  }
+  Option* file = map_getParamOption(param, "file");
+  if (file == nullptr || file->value == nullptr) {
+    return 1;
+  }
+  std::string path;
+  if (!resolve_backing_path(file->value, &path)) {
+    return 1;
+  }
+  UniqueFd input(open_backing_file(path.c_str()));
+  if (input.get() < 0) {
+    return 1;
+  }
+  if (flock(input.get(), LOCK_EX) != 0) {
+    log_error(kSource, "Failed to lock file %s: %m\n", path.c_str());
+    return 1;
+  }
+  std::string text;
+  if (!read_whole_file(input.get(), path.c_str(), &text)) {
+    return 1;
+  }
+  TempFile temp;
+  SavedAttributes saved{};
+  if (readonly == 0 && !prepare_write(input.get(), path.c_str(), &temp, &saved)) {
+    return 1;
+  }
+  std::string output;
+  int result = parser_runOnText(entry->parse, text, path.c_str(), group_path, readonly, &output);
+  input.reset();  // releases the lock
+  if (readonly != 0) {
+    return result;
+  }
+  return write_back(path.c_str(), &temp, saved, output) ? result : 1;
+}

@@ -1,0 +1,229 @@
+#include "parsers/parserframework.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+
+#include <string>
+
+#include "init/logcapture.h"
+#include "parsers/parsertest_support.h"
+
+namespace {
+
+using tessard::test::count_logged;
+using tessard::test::read_file;
+
+std::string lines_seen;  // "word@line " for every word passed
+
+// Copies the text through word by word.
+int copy_words(Token* token, const char* /*group_path*/) {
+  lines_seen.clear();
+  for (pif_skipWhitespace(); token->type != TOKEN_EOF; pif_skipWhitespace()) {
+    pif_acceptToken(TOKEN_WORD, nullptr);
+    lines_seen += std::string(token->text) + "@" + std::to_string(pif_getLineNumber()) + " ";
+    pif_syncToken();
+  }
+  return 0;
+}
+
+std::string rewrite(ParseFunction parse, const std::string& input) {
+  std::string output;
+  EXPECT_EQ(parser_runOnText(parse, input, "t.conf", "root", 0, &output), 0);
+  return output;
+}
+
+class FrameworkTest : public tessard::test::ParserTest {};
+
+TEST_F(FrameworkTest, CopyThroughKeepsEveryByteAndCountsLines) {
+  const char kText[] = "# c\0mment\n\n\tkey  v #not comment\r\n  #word\n\0last";
+  const std::string input(kText, sizeof kText - 1);
+  EXPECT_EQ(rewrite(copy_words, input), input);
+  EXPECT_EQ(lines_seen, "key@3 v@3 #not@3 comment@3 #word@4 last@5 ");
+  EXPECT_EQ(count_logged("Possible corruption in configuration file: t.conf"), 1);
+}
+
+// "[a" has no closing bracket: the section accept reads to the end before it fails.
+int section_or_string(Token* token, const char* /*group_path*/) {
+  for (pif_skipWhitespace(); token->type != TOKEN_EOF; pif_skipWhitespace()) {
+    if (!pif_acceptToken(TOKEN_SECTION, nullptr)) pif_acceptToken(TOKEN_STRING, nullptr);
+    pif_syncToken();
+    pif_syncToken();  // a token is written once
+  }
+  return 0;
+}
+
+TEST_F(FrameworkTest, NothingLostAfterAFailedAcceptAndTokensWrittenOnce) {
+  EXPECT_EQ(rewrite(section_or_string, "[a\nkey v\n[b]\n"), "[a\nkey v\n[b]\n");
+}
+
+std::string more;
+int more_on_line(Token* /*token*/, const char* /*group_path*/) {
+  for (more.clear(); pif_acceptToken(TOKEN_WORD, nullptr) && more.size() < 3;) {
+    more += std::to_string(pif_moreOnLine());
+  }
+  return 0;
+}
+
+TEST_F(FrameworkTest, MoreOnLineUntilNewlineOrEnd) {
+  rewrite(more_on_line, "a b\nc");
+  EXPECT_EQ(more, "100");
+}
+
+// "A=" ending its line: the value goes right after the "=".
+int fill_empty_assignment(Token* token, const char* /*group_path*/) {
+  pif_acceptToken(TOKEN_KEY, nullptr);
+  pif_syncToken();
+  pif_acceptToken(TOKEN_LITERAL, "=");
+  pif_syncToken();
+  pif_skipWhitespace();
+  pif_setSynchronization(0);
+  if (pif_checkUninitializedToken() == 1) pif_unputChar();
+  if (token->type != TOKEN_EOF) pif_outputString("v\n");
+  pif_setSynchronization(1);
+  return copy_words(token, nullptr);
+}
+
+TEST_F(FrameworkTest, UnputCharStepsBackOverTheNewline) {
+  EXPECT_EQ(rewrite(fill_empty_assignment, "A=\nB=1\n"), "A=v\nB=1\n");
+  EXPECT_EQ(rewrite(fill_empty_assignment, "A=\n"), "A=\n");  // nothing written over it
+}
+
+TEST_F(FrameworkTest, OnlyTheSixParsersOfStartUpAreKnown) {
+  EXPECT_EQ(parser_parseText("Passwdparser", "x", "root", 1, nullptr), 1);
+  EXPECT_EQ(parser_parseText("NWparser", "x", "root", 1, nullptr), 1);
+  EXPECT_NE(parser_find("Standardparser"), nullptr);
+}
+
+void (*misuse)();
+int run_misuse(Token*, const char*) {
+  return misuse(), 0;
+}
+
+struct MisuseCase {
+  void (*misuse)();
+  int readonly;
+  const char* message;
+};
+
+const MisuseCase kMisuse[] = {
+    {[] { pif_outputString("x"); }, 0, "pif_outputString called with synchronization ON!"},
+    {[] { pif_setSynchronization(0), pif_outputString("x"); }, 1,
+     "pif_outputString called during readonly-parsing!"},
+    {[] { pif_outputToken(0, "x", 0); }, 0, "pif_outputToken called with synchronization ON!"},
+    {[] { pif_setSynchronization(0), pif_outputToken(0, "x", 0); }, 1,
+     "pif_outputToken called during readonly-parsing!"},
+    {[] { pif_checkUninitializedToken(); }, 0,
+     "pif_checkUninitializedToken called with synchronization ON!"},
+    {[] { pif_setSynchronization(0), pif_checkUninitializedToken(); }, 1,
+     "pif_checkUninitializedToken called during readonly-parsing!"},
+    {[] { ctok_putString("x"); }, 1, "ctok_putString called during readonly-parsing!"},
+    {[] { ctok_putChar('x'); }, 1, "ctok_putChar called during readonly-parsing!"},
+};
+
+TEST_F(FrameworkTest, MisuseOfTheOutputIsFatal) {
+  for (const MisuseCase& c : kMisuse) {
+    misuse = c.misuse;
+    EXPECT_EXIT(parser_runOnText(run_misuse, "x", "t", "root", c.readonly, nullptr),
+                ::testing::ExitedWithCode(1), c.message);
+  }
+}
+
+// Fills the registry to its six rows; the seventh registration ends the process.
+void register_seven() {
+  int taken = 0;
+  for (const char* name : {"Resolvparser", "ShellParser", "SinglevalueParser", "Camsettingsparser",
+                           "Standardparser", "Standard2parser"}) {
+    taken += parser_find(name) != nullptr ? 1 : 0;
+  }
+  static const char* const kExtra[] = {"X1", "X2", "X3", "X4", "X5", "X6"};
+  for (int i = 0; taken + i < kMaxParsers; ++i) parser_registerParser(copy_words, kExtra[i]);
+  for (int i = 0; taken + i < kMaxParsers; ++i) {
+    if (parser_find(kExtra[i]) == nullptr) exit(2);
+  }
+  parser_registerParser(copy_words, "Seventh");
+  exit(3);
+}
+
+TEST_F(FrameworkTest, SeventhRegistrationIsFatal) {
+  EXPECT_EXIT(register_seven(), ::testing::ExitedWithCode(1), "Too many parsers registered!");
+}
+
+// Backing files, through the Standard parser.
+
+TEST_F(FrameworkTest, UnknownParserNamedInTheError) {
+  Param* p = param("p", file("a.conf"), "Standard{Root}{p}", "Passwdparser");
+  EXPECT_EQ(invoke(p, 1), 1);
+  EXPECT_EQ(count_logged("Specified parser (Passwdparser) for '" + std::string(p->path) +
+                         "' doesn't exist!"),
+            1);
+  EXPECT_EQ(invoke(param("q", file("a.conf"), "x", nullptr), 1), 1);
+  EXPECT_EQ(count_logged("Specified parser (<unknown>) for"), 1);
+  EXPECT_EQ(invoke(param("r", "", "x"), 1), 1);  // no "file" option
+  EXPECT_FALSE(tessard::test::exists(file("a.conf")));
+}
+
+TEST_F(FrameworkTest, MissingFileCreatedInBothModes) {
+  Param* p = param("p", file("new.conf"), "Standard{Root}{p}");
+  EXPECT_EQ(invoke(p, 1), 0);
+  EXPECT_TRUE(tessard::test::exists(file("new.conf")));
+  unlink(file("new.conf").c_str());
+  tessard::test::client_sets(p, "v");
+  EXPECT_EQ(invoke(p, 0), 0);
+  EXPECT_EQ(read_file(file("new.conf")), "");  // a key the file lacks is not added
+  EXPECT_EQ(temp_files(), 0);
+}
+
+TEST_F(FrameworkTest, RewrittenOnEveryWriteRunKeepingModeAndOwner) {
+  tessard::test::write_file(file("a.conf"), std::string("k v\0\0\n", 6));
+  uid_t uid = geteuid() == 0 ? 1234 : geteuid();  // given away when the process may
+  gid_t gid = geteuid() == 0 ? 4321 : getegid();
+  ASSERT_EQ(chown(file("a.conf").c_str(), uid, gid) | chmod(file("a.conf").c_str(), 0640), 0);
+  struct stat before, after;
+  ASSERT_EQ(stat(file("a.conf").c_str(), &before), 0);
+  ASSERT_EQ(invoke(param("p", file("a.conf"), "Standard{Root}{k}"), 0), 0);
+  ASSERT_EQ(stat(file("a.conf").c_str(), &after), 0);
+  EXPECT_NE(after.st_ino, before.st_ino);
+  EXPECT_EQ(after.st_mode & 07777, 0640u);
+  EXPECT_EQ(after.st_uid, uid);
+  EXPECT_EQ(after.st_gid, gid);
+  EXPECT_EQ(read_file(file("a.conf")), std::string("k v\0\0\n", 6));
+  EXPECT_EQ(count_logged("Possible corruption in configuration file: " + file("a.conf")), 1);
+  EXPECT_EQ(count_logged("Updated configuration file " + file("a.conf") + "."), 1);
+}
+
+TEST_F(FrameworkTest, SymlinkTargetReplacedLinkKept) {
+  tessard::test::write_file(file("real.conf"), "k old\n");
+  ASSERT_EQ(symlink("real.conf", file("link.conf").c_str()), 0);
+  Param* p = param("p", file("link.conf"), "Standard{Root}{k}");
+  ASSERT_EQ(invoke(p, 1), 0);
+  EXPECT_EQ(tessard::test::value_text(p), "old");
+  tessard::test::client_sets(p, "new");
+  ASSERT_EQ(invoke(p, 0), 0);
+  struct stat st;
+  ASSERT_EQ(lstat(file("link.conf").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISLNK(st.st_mode));
+  EXPECT_EQ(read_file(file("real.conf")), "k new\n");
+  EXPECT_EQ(temp_files(), 0);
+}
+
+TEST_F(FrameworkTest, WaitsForTheFileLock) {
+  tessard::test::write_file(file("a.conf"), "k v\n");
+  Param* p = param("p", file("a.conf"), "Standard{Root}{k}");
+  int holder = open(file("a.conf").c_str(), O_RDONLY);
+  ASSERT_EQ(flock(holder, LOCK_SH), 0);
+  pid_t child = fork();
+  if (child == 0) {
+    close(holder);  // the lock stays with the parent's descriptor
+    _exit(invoke(p, 1) == 0 && tessard::test::value_text(p) == "v" ? 0 : 7);
+  }
+  usleep(200 * 1000);
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, WNOHANG), 0) << "read while another process held the lock";
+  close(holder);
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace

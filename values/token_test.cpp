@@ -1,0 +1,131 @@
+#include "values/token.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "init/logcapture.h"
+#include "parsers/parserframework.h"
+
+namespace {
+
+struct AcceptCase {
+  const char* name;
+  int type;
+  const char* expected;  // expected text handed to the accept, or null
+  std::string input;
+  int ok;
+  std::string text;    // token text when accepted
+  int quote;           // token quote when accepted
+  std::string output;  // the token written back, then the rest of the input copied through
+};
+
+void PrintTo(const AcceptCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
+const AcceptCase* current;
+Token seen;
+int accepted;
+
+// Accepts one token at the start of the text and writes it back; copies the rest through.
+int accept_once(Token* token, const char* /*group_path*/) {
+  accepted = pif_acceptToken(current->type, current->expected);
+  pif_getToken(&seen);
+  pif_syncToken();
+  for (pif_skipWhitespace(); token->type != TOKEN_EOF; pif_skipWhitespace()) {
+    pif_acceptToken(TOKEN_WORD, nullptr);
+    pif_syncToken();
+  }
+  return 0;
+}
+
+class AcceptTest : public ::testing::TestWithParam<AcceptCase> {
+ protected:
+  static void SetUpTestSuite() { token_init(); }
+};
+
+TEST_P(AcceptTest, ReadsAndWritesBack) {
+  current = &GetParam();
+  std::string output;
+  ASSERT_EQ(parser_runOnText(accept_once, current->input, "t", "root", 0, &output), 0);
+  ASSERT_EQ(accepted, current->ok);
+  if (accepted) {
+    EXPECT_EQ(seen.text, current->text);
+    EXPECT_EQ(seen.quote, current->quote);
+  }
+  EXPECT_EQ(output, current->output);
+}
+
+const AcceptCase kCases[] = {
+    {"StrongQuoted", TOKEN_VALUE, nullptr, "'it'\\''s'\n", 1, "it's", '\'', "'it'\\''s'\n"},
+    {"StrongEmptySection", TOKEN_VALUE, nullptr, "''x", 1, "x", '\'', "'x'"},
+    {"StrongKeepsNewline", TOKEN_VALUE, nullptr, "'a\nb'", 1, "a\nb", '\'', "'a\nb'"},
+    {"StrongContinuation", TOKEN_VALUE, nullptr, "'a'\\\nb c\nd", 1, "ab c", '\'', "'ab c'\nd"},
+    {"StrongUnterminated", TOKEN_VALUE, nullptr, "'abc", 0, "", 0, "'abc"},
+    {"ValueKeepsBackslash", TOKEN_VALUE, nullptr, "\"a\\\"b\" x", 1, "a\\\"b", '"', "'a\\\"b' x"},
+    {"ValueUnterminated", TOKEN_VALUE, nullptr, "\"ab\\\"", 0, "", 0, "\"ab\\\""},
+    {"ValueRestOfLine", TOKEN_VALUE, nullptr, "a b\r\nc", 1, "a b\r", 0, "'a b\r'\nc"},
+    {"StringUnescaped", TOKEN_STRING, nullptr, "\"a\\\"b\\\\\"", 1, "a\"b\\", '"',
+     "\"a\\\"b\\\\\""},
+    {"StringUnterminated", TOKEN_STRING, nullptr, "\"abc", 0, "", 0, "\"abc"},
+    {"StringAlnumBare", TOKEN_STRING, nullptr, "abc123 x", 1, "abc123", 0, "abc123 x"},
+    {"StringUnderscoreQuoted", TOKEN_STRING, nullptr, "a_b", 1, "a_b", 0, "\"a_b\""},
+    {"StringEmpty", TOKEN_STRING, nullptr, "\"\"", 1, "", '"', "\"\""},
+    {"StringHighBytes", TOKEN_STRING, nullptr, "\xe9t\xe9 x", 1, "\xe9t\xe9", 0, "\xe9t\xe9 x"},
+    {"StringNoControl", TOKEN_STRING, nullptr, "\x01z", 0, "", 0, "\x01z"},
+    {"StringExpected", TOKEN_STRING, "abd", "abc", 0, "", 0, "abc"},
+    {"WordEmpty", TOKEN_WORD, nullptr, " abc", 1, "", 0, " abc"},
+    {"Key", TOKEN_KEY, nullptr, "ab=cd", 1, "ab", 0, "ab=cd"},
+    {"Section", TOKEN_SECTION, nullptr, "[n 1] x", 1, "n 1", 0, "[n 1] x"},
+    {"SectionOpen", TOKEN_SECTION, nullptr, "[n", 0, "", 0, "[n"},
+    {"LineStopsAtCr", TOKEN_LINE, nullptr, "a b\r\nc", 1, "a b", 0, "a b\r\nc"},
+    {"LineAtEnd", TOKEN_LINE, nullptr, "", 0, "", 0, ""},
+    {"Integer", TOKEN_INTEGER, nullptr, "0042x", 1, "0042", 0, "0042x"},
+    {"IpCanonical", TOKEN_IPADDR, nullptr, "010.001.2.3 x", 1, "10.1.2.3", 0, "10.1.2.3 x"},
+    {"IpTrailing", TOKEN_IPADDR, nullptr, "1.2.3.4x", 1, "1.2.3.4", 0, "1.2.3.4"},
+    {"IpOctet256", TOKEN_IPADDR, nullptr, "256.1.1.1", 0, "", 0, "256.1.1.1"},
+    {"IpThreeOctets", TOKEN_IPADDR, nullptr, "1.2.3", 0, "", 0, "1.2.3"},
+    {"IpNegative", TOKEN_IPADDR, nullptr, "1.-2.3.4", 0, "", 0, "1.-2.3.4"},
+    {"LiteralPrefix", TOKEN_LITERAL, "Network", "Networks", 1, "Network", 0, "Networks"},
+    {"LiteralShort", TOKEN_LITERAL, "Network", "Net", 0, "", 0, "Net"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Token, AcceptTest, ::testing::ValuesIn(kCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(AcceptTest, StrongQuotedStopsAt1024Characters) {
+  tessard::test::clear_captured_log();
+  for (int length : {1023, 1024}) {
+    AcceptCase c{"", TOKEN_VALUE, nullptr, "'" + std::string(length, 'a') + "'", 0, "", 0, ""};
+    current = &c;
+    ASSERT_EQ(parser_runOnText(accept_once, c.input, "t", "root", 1, nullptr), 0);
+    EXPECT_EQ(accepted, length == 1023 ? 1 : 0);
+  }
+  EXPECT_EQ(tessard::test::count_logged("Too long strong quoted string."), 1);
+}
+
+TEST(TokenText, CapacityBookkeeping) {
+  char borrowed[] = "ab";
+  Token t{};
+  t.text = borrowed;  // not owned: replaced by a fresh buffer, never freed
+  ASSERT_EQ(token_strcat(&t, "cd"), 1);
+  EXPECT_STREQ(t.text, "abcd");
+  EXPECT_STREQ(borrowed, "ab");
+  EXPECT_EQ(t.capacity, 5);
+  ASSERT_EQ(token_set_str(&t, "abcdefghij", 10), 1);
+  ASSERT_EQ(token_set_str(&t, "ab", 2), 1);  // fits: same buffer, capacity kept
+  EXPECT_EQ(t.capacity, 11);
+  char* buffer = t.text;
+  ASSERT_EQ(token_strcat(&t, "cd"), 1);  // in place; the recorded capacity shrinks to the text
+  EXPECT_EQ(t.text, buffer);
+  EXPECT_EQ(t.capacity, 5);
+  ASSERT_EQ(token_set_strlen(&t, 100), 1);  // room made, capacity not recorded
+  EXPECT_EQ(t.capacity, 5);
+  EXPECT_STREQ(t.text, "abcd");
+  t.text[100] = 0;  // the room is really there (the sanitizer checks)
+  token_clear(&t);
+  EXPECT_EQ(token_strcat(&t, ""), 0);  // no text and nothing to add
+}
+
+}  // namespace
