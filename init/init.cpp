@@ -14,6 +14,8 @@
 
 #include "dynamic/dynamic.h"
 #include "init/log.h"
+#include "parsers/mappinginterface.h"
+#include "parsers/parserframework.h"
 #include "server/server.h"
 
 namespace {
@@ -186,6 +188,17 @@ int tessard_main(int argc, char** argv) {
   if (dyn_init("/usr/etc/sysconfig/template", "/etc/sysconfig/template", "/etc/dynamic/param",
                "/etc/dynamic") < 0) {
     log_error("init", "Initialization of the dynamic directories failed.");
+    close(listen_fd);
+    return -1;
+  }
+
+  if (parser_init() != 0) {
+    log_error("init", "Error initializing the Parser Framework.");
+    close(listen_fd);
+    return -1;
+  }
+  if (mif_init() != 0) {
+    log_error("init", "Error initializing the Mapping Interface.");
     close(listen_fd);
     return -1;
   }
