@@ -8,41 +8,17 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <string>
 
 #include "init/log.h"
 #include "mapping/quibmapping.h"
+#include "movefile/handles.h"
 #include "movefile/movefile.h"
 #include "parsers/parserframework.h"
 
 namespace {
 
 constexpr const char* kSource = "parserframework";
-
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
-using CString = std::unique_ptr<char, FreeDeleter>;
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  ~UniqueFd() { reset(); }
-  int get() const { return fd_; }
-  void reset() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
 
 // The temporary file of a write-mode run. Removed unless it was moved into place.
 class TempFile {
