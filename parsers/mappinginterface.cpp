@@ -106,6 +106,15 @@ void start_skip_if_passive() {
   }
 }
 
+// Skip handling of an enter: true when the enter ends here.
+bool enter_while_skipping() {
+  if (mif.skip_depth == 0) {
+    return false;
+  }
+  ++mif.skip_depth;
+  return true;
+}
+
 // Skip handling of a leave: true when the leave ends here.
 bool leave_while_skipping() {
   if (mif.skip_depth == 0) {
@@ -301,8 +310,7 @@ void mif_reset() {
 }
 
 int mif_enterRootSection(const char* name, const char* group_path) {
-  if (mif.skip_depth > 0) {
-    ++mif.skip_depth;
+  if (enter_while_skipping()) {
     return 0;
   }
   if (mif.current != nullptr) {
@@ -345,8 +353,7 @@ int mif_probeRootSection(const char* name, const char* group_path, MappingCallba
 }
 
 int mif_enterSection(const char* name) {
-  if (mif.skip_depth > 0) {
-    ++mif.skip_depth;
+  if (enter_while_skipping()) {
     return 0;
   }
   // Inside a parameter a section is a key of its value; outside, a step of the mapping path.
@@ -424,8 +431,7 @@ int mif_endOfSections() {
 }
 
 int mif_enterScalar(const char* type_name) {
-  if (mif.skip_depth > 0) {
-    ++mif.skip_depth;
+  if (enter_while_skipping()) {
     return 0;
   }
   Data* data = current_data();
@@ -465,8 +471,7 @@ int mif_indicateList() {
 }
 
 int mif_enterList() {
-  if (mif.skip_depth > 0) {
-    ++mif.skip_depth;
+  if (enter_while_skipping()) {
     return 0;
   }
   if (mif.current != nullptr && mif.consuming) {

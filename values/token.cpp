@@ -38,13 +38,24 @@ int finish(Token* token, std::string_view text, const char* expected) {
   return token_set_str(token, text.data(), static_cast<int>(text.size())) ? 0 : -1;
 }
 
-// Consumes up to and including the closing double quote; a backslash makes the character after
-// it part of the text. The opening quote is current on entry. 0, or -1 when NUL comes first.
-int skip_double_quoted(const int* ch) {
+// Stores the text and the quote it was read with, unless an expected text is given and differs.
+int finish_quoted(Token* token, std::string_view text, const char* expected, int quote) {
+  if (finish(token, text, expected) != 0) {
+    return -1;
+  }
+  token->quote = quote;
+  return 0;
+}
+
+// Consumes a double-quoted string, its opening quote being current, and gives the text between
+// the quotes; a backslash makes the character after it part of the text. False when NUL comes
+// before the closing quote.
+bool read_double_quoted(const int* ch, const char* const* buffer, const int* count,
+                        std::string_view* raw) {
   ctok_newChar();
   while (*ch != '"') {
     if (*ch == 0) {
-      return -1;
+      return false;
     }
     if (*ch == '\\') {
       ctok_newChar();
@@ -52,7 +63,9 @@ int skip_double_quoted(const int* ch) {
     ctok_newChar();
   }
   ctok_newChar();
-  return 0;
+  std::string_view all = consumed(buffer, count);
+  *raw = all.substr(1, all.size() - 2);
+  return true;
 }
 
 // Drops each backslash and takes the character after it as it is.
@@ -72,7 +85,7 @@ int set_unescaped(Token* token, std::string_view raw, const char* expected) {
     }
     out[n++] = raw[i];
   }
-  int rc = finish(token, {out, n}, expected);
+  int rc = finish_quoted(token, {out, n}, expected, '"');
   if (out != scratch) {
     free(out);
   }
@@ -81,16 +94,9 @@ int set_unescaped(Token* token, std::string_view raw, const char* expected) {
 
 int acceptStringToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                       const char* expected) {
+  std::string_view raw;
   if (*ch == '"') {
-    if (skip_double_quoted(ch) != 0) {
-      return -1;
-    }
-    std::string_view all = consumed(buffer, count);
-    if (set_unescaped(token, all.substr(1, all.size() - 2), expected) != 0) {
-      return -1;
-    }
-    token->quote = '"';
-    return 0;
+    return read_double_quoted(ch, buffer, count, &raw) ? set_unescaped(token, raw, expected) : -1;
   }
   if (!token_isgraph(*ch)) {
     return -1;
@@ -98,11 +104,7 @@ int acceptStringToken(Token* token, const int* ch, const char* const* buffer, co
   while (token_isgraph(*ch)) {
     ctok_newChar();
   }
-  if (finish(token, consumed(buffer, count), expected) != 0) {
-    return -1;
-  }
-  token->quote = 0;
-  return 0;
+  return finish_quoted(token, consumed(buffer, count), expected, 0);
 }
 
 int acceptWordToken(Token* token, const int* ch, const char* const* buffer, const int* count,
@@ -164,37 +166,23 @@ int acceptStrongQuoted(Token* token, const int* ch, const char* expected) {
       return -1;
     }
   }
-  if (finish(token, {text, static_cast<size_t>(n)}, expected) != 0) {
-    return -1;
-  }
-  token->quote = '\'';
-  return 0;
+  return finish_quoted(token, {text, static_cast<size_t>(n)}, expected, '\'');
 }
 
 int acceptValueToken(Token* token, const int* ch, const char* const* buffer, const int* count,
                      const char* expected) {
+  std::string_view raw;
   if (*ch == '\'') {
     return acceptStrongQuoted(token, ch, expected);
   }
   if (*ch == '"') {
-    if (skip_double_quoted(ch) != 0) {
-      return -1;
-    }
-    std::string_view all = consumed(buffer, count);
-    if (finish(token, all.substr(1, all.size() - 2), expected) != 0) {
-      return -1;
-    }
-    token->quote = '"';
-    return 0;
+    return read_double_quoted(ch, buffer, count, &raw) ? finish_quoted(token, raw, expected, '"')
+                                                       : -1;
   }
   while (*ch != 0 && *ch != '\n') {
     ctok_newChar();
   }
-  if (finish(token, consumed(buffer, count), expected) != 0) {
-    return -1;
-  }
-  token->quote = 0;
-  return 0;
+  return finish_quoted(token, consumed(buffer, count), expected, 0);
 }
 
 int acceptSectionToken(Token* token, const int* ch, const char* const* buffer, const int* count,
