@@ -11,7 +11,7 @@
 
 namespace {
 
-using std::string_literals::operator""s;
+using namespace std::string_literals;
 
 struct Free {
   void operator()(void* p) const { free(p); }
@@ -21,7 +21,9 @@ struct Free {
 std::string bytes_of(const Data* data) {
   int length = -1;
   std::unique_ptr<unsigned char, Free> bytes(legacy_drep_buildBytesFromData(data, &length));
-  if (bytes == nullptr) return length == 0 ? "<none>" : "<bad length>";
+  if (bytes == nullptr) {
+    return length == 0 ? "<none>" : "<bad length>";
+  }
   return std::string(reinterpret_cast<char*>(bytes.get()), length);
 }
 
@@ -39,12 +41,14 @@ void PrintTo(const Parsed& parsed, std::ostream* out) {
 
 Parsed parse(const std::string& input, bool checked) {
   std::unique_ptr<unsigned char, Free> block(static_cast<unsigned char*>(malloc(input.size())));
-  memcpy(block.get(), input.data(), input.size());
+  std::copy(input.begin(), input.end(), block.get());
   int consumed = -1;
   UniqueData data(checked
                       ? legacy_drep_buildDataFromBytesChecked(block.get(), input.size(), &consumed)
                       : legacy_drep_buildDataFromBytes(block.get(), &consumed));
-  if (data == nullptr) return {"<refused>", consumed};
+  if (data == nullptr) {
+    return {"<refused>", consumed};
+  }
   return {bytes_of(data.get()), consumed};
 }
 
@@ -57,8 +61,12 @@ UniqueData scalar(const char* type, const char* text) {
 
 UniqueData empty(uint32_t type) {
   UniqueData data(legacy_drep_createData());
-  if (type == DATA_LIST) legacy_drep_initializeList(data.get());
-  if (type == DATA_HASH) legacy_drep_initializeHash(data.get());
+  if (type == DATA_LIST) {
+    legacy_drep_initializeList(data.get());
+  }
+  if (type == DATA_HASH) {
+    legacy_drep_initializeHash(data.get());
+  }
   return data;
 }
 
@@ -105,20 +113,24 @@ TEST(ByteFormat, HashKeepsInsertionOrder) {
 TEST(ByteFormat, ElementsUpTo65535Bytes) {
   struct Case {
     const char* what;
-    uint32_t container;
     size_t keyLength;  // for a hash
     size_t textLength;
+    uint32_t container;
     bool fits;
-  } cases[] = {{"scalar", DATA_NONE, 0, 65523, true},   {"scalar", DATA_NONE, 0, 65524, false},
-               {"list", DATA_LIST, 0, 65515, true},     {"list", DATA_LIST, 0, 65516, false},
-               {"hash key", DATA_HASH, 65513, 0, true}, {"hash key", DATA_HASH, 65514, 0, false}};
+  } cases[] = {{"scalar", 0, 65523, DATA_NONE, true},   {"scalar", 0, 65524, DATA_NONE, false},
+               {"list", 0, 65515, DATA_LIST, true},     {"list", 0, 65516, DATA_LIST, false},
+               {"hash key", 65513, 0, DATA_HASH, true}, {"hash key", 65514, 0, DATA_HASH, false}};
   for (const Case& c : cases) {
     tessard::test::clear_captured_log();
     UniqueData value = scalar("string", std::string(c.textLength, 'v').c_str());
     UniqueData top = c.container == DATA_NONE ? std::move(value) : empty(c.container);
-    if (c.container == DATA_LIST) legacy_drep_addToList(top.get(), value.release());
+    if (c.container == DATA_LIST) {
+      legacy_drep_addToList(top.get(), value.release());
+    }
     std::string key(c.keyLength, 'k');
-    if (c.container == DATA_HASH) legacy_drep_setHashValue(top.get(), value.release(), key.c_str());
+    if (c.container == DATA_HASH) {
+      legacy_drep_setHashValue(top.get(), value.release(), key.c_str());
+    }
     std::string bytes = bytes_of(top.get());
     if (!c.fits) {
       EXPECT_EQ(bytes, "<none>") << c.what;
@@ -192,7 +204,9 @@ UniqueData random_tree(std::mt19937& rng, int depth) {
                                             {"ipaddr", "fe80::1%lo"},
                                             {"ipaddr", "192.168.0.1"}};
   int pick = static_cast<int>(rng() % (depth > 0 ? 10 : 8));
-  if (pick < 8) return scalar(kScalars[pick][0], kScalars[pick][1]);
+  if (pick < 8) {
+    return scalar(kScalars[pick][0], kScalars[pick][1]);
+  }
   UniqueData data = empty(pick == 8 ? DATA_LIST : DATA_HASH);
   for (int i = static_cast<int>(rng() % 5); i > 0; --i) {
     Data* child = random_tree(rng, depth - 1).release();
@@ -231,7 +245,9 @@ TEST(CheckedParse, RefusesEveryTruncationAndSurvivesMutation) {
         mutated[rng() % mutated.size()] = static_cast<char>(rng());
       }
       Parsed checked = parse(mutated, true);
-      if (checked.bytes == "<refused>") continue;
+      if (checked.bytes == "<refused>") {
+        continue;
+      }
       // Accepted input was read only inside its bounds, so the trusting parser must agree.
       ++accepted;
       EXPECT_LE(checked.consumed, static_cast<int>(mutated.size()));
@@ -248,12 +264,11 @@ TEST(ByteFormat, DeepestNestingRoundTrips) {
     int total = 8 * (kDepth - level);
     bytes += u16(total) + u16(4) + "LIST";
   }
-  std::unique_ptr<unsigned char, Free> block(static_cast<unsigned char*>(malloc(bytes.size())));
-  memcpy(block.get(), bytes.data(), bytes.size());
+  EXPECT_EQ(parse(bytes, true), (Parsed{bytes, 8 * kDepth}));
+  auto* raw = reinterpret_cast<const unsigned char*>(bytes.data());
   int consumed = 0;
-  UniqueData data(legacy_drep_buildDataFromBytesChecked(block.get(), bytes.size(), &consumed));
+  UniqueData data(legacy_drep_buildDataFromBytes(raw, &consumed));
   ASSERT_NE(data, nullptr);
-  EXPECT_EQ(consumed, 8 * kDepth);
   UniqueData copy(legacy_drep_copyData(data.get()));
   EXPECT_EQ(bytes_of(copy.get()), bytes);
 }

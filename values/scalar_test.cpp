@@ -26,7 +26,9 @@ UniqueScalar make(const char* type) {
 std::string text_of(const CustomScalar* scalar) {
   int result = 0;
   char* text = scalar_getString(scalar, &result);
-  if (text == nullptr) return "<" + std::to_string(result) + ">";
+  if (text == nullptr) {
+    return "<" + std::to_string(result) + ">";
+  }
   std::string copy(text);
   free(text);
   return copy;
