@@ -44,6 +44,27 @@ Node* walk_next(Node* first, const Data* previous, void*& hint) {
   return nullptr;
 }
 
+// Unlinks the first node (ListNode or HashEntry) that `matches` from the chain starting at *first
+// and keeps the container's tail and walk position valid. Returns the node, or null.
+template <typename Node, typename Match>
+Node* unlink_first(Node** first, Data* container, Match matches) {
+  Node* before = nullptr;
+  for (Node* node = *first; node != nullptr; before = node, node = node->next) {
+    if (!matches(node)) {
+      continue;
+    }
+    (before == nullptr ? *first : before->next) = node->next;
+    if (container->last == node) {
+      container->last = before;
+    }
+    if (container->walkHint == node) {
+      container->walkHint = nullptr;
+    }
+    return node;
+  }
+  return nullptr;
+}
+
 void free_list(ListNode* node) {
   while (node != nullptr) {
     ListNode* next = node->next;
@@ -289,21 +310,11 @@ int legacy_drep_deleteListItem(Data* list, Data* value) {
   if (list == nullptr || list->type != DATA_LIST) {
     log_fatal(kSource, "legacy_drep_deleteListItem: Datatype was not DATA_LIST!");
   }
-  ListNode* before = nullptr;
-  for (ListNode* node = list->first; node != nullptr; before = node, node = node->next) {
-    if (node->value != value) {
-      continue;
-    }
-    (before == nullptr ? list->first : before->next) = node->next;
-    if (list->last == node) {
-      list->last = before;
-    }
-    if (list->walkHint == node) {
-      list->walkHint = nullptr;
-    }
+  ListNode* node =
+      unlink_first(&list->first, list, [value](const ListNode* n) { return n->value == value; });
+  if (node != nullptr) {
     legacy_drep_freeData(node->value);
     free(node);
-    break;
   }
   return 0;
 }
@@ -375,20 +386,10 @@ int legacy_drep_deleteHashValue(Data* hash, const char* key) {
   if (key == nullptr) {
     return 0;
   }
-  HashEntry* before = nullptr;
-  for (HashEntry* entry = hash->firstEntry; entry != nullptr; before = entry, entry = entry->next) {
-    if (strcmp(entry->key, key) != 0) {
-      continue;
-    }
-    (before == nullptr ? hash->firstEntry : before->next) = entry->next;
-    if (hash->last == entry) {
-      hash->last = before;
-    }
-    if (hash->walkHint == entry) {
-      hash->walkHint = nullptr;
-    }
+  HashEntry* entry = unlink_first(&hash->firstEntry, hash,
+                                  [key](const HashEntry* e) { return strcmp(e->key, key) == 0; });
+  if (entry != nullptr) {
     free_entry(entry);
-    break;
   }
   return 0;
 }

@@ -134,13 +134,6 @@ int32_t stored_int(const CustomScalar* scalar) {
   return value;
 }
 
-int fixed_set_bytes(CustomScalar* scalar, const unsigned char* bytes, int size, const void* arg) {
-  if (size != *static_cast<const int*>(arg)) {
-    return -1;
-  }
-  return store_bytes(scalar, bytes, size);
-}
-
 // Base-10 conversion of the leading digits; a text without digits gives 0. Values beyond the
 // 32-bit range are clamped.
 int int_parse(CustomScalar* scalar, const char* text, const void*) {
@@ -164,39 +157,40 @@ int int_print(const CustomScalar* scalar, char* buffer, int* size, const void*) 
 
 // ---- "ip" and "eth_addr" -----------------------------------------------------------------------
 
-constexpr int kIpSize = 4;
-constexpr int kIpTextSize = 16;
-constexpr int kEthSize = 6;
-constexpr int kEthTextSize = 18;
+// The layout of an address written as numbers with a separator between them.
+struct OctetFormat {
+  int count;
+  int base;
+  char separator;
+  const char* octetFormat;  // printf format of one octet
+  int textSize;             // widest text with its NUL
+};
 
-int ip_parse(CustomScalar* scalar, const char* text, const void*) {
-  unsigned char octets[kIpSize];
-  if (!scan_octets(text, 10, '.', octets, kIpSize)) {
+constexpr OctetFormat kIpFormat = {4, 10, '.', "%d", 16};
+constexpr OctetFormat kEthFormat = {6, 16, ':', "%02x", 18};
+constexpr int kMaxOctets = 6;
+
+int octets_parse(CustomScalar* scalar, const char* text, const void* arg) {
+  const auto& format = *static_cast<const OctetFormat*>(arg);
+  unsigned char octets[kMaxOctets];
+  if (!scan_octets(text, format.base, format.separator, octets, format.count)) {
     return -1;
   }
-  return store_bytes(scalar, octets, kIpSize);
+  return store_bytes(scalar, octets, format.count);
 }
 
-int ip_print(const CustomScalar* scalar, char* buffer, int* size, const void*) {
-  const unsigned char* b = scalar->buffer;
-  char text[kIpTextSize];
-  snprintf(text, sizeof text, "%d.%d.%d.%d", b[0], b[1], b[2], b[3]);
-  return print_reserved(text, kIpTextSize, buffer, size);
-}
-
-int eth_parse(CustomScalar* scalar, const char* text, const void*) {
-  unsigned char octets[kEthSize];
-  if (!scan_octets(text, 16, ':', octets, kEthSize)) {
-    return -1;
+int octets_print(const CustomScalar* scalar, char* buffer, int* size, const void* arg) {
+  const auto& format = *static_cast<const OctetFormat*>(arg);
+  std::string text;
+  for (int i = 0; i < format.count; ++i) {
+    char octet[4];
+    snprintf(octet, sizeof octet, format.octetFormat, scalar->buffer[i]);
+    if (i > 0) {
+      text += format.separator;
+    }
+    text += octet;
   }
-  return store_bytes(scalar, octets, kEthSize);
-}
-
-int eth_print(const CustomScalar* scalar, char* buffer, int* size, const void*) {
-  const unsigned char* b = scalar->buffer;
-  char text[kEthTextSize];
-  snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
-  return print_reserved(text, kEthTextSize, buffer, size);
+  return print_reserved(text, format.textSize, buffer, size);
 }
 
 // ---- Enumerations ------------------------------------------------------------------------------
@@ -318,27 +312,23 @@ using PrintFn = int (*)(const CustomScalar*, char*, int*, const void*);
 
 struct ScalarType {
   const char* name;
-  SetBytesFn setBytes;
+  SetBytesFn setBytes;  // null: the bytes are copied as they are, after the size check
   ParseFn parse;
   PrintFn print;
-  const void* arg;  // the enumeration list, or the storage size of a fixed-size type
-  int defaultSize;  // storage of the default value; 0 for the text types
+  const void* arg;  // the enumeration list or the address layout
+  int fixedSize;    // storage size of a fixed-size type (its default is all zero); 0 for texts
   int newTextSize;  // buffer for the new-text form; 0: the stored text's own length
 };
-
-constexpr int kIpSizeArg = kIpSize;
-constexpr int kEthSizeArg = kEthSize;
-constexpr int kIntSizeArg = sizeof(int32_t);
-constexpr int kIpaddrSizeArg = SCALAR_IPADDR_SIZE;
 
 #define TESSARD_ENUM_ROW(name, list) \
   { name, enum_set_bytes, enum_parse, text_print, list, 0, 0 }
 
 constexpr ScalarType kTypes[SCALARTYPE_COUNT] = {
     {"string", string_set_bytes, string_parse, text_print, nullptr, 0, 0},
-    {"int", fixed_set_bytes, int_parse, int_print, &kIntSizeArg, 4, kIntTextSize},
-    {"ip", fixed_set_bytes, ip_parse, ip_print, &kIpSizeArg, kIpSize, kIpTextSize},
-    {"eth_addr", fixed_set_bytes, eth_parse, eth_print, &kEthSizeArg, kEthSize, kEthTextSize},
+    {"int", nullptr, int_parse, int_print, nullptr, sizeof(int32_t), kIntTextSize},
+    {"ip", nullptr, octets_parse, octets_print, &kIpFormat, kIpFormat.count, kIpFormat.textSize},
+    {"eth_addr", nullptr, octets_parse, octets_print, &kEthFormat, kEthFormat.count,
+     kEthFormat.textSize},
     TESSARD_ENUM_ROW("cenum_on_off", kOnOff),
     TESSARD_ENUM_ROW("cenum_true_false", kTrueFalse),
     TESSARD_ENUM_ROW("compression", kCompression),
@@ -347,7 +337,7 @@ constexpr ScalarType kTypes[SCALARTYPE_COUNT] = {
     TESSARD_ENUM_ROW("yes_no", kYesNo),
     TESSARD_ENUM_ROW("remove", kRemove),
     TESSARD_ENUM_ROW("resolution", kResolution),
-    {"ipaddr", fixed_set_bytes, ipaddr_parse, ipaddr_print, &kIpaddrSizeArg, SCALAR_IPADDR_SIZE,
+    {"ipaddr", nullptr, ipaddr_parse, ipaddr_print, nullptr, SCALAR_IPADDR_SIZE,
      SCALAR_IPADDR_TEXT_SIZE},
 };
 
@@ -368,9 +358,9 @@ bool is_enum(const ScalarType& type) {
 // Sets the row's default: zero bytes for the fixed-size types, the empty text for "string" and
 // the first entry for an enumeration.
 int set_default(CustomScalar* scalar, const ScalarType& type) {
-  if (type.defaultSize > 0) {
+  if (type.fixedSize > 0) {
     unsigned char zeros[SCALAR_IPADDR_SIZE] = {};
-    return store_bytes(scalar, zeros, type.defaultSize);
+    return store_bytes(scalar, zeros, type.fixedSize);
   }
   const char* text = is_enum(type) ? static_cast<const char* const*>(type.arg)[0] : "";
   return store_text(scalar, text);
@@ -438,7 +428,11 @@ void scalar_setFromBytes(CustomScalar* scalar, const unsigned char* bytes, int s
     return set_result(result, -1);
   }
   const ScalarType& type = type_of(scalar);
-  set_result(result, type.setBytes(scalar, bytes, size, type.arg));
+  if (type.setBytes != nullptr) {
+    return set_result(result, type.setBytes(scalar, bytes, size, type.arg));
+  }
+  bool sizeFits = type.fixedSize == 0 || size == type.fixedSize;
+  set_result(result, sizeFits && size > 0 ? store_bytes(scalar, bytes, size) : -1);
 }
 
 void scalar_setFromString(CustomScalar* scalar, const char* text, int* result) {
