@@ -12,7 +12,6 @@
 #include "values/legacydatarep_internal.h"
 
 using drep_internal::kSource;
-using drep_internal::UniqueText;
 
 namespace {
 
@@ -466,7 +465,7 @@ void help_copyScalar(const Data* source, Data* copy) {
     return;
   }
   int result = -1;
-  UniqueText text(scalar_getString(source->custom, &result));
+  CString text(scalar_getString(source->custom, &result));
   if (result == 0) {
     scalar_setFromString(copy->custom, text.get(), &result);
   } else {

@@ -13,7 +13,6 @@
 
 using drep_internal::kSource;
 using drep_internal::read16;
-using drep_internal::UniqueText;
 using drep_internal::write16;
 
 // ---- Byte format -------------------------------------------------------------------------------
@@ -130,7 +129,7 @@ bool help_scalarToByteString(ByteArray* out, const Data* data) {
     return false;
   }
   int result = -1;
-  UniqueText text(scalar_getString(data->custom, &result));
+  CString text(scalar_getString(data->custom, &result));
   if (result != 0) {
     return false;
   }
@@ -200,8 +199,8 @@ struct Bytes {
 Data* help_parseElement(const Bytes& in, size_t* consumed);
 
 // NUL-terminated copy of count bytes; logs and gives null when memory runs out.
-UniqueText copy_text(const unsigned char* bytes, size_t count) {
-  UniqueText text(static_cast<char*>(malloc(count + 1)));
+CString copy_text(const unsigned char* bytes, size_t count) {
+  CString text(static_cast<char*>(malloc(count + 1)));
   if (text == nullptr) {
     log_error(kSource, "Memory allocation failed in %s.", "legacy_drep_buildDataFromBytes");
     return nullptr;
@@ -236,7 +235,7 @@ bool help_parseHash(const Bytes& in, size_t total, size_t* p, Data* hash) {
     if (in.checked && *p + 2 + keyLength > total) {
       return false;
     }
-    UniqueText key = copy_text(in.at + *p + 2, keyLength);
+    CString key = copy_text(in.at + *p + 2, keyLength);
     if (key == nullptr) {
       return false;
     }
@@ -293,7 +292,7 @@ Data* help_parseScalar(const Bytes& in, const char* name, size_t nameLength, siz
   if (legacy_drep_initializeScalar(data.get(), SCALAR_CUSTOM, name) != 0) {
     return nullptr;
   }
-  UniqueText text = copy_text(in.at + 6 + nameLength, textLength);
+  CString text = copy_text(in.at + 6 + nameLength, textLength);
   if (text == nullptr) {
     return nullptr;
   }
@@ -314,7 +313,7 @@ Data* help_parseElement(const Bytes& in, size_t* consumed) {
   if (in.lacks(total) || in.lacks(4 + nameLength)) {
     return nullptr;
   }
-  UniqueText name = copy_text(in.at + 4, nameLength);
+  CString name = copy_text(in.at + 4, nameLength);
   if (name == nullptr) {
     return nullptr;
   }

@@ -7,20 +7,17 @@
 #include <string>
 
 #include "init/logcapture.h"
+#include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
 namespace {
 
 using namespace std::string_literals;
 
-struct Free {
-  void operator()(void* p) const { free(p); }
-};
-
 // The serialisation as a string, or "<none>" with length 0.
 std::string bytes_of(const Data* data) {
   int length = -1;
-  std::unique_ptr<unsigned char, Free> bytes(legacy_drep_buildBytesFromData(data, &length));
+  std::unique_ptr<unsigned char, FreeDeleter> bytes(legacy_drep_buildBytesFromData(data, &length));
   if (bytes == nullptr) {
     return length == 0 ? "<none>" : "<bad length>";
   }
@@ -40,7 +37,8 @@ void PrintTo(const Parsed& parsed, std::ostream* out) {
 }
 
 Parsed parse(const std::string& input, bool checked) {
-  std::unique_ptr<unsigned char, Free> block(static_cast<unsigned char*>(malloc(input.size())));
+  std::unique_ptr<unsigned char, FreeDeleter> block(
+      static_cast<unsigned char*>(malloc(input.size())));
   std::copy(input.begin(), input.end(), block.get());
   int consumed = -1;
   UniqueData data(checked

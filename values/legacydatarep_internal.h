@@ -5,17 +5,12 @@
 #include <cstdlib>
 #include <memory>
 
+#include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
 namespace drep_internal {
 
 inline constexpr const char* kSource = "legacydatarep";
-
-struct Free {
-  void operator()(void* p) const { free(p); }
-};
-// A malloc'd text.
-using UniqueText = std::unique_ptr<char, Free>;
 
 // 16-bit little-endian fields of the byte format and of the integer text fields.
 inline uint16_t read16(const unsigned char* at) {

@@ -11,7 +11,6 @@
 
 using drep_internal::kSource;
 using drep_internal::read16;
-using drep_internal::UniqueText;
 using drep_internal::write16;
 
 // ---- Text dump ---------------------------------------------------------------------------------
@@ -31,7 +30,7 @@ void help_printScalar(const Data* data) {
   if (data->scalarKind == SCALAR_STRING) {
     printf("SCALAR_STRING: '%s'", data->stringValue != nullptr ? data->stringValue : "(null)");
   } else if (data->scalarKind == SCALAR_CUSTOM) {
-    UniqueText text(scalar_getString(data->custom, nullptr));
+    CString text(scalar_getString(data->custom, nullptr));
     printf("SCALAR_CUSTOM: %s", text != nullptr ? text.get() : "(null)");
   } else if (data->scalarKind == SCALAR_INT) {
     printf("SCALAR_INT: %d", data->intValue);
@@ -113,7 +112,7 @@ int legacy_drep_byteToInt(const unsigned char* bytes, int* error) {
   if (text == nullptr) {
     log_fatal(kSource, "Error: Out of memory in legacy_drep_byteToInt");
   }
-  UniqueText owner(text);
+  CString owner(text);
   memcpy(text, bytes + 2, length);
   text[length] = '\0';
   int value = 0;

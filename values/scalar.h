@@ -16,6 +16,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 // Indexes of the type table, in table order.
 constexpr int32_t SCALARTYPE_STRING = 0;
@@ -71,3 +72,9 @@ char* scalar_getString(const CustomScalar* scalar, int* result);
 const char* scalar_getTypeName(const CustomScalar* scalar);
 // Releases the scalar and its buffer; null is ignored.
 void scalar_free(CustomScalar* scalar);
+
+// Owning handle for a custom scalar.
+struct ScalarFree {
+  void operator()(CustomScalar* scalar) const { scalar_free(scalar); }
+};
+using UniqueScalar = std::unique_ptr<CustomScalar, ScalarFree>;

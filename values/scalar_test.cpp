@@ -10,11 +10,6 @@
 
 namespace {
 
-struct ScalarFree {
-  void operator()(CustomScalar* scalar) const { scalar_free(scalar); }
-};
-using UniqueScalar = std::unique_ptr<CustomScalar, ScalarFree>;
-
 UniqueScalar make(const char* type) {
   int result = -1;
   UniqueScalar scalar(scalar_create(type, &result));
