@@ -52,6 +52,11 @@ bool is_indexed(const Param* param) {
   return !param->group->removed;
 }
 
+// Every change to the structure of the tree goes through here.
+void tree_changed() {
+  map_state().treeVersion++;
+}
+
 void copy_name(char (&target)[kMapNameMax + 1], const char* name) {
   size_t length = strnlen(name, kMapNameMax);
   memcpy(target, name, length);
@@ -215,12 +220,20 @@ Group* new_group(const char* name, const Group* parent) {
 }
 
 // Places child after every child whose name compares equal or less, without regard to case.
+// While nobody reordered the children they are sorted, and the ordered index finds the place.
 void insert_child(Group* parent, Group* child) {
-  Group** link = &parent->children;
-  while (*link != nullptr && strcasecmp((*link)->name, child->name) <= 0) link = &(*link)->next;
+  tree_changed();
+  child->parent = parent;
+  Group** link = nullptr;
+  if (!parent->childrenMoved) {
+    link = map_index().child_link(parent, child->name);
+  } else {
+    link = &parent->children;
+    while (*link != nullptr && strcasecmp((*link)->name, child->name) <= 0) link = &(*link)->next;
+  }
   child->next = *link;
   *link = child;
-  child->parent = parent;
+  map_index().add_child(parent, child);
 }
 
 int add_root(const char* name, Group** out) {
@@ -232,16 +245,24 @@ int add_root(const char* name, Group** out) {
   Group* root = new_group(name, nullptr);
   if (root == nullptr) return -2;
   state.root = root;
+  tree_changed();
   map_index().add_group(root);
   if (out != nullptr) *out = root;
   return 0;
 }
 
-void unlink_child(Group* group) {
-  Group** link = &group->parent->children;
+// Takes group out of its parent's children; it stays linked to the parent as its parent.
+void take_out_child(Group* group) {
+  Group* parent = group->parent;
+  Group** link = &parent->children;
   while (*link != group) link = &(*link)->next;
   *link = group->next;
   group->next = nullptr;
+  map_index().remove_child(parent, group);
+}
+
+void unlink_child(Group* group) {
+  take_out_child(group);
   group->parent = nullptr;
 }
 
@@ -274,6 +295,8 @@ void remove_one(Group* group, int defer, int reason) {
   Group* children = group->children;
   group->children = nullptr;
   if (children != nullptr) map_removeGroup(children, defer, reason);
+  if (group->parent != nullptr) map_index().remove_child(group->parent, group);
+  map_index().forget_children(group);
   map_index().remove_group(group);
   for (Param* param = group->params; param != nullptr; param = param->next) {
     map_index().remove_param(param);
@@ -285,12 +308,18 @@ void remove_one(Group* group, int defer, int reason) {
   }
 }
 
-Group* next_in_preorder(const Group* group, const Group* top) {
-  if (group->children != nullptr) return group->children;
-  for (; group != top; group = group->parent) {
-    if (group->next != nullptr) return group->next;
+// The first parameter of the groups from `from` on, in the pre-order of top's subtree.
+Param* first_param_from(const Group* from, const Group* top) {
+  for (const Group* g = from; g != nullptr; g = map_nextInPreorder(g, top)) {
+    if (g->params != nullptr) return g->params;
   }
   return nullptr;
+}
+
+Param* next_param_in_preorder(const Param* param, const Group* top) {
+  if (param->next != nullptr) return param->next;
+  const Group* after = map_nextInPreorder(param->group, top);
+  return after != nullptr ? first_param_from(after, top) : nullptr;
 }
 
 void print_group(const Group* group) {
@@ -386,6 +415,7 @@ int map_createParam(const char* name, Group* group, Param** out) {
     group->params = param;
   }
   group->lastParam = param;
+  tree_changed();
   if (is_indexed(param)) map_index().add_param(param);
   if (out != nullptr) *out = param;
   return 0;
@@ -453,6 +483,7 @@ void map_setParamSynced(Param* param) {
 
 void map_freeParam(Param* param) {
   if (param == nullptr) return;
+  tree_changed();
   if (is_indexed(param)) map_index().remove_param(param);
   map_unlistParam(param);
   free_options(param->options);
@@ -518,13 +549,18 @@ Param* map_findParamByMountInGroup(const char* groupPath, const char* value) {
 }
 
 Param* map_getParamByIndex(Group* group, int index) {
-  if (index < 0) return nullptr;
-  for (const Group* g = group; g != nullptr; g = next_in_preorder(g, group)) {
-    for (Param* param = g->params; param != nullptr; param = param->next) {
-      if (index-- == 0) return param;
-    }
+  if (group == nullptr || index < 0) return nullptr;
+  MapState& state = map_state();
+  auto& cursor = state.indexCursor;
+  // Clients walk a group by increasing index: go on from the last answer when it still holds.
+  bool resume = cursor.version == state.treeVersion && cursor.top == group &&
+                cursor.param != nullptr && cursor.index <= index;
+  Param* param = resume ? cursor.param : first_param_from(group, group);
+  for (int i = resume ? cursor.index : 0; i < index && param != nullptr; i++) {
+    param = next_param_in_preorder(param, group);
   }
-  return nullptr;
+  if (param != nullptr) cursor = {group, index, param, state.treeVersion};
+  return param;
 }
 
 Group* map_getChildGroupByIndex(Group* group, int index) {
@@ -568,6 +604,7 @@ void map_removeGroupByPath(const char* path, int defer, int reason) {
 
 void map_removeGroup(Group* group, int defer, int reason) {
   if (group == nullptr) return;
+  tree_changed();
   map_state().changesPending = 1;
   // The chain after a group goes before it: the last sibling is removed first.
   std::vector<Group*> chain;
@@ -586,4 +623,16 @@ int map_truncateChildGroups(Group* group, int count, int reason) {
   last_kept->next = nullptr;
   if (rest != nullptr) map_removeGroup(rest, 0, reason);
   return 0;
+}
+
+void map_moveChildGroup(Group* group, Group* after) {
+  Group* parent = group->parent;
+  if (parent == nullptr || group == after) return;
+  tree_changed();
+  take_out_child(group);
+  Group** link = after != nullptr ? &after->next : &parent->children;
+  group->next = *link;
+  *link = group;
+  map_index().add_child(parent, group);
+  parent->childrenMoved = 1;
 }

@@ -48,9 +48,10 @@ struct Group {
   char* path;
   Option* options;
   // --- bookkeeping
-  Group* parent;     // null for the root and for a removed subtree's top group
-  Param* lastParam;  // tail of params
-  uint8_t listed;    // in the updated-group list
+  Group* parent;          // null for the root and for a removed subtree's top group
+  Param* lastParam;       // tail of params
+  uint8_t listed;         // in the updated-group list
+  uint8_t childrenMoved;  // children were reordered with map_moveChildGroup
 };
 
 struct Param {
@@ -147,6 +148,9 @@ void map_removeGroupByPath(const char* path, int defer, int reason);
 void map_removeGroup(Group* group, int defer, int reason);
 // Keeps the first count children and frees the others; 1 when there are not more than count.
 int map_truncateChildGroups(Group* group, int count, int reason);
+// Moves group among its siblings to the place right behind after (to the head when after is
+// null). Reorder children only through this function.
+void map_moveChildGroup(Group* group, Group* after);
 
 // --- Change tracking and synchronisation --------------------------------------------------------
 
@@ -165,6 +169,9 @@ void map_replaceParamData(Param* param, Data* data);
 int map_sync(int signalOnly, int blockDbus);
 // Reads (and writes) one subtree and runs its setters; the change lists stay as they are.
 int map_syncGroup(Group* group, int mode);
+// The check pass of one parameter: reads it from (or writes it to) its backing file when needed and
+// applies the constraints to a value just loaded. The caller clears the value's cursor first.
+void map_checkParamValue(Param* param, const char* groupPath, int blockDbus);
 int map_checkGroupValues(Group* group, int blockDbus);
 int map_checkTreeValues(Group* group, int blockDbus);
 int map_checkGroupTreeValues(Group* group);

@@ -58,6 +58,14 @@ bool map_isWithin(const Group* group, const Group* top) {
   return false;
 }
 
+Group* map_nextInPreorder(const Group* group, const Group* top) {
+  if (group->children != nullptr) return group->children;
+  for (; group != top; group = group->parent) {
+    if (group->next != nullptr) return group->next;
+  }
+  return nullptr;
+}
+
 bool map_groupBefore(const Group* a, const Group* b) {
   if (a == b) return false;
   int depth_a = depth_of(a);
@@ -74,17 +82,11 @@ bool map_groupBefore(const Group* a, const Group* b) {
   return sibling_before(up_a, up_b);
 }
 
-bool map_paramBefore(const Param* a, const Param* b) {
-  if (a->group == b->group) return a->serial < b->serial;
-  if (map_isWithin(b->group, a->group)) return true;
-  if (map_isWithin(a->group, b->group)) return false;
-  return map_groupBefore(a->group, b->group);
-}
-
 size_t TreeIndex::FoldHash::operator()(std::string_view text) const {
+  // Folds as strcasecmp does in the C locale the daemon runs in.
   uint64_t hash = 14695981039346656037ull;
   for (unsigned char c : text) {
-    hash ^= static_cast<unsigned char>(tolower(c));
+    hash ^= (c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c;
     hash *= 1099511628211ull;
   }
   return hash;
@@ -95,7 +97,40 @@ bool TreeIndex::FoldEqual::operator()(std::string_view a, std::string_view b) co
 }
 
 size_t TreeIndex::OwnerMountHash::operator()(const OwnerMount& key) const {
-  return std::hash<std::string_view>()(key.second) ^ std::hash<const void*>()(key.first);
+  uint64_t owner = reinterpret_cast<uintptr_t>(key.first) * 0x9e3779b97f4a7c15ull;
+  return std::hash<std::string_view>()(key.second) ^ (owner >> 17) ^ owner;
+}
+
+bool TreeIndex::NameLess::operator()(const char* a, const char* b) const {
+  return strcasecmp(a, b) < 0;
+}
+
+void TreeIndex::add_child(Group* parent, Group* child) {
+  children_[parent].emplace(child->name, child);  // behind the equal names
+}
+
+void TreeIndex::remove_child(Group* parent, Group* child) {
+  auto order = children_.find(parent);
+  if (order == children_.end()) return;
+  auto range = order->second.equal_range(child->name);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second == child) {
+      order->second.erase(it);
+      return;
+    }
+  }
+}
+
+void TreeIndex::forget_children(const Group* parent) {
+  children_.erase(parent);
+}
+
+Group** TreeIndex::child_link(Group* parent, const char* name) const {
+  auto order = children_.find(parent);
+  if (order == children_.end()) return &parent->children;
+  auto next = order->second.upper_bound(name);
+  if (next == order->second.begin()) return &parent->children;
+  return &std::prev(next)->second->next;
 }
 
 void TreeIndex::add_group(Group* group) {
@@ -119,14 +154,20 @@ void TreeIndex::remove_param(Param* param) {
 void TreeIndex::add_mount(Param* param) {
   const char* mount = first_mount(param);
   if (mount == nullptr) return;
-  mounts_.emplace(mount, param);
+  auto it = mounts_.find(std::string_view(mount));
+  if (it == mounts_.end()) it = mounts_.emplace(mount, ParamSet()).first;
+  it->second.insert(param);
   owner_mounts_.emplace(OwnerMount(param->group, mount), param);
 }
 
 void TreeIndex::remove_mount(Param* param) {
   const char* mount = first_mount(param);
   if (mount == nullptr) return;
-  erase_entry(&mounts_, mount, param);
+  auto it = mounts_.find(std::string_view(mount));
+  if (it != mounts_.end()) {
+    it->second.erase(param);
+    if (it->second.empty()) mounts_.erase(it);
+  }
   erase_entry(&owner_mounts_, OwnerMount(param->group, mount), param);
 }
 
@@ -168,21 +209,33 @@ Param* TreeIndex::find_param(const Group* group, std::string_view key, const cha
   return found;
 }
 
-Param* TreeIndex::find_by_mount(const Group* top, const char* value) const {
+Param* TreeIndex::first_of_owner(const Group* owner, std::string_view value) const {
   Param* found = nullptr;
-  // The group's own parameters come first in pre-order.
-  auto own = owner_mounts_.equal_range(OwnerMount(top, value));
-  for (auto it = own.first; it != own.second; ++it) {
+  auto range = owner_mounts_.equal_range(OwnerMount(owner, value));
+  for (auto it = range.first; it != range.second; ++it) {
     if (found == nullptr || it->second->serial < found->serial) found = it->second;
   }
-  if (found != nullptr || top->children == nullptr) return found;
-  auto range = mounts_.equal_range(value);
-  for (auto it = range.first; it != range.second; ++it) {
-    Param* param = it->second;
-    if (!map_isWithin(param->group, top)) continue;
-    if (found == nullptr || map_paramBefore(param, found)) found = param;
-  }
   return found;
+}
+
+Param* TreeIndex::find_by_mount(const Group* top, const char* value) const {
+  // The group's own parameters come first in pre-order.
+  Param* found = first_of_owner(top, value);
+  if (found != nullptr || top->children == nullptr) return found;
+  auto it = mounts_.find(std::string_view(value));
+  if (it == mounts_.end()) return nullptr;
+  int matches = 0;
+  for (Param* param : it->second) {
+    if (!map_isWithin(param->group, top)) continue;
+    found = param;
+    if (++matches > 1) break;
+  }
+  if (matches <= 1) return found;
+  // Several below top: the first group in pre-order holding one has the answer.
+  for (const Group* g = top->children; g != nullptr; g = map_nextInPreorder(g, top)) {
+    if (Param* first = first_of_owner(g, value)) return first;
+  }
+  return nullptr;
 }
 
 TreeIndex& map_index() {

@@ -13,6 +13,15 @@ struct MapState {
   int writeBack = 1;        // off: synchronisation reads backing files but never writes them
   int printIndent = 0;
   uint64_t nextSerial = 0;
+  // Changes with every group or parameter added, moved or removed.
+  uint64_t treeVersion = 0;
+  // The last answer of map_getParamByIndex, from which the next index is found in one step.
+  struct {
+    const Group* top = nullptr;
+    int index = 0;
+    Param* param = nullptr;
+    uint64_t version = 0;
+  } indexCursor;
 };
 
 MapState& map_state();

@@ -420,6 +420,13 @@ Param* walk_mount(Group* group, const char* value) {
   return nullptr;
 }
 
+void collect_params(Group* group, std::vector<Param*>* params) {
+  for (Param* p = group->params; p != nullptr; p = p->next) params->push_back(p);
+  for (Group* child = group->children; child != nullptr; child = child->next) {
+    collect_params(child, params);
+  }
+}
+
 void collect(Group* group, std::vector<Group*>* groups) {
   groups->push_back(group);
   for (Group* child = group->children; child != nullptr; child = child->next) {
@@ -463,6 +470,12 @@ TEST_F(TreeTest, IndexedLookupsAgreeWithTheWalksOnRandomTrees) {
             expected = p;
         }
         ASSERT_EQ(map_findParamInGroup(name, g), expected);
+        std::vector<Param*> order;
+        collect_params(g, &order);
+        size_t index = random() % (order.size() + 1);
+        for (size_t i = index; i <= index + 1; i++) {
+          ASSERT_EQ(map_getParamByIndex(g, i), i < order.size() ? order[i] : nullptr) << i;
+        }
       }
     }
   }
