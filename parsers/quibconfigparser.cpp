@@ -181,6 +181,23 @@ const char* token_text(const ParseState& state) {
 
 bool parse_body(ParseState* state);
 
+// For a group declared again: read its parameters back without writing any file, then drop those
+// that no backing file provides any more.
+void reload_group(Group* group) {
+  int previous = map_setWriteBack(0);
+  map_syncGroup(group, 0);
+  map_setWriteBack(previous);
+  Param* param = group->params;
+  while (param != nullptr) {
+    Param* next = param->next;
+    if (param->status == PARAMSTATUS_DEFINED && !param->hasGetter) {
+      log_info(kSource, "Removing param '%s'", param->path);
+      map_deleteParam(param);
+    }
+    param = next;
+  }
+}
+
 // Returns whether the group existed and must be read back.
 bool enter_group(ParseState* state) {
   Group* group = nullptr;
@@ -212,7 +229,7 @@ bool parse_group(ParseState* state) {
     log_fatal(kSource, "%s: Expected '}' to end group %s!", state->file_name, group->path);
   }
   config_nextToken(state);
-  (void)redeclared;
+  if (redeclared) reload_group(group);
   state->group = enclosing;
   return true;
 }

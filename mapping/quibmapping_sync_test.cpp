@@ -1,0 +1,218 @@
+// Synchronisation against real backing files: the Standard parser reads and writes them, setter
+// commands append to a log file.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "init/logcapture.h"
+#include "mapping/quibmapping.h"
+#include "parsers/mappinginterface.h"
+#include "parsers/parserframework.h"
+#include "parsers/quibconfigparser.h"
+#include "values/legacydatarep.h"
+
+namespace {
+
+using tessard::test::count_logged;
+
+std::string read_file(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+ino_t inode_of(const std::string& path) {
+  struct stat status {};
+  stat(path.c_str(), &status);
+  return status.st_ino;
+}
+
+std::string value_of(const char* path) {
+  Param* param = map_getParamByPath(path);
+  if (param == nullptr || param->value->type != DATA_SCALAR) return "<none>";
+  char* text = legacy_drep_getCustomString(param->value, nullptr);
+  std::string result = text;
+  free(text);
+  return result;
+}
+
+Data* string_value(const char* text) {
+  Data* data = legacy_drep_createData();
+  legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string");
+  legacy_drep_setCustomFromString(data, text, nullptr);
+  return data;
+}
+
+class SyncTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    parser_init();
+    mif_init();
+  }
+
+  void SetUp() override {
+    std::string base = std::string(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") +
+                       "/quibmapping_sync_test.XXXXXX";
+    ASSERT_NE(mkdtemp(base.data()), nullptr);
+    dir_ = base;
+    net_ = dir_ + "/net.conf";
+    log_ = dir_ + "/setter.log";
+    caseSensitive = 0;
+    ASSERT_EQ(map_init("/dev/null"), 0);
+    tessard::test::clear_captured_log();
+  }
+  void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+
+  // A group Net whose parameters a, b and c live in net.conf; each setter appends a line.
+  void load(const std::string& file_text, const std::string& a_options = "") {
+    std::ofstream(net_) << file_text;
+    std::string setter = "setter = \"echo $root_Net_a:$root_Net_b >> " + log_ + "\"";
+    std::string config = "group Net { file = \"" + net_ + "\" parser = Standardparser\n" +
+                         "  param a { mount = \"Standard{Root}{a}\" " + setter + " " + a_options +
+                         " }\n" + "  param b { mount = \"Standard{Root}{b}\" " + setter + " }\n" +
+                         "  param c { mount = \"Standard{Root}{c}\" }\n}\n";
+    std::ofstream(dir_ + "/main.conf") << config;
+    ASSERT_EQ(config_parseFile((dir_ + "/main.conf").c_str(), 1), 0);
+  }
+
+  void client_sets(const char* path, const char* text) {
+    map_replaceParamData(map_getParamByPath(path), string_value(text));
+  }
+
+  // Setter commands run detached: wait until the log holds `lines` lines.
+  std::string setter_log(int lines) {
+    for (int i = 0; i < 200; i++) {
+      std::string text = read_file(log_);
+      if (std::count(text.begin(), text.end(), '\n') >= lines) return text;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return read_file(log_);
+  }
+
+  std::string dir_;
+  std::string net_;
+  std::string log_;
+};
+
+TEST_F(SyncTest, FirstSyncLoadsEveryValueAndClampsIt) {
+  load("a 15\nb hello\n", "type = \"int:min=0,max=10\"");
+  ino_t before = inode_of(net_);
+  EXPECT_EQ(map_sync(0, 0), 0);
+  EXPECT_EQ(value_of("root.Net.a"), "10");
+  EXPECT_EQ(value_of("root.Net.b"), "hello");
+  EXPECT_EQ(value_of("root.Net.c"), "<none>");  // not in the file
+  EXPECT_EQ(map_getParamByPath("root.Net.a")->status, PARAMSTATUS_LOADED);
+  EXPECT_EQ(count_logged("a received a value out of range when defined."), 1);
+  EXPECT_EQ(inode_of(net_), before);  // only read
+  EXPECT_EQ(read_file(net_), "a 15\nb hello\n");
+}
+
+TEST_F(SyncTest, FullSyncWritesTwoChangesOnceAndRunsTheSetterOnce) {
+  load("# net\na 1\nb 2\n");
+  map_sync(0, 0);
+  client_sets("root.Net.a", "x");
+  client_sets("root.Net.a", "y");
+  client_sets("root.Net.b", "z");
+  EXPECT_EQ(read_file(net_), "# net\na 1\nb 2\n");  // nothing before the synchronisation
+  ASSERT_NE(map_getUpdatedParamList(), nullptr);
+  EXPECT_EQ(map_getUpdatedParamList()->next->next, nullptr);
+  EXPECT_EQ(map_sync(0, 0), 0);
+  EXPECT_EQ(read_file(net_), "# net\na y\nb z\n");
+  EXPECT_EQ(map_getParamByPath("root.Net.a")->status, PARAMSTATUS_LOADED);
+  EXPECT_EQ(map_getUpdatedParamList(), nullptr);
+  EXPECT_EQ(setter_log(1), "y:z\n");  // one command text, all changed params in the environment
+}
+
+TEST_F(SyncTest, EqualBytesWriteNothing) {
+  load("a 1\n");
+  map_sync(0, 0);
+  ino_t before = inode_of(net_);
+  client_sets("root.Net.a", "1");
+  EXPECT_EQ(map_getUpdatedParamList(), nullptr);
+  map_sync(10, 0);
+  EXPECT_EQ(inode_of(net_), before);
+}
+
+TEST_F(SyncTest, SignalOnlyRunsSettersAndKeepsTheChangePending) {
+  load("a 1\n");
+  map_sync(0, 0);
+  client_sets("root.Net.a", "2");
+  map_sync(1, 0);
+  EXPECT_EQ(setter_log(1), "2:\n");
+  EXPECT_EQ(read_file(net_), "a 1\n");
+  map_sync(11, 0);  // nothing new to signal
+  map_sync(0, 0);
+  EXPECT_EQ(read_file(net_), "a 2\n");
+  EXPECT_EQ(setter_log(2), "2:\n2:\n");
+}
+
+TEST_F(SyncTest, WriteOnlyWritesWithoutSetters) {
+  load("a 1\n");
+  map_sync(2, 0);
+  client_sets("root.Net.a", "2");
+  map_sync(12, 0);
+  EXPECT_EQ(read_file(net_), "a 2\n");
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(read_file(log_), "");
+}
+
+TEST_F(SyncTest, RefusesModesOutOfRange) {
+  load("a 1\n");
+  map_sync(0, 0);
+  client_sets("root.Net.a", "2");
+  for (int mode : {3, 8, 13, -1}) EXPECT_EQ(map_sync(mode, 0), 0);
+  EXPECT_EQ(count_logged("map_sync signalOnly=3 out of range"), 1);
+  EXPECT_EQ(count_logged("map_sync signalOnly=-1 out of range"), 1);
+  map_sync(9, 0);
+  EXPECT_EQ(read_file(net_), "a 1\n");
+  EXPECT_NE(map_getUpdatedParamList(), nullptr);
+}
+
+TEST_F(SyncTest, FreesADeferredGroupAfterItsSettersRan) {
+  load("a 1\n");
+  map_sync(0, 0);
+  client_sets("root.Net.a", "2");
+  map_removeGroupByPath("root.Net", 1, 10);
+  EXPECT_EQ(map_getGroupByPath("root.Net"), nullptr);
+  ASSERT_NE(map_getUpdatedGroupList(), nullptr);
+  map_sync(0, 0);
+  EXPECT_EQ(map_getUpdatedGroupList(), nullptr);
+  EXPECT_EQ(setter_log(1), "2:\n");     // run for the removed group, before it was freed
+  EXPECT_EQ(read_file(net_), "a 1\n");  // a removed group's file is not written
+}
+
+TEST_F(SyncTest, RedeclaringAGroupReadsItBackAndDropsVanishedParams) {
+  load("a 1\nb 2\nc 3\n");
+  map_sync(0, 0);
+  std::ofstream(net_) << "a 5\nb 6\n";
+  ino_t before = inode_of(net_);
+  std::ofstream(dir_ + "/again.conf") << "group Net { param b { } }\n";
+  ASSERT_EQ(config_parseFile((dir_ + "/again.conf").c_str(), 0), 0);
+  EXPECT_EQ(value_of("root.Net.a"), "5");
+  EXPECT_EQ(value_of("root.Net.b"), "6");
+  EXPECT_EQ(map_getParamByPath("root.Net.c"), nullptr);
+  EXPECT_EQ(count_logged("Removing param 'root.Net.c'"), 1);
+  EXPECT_EQ(inode_of(net_), before);
+}
+
+TEST_F(SyncTest, SyncGroupReadsANewSubtreeOnly) {
+  load("a 1\n");
+  map_sync(0, 0);
+  std::ofstream(dir_ + "/more.conf") << "a 7\n";
+  std::ofstream(dir_ + "/new.conf")
+      << "group New { file = \"" + dir_ + "/more.conf\" parser = Standardparser\n"
+      << "  param a { mount = \"Standard{Root}{a}\" } }\n";
+  ASSERT_EQ(config_parseFile((dir_ + "/new.conf").c_str(), 1), 0);
+  EXPECT_EQ(map_syncGroup(map_getGroupByPath("root.New"), 0), 0);
+  EXPECT_EQ(value_of("root.New.a"), "7");
+  EXPECT_EQ(map_syncGroup(nullptr, 0), -1);
+}
+
+}  // namespace
