@@ -1,5 +1,6 @@
 #include "init/init.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -11,11 +12,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "dynamic/dynamic.h"
 #include "init/log.h"
+#include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/quibconfigparser.h"
 #include "server/server.h"
 
 namespace {
@@ -37,7 +41,9 @@ struct Options {
   bool case_sensitive = false;
 };
 
-void terminate_handler(int /*signo*/) { exit(0); }
+void terminate_handler(int /*signo*/) {
+  exit(0);
+}
 
 void sigusr1_handler(int signo) {
   if (signo == SIGUSR1) got_sigusr1 = 1;
@@ -58,7 +64,9 @@ void remove_pid_file() {
   }
 }
 
-bool is_d_option(const char* arg) { return arg[0] == '-' && arg[1] == 'd' && arg[2] == '\0'; }
+bool is_d_option(const char* arg) {
+  return arg[0] == '-' && arg[1] == 'd' && arg[2] == '\0';
+}
 
 void add_config_dir(Options* options, const char* dir) {
   if (options->config_dir_count >= kMaxConfigDirs) {
@@ -150,6 +158,62 @@ void write_pid_file() {
   if (!written) log_fatal("init", "Could not write pid.");
 }
 
+struct DirCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+
+constexpr size_t kConfigPathMax = 511;
+
+// The path of a directory entry as the loader forms it, cut to kConfigPathMax characters.
+std::string config_entry_path(const char* dir, const char* name) {
+  if (strcmp(dir, ".") == 0) return std::string(name).substr(0, kConfigPathMax);
+  std::string path = std::string(dir).substr(0, kConfigPathMax);
+  if (path.empty() || path.back() != '/') path += '/';
+  path += name;
+  return path.substr(0, kConfigPathMax);
+}
+
+// Reads every file in dir and below it as an extra configuration file, in readdir order.
+void load_config_dir(const char* dir) {
+  if (dir == nullptr) return;
+  std::unique_ptr<DIR, DirCloser> handle(opendir(dir));
+  if (!handle) {
+    log_error("init", "Failed to opendir(%s)", dir);
+    return;
+  }
+  while (const dirent* entry = readdir(handle.get())) {
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    std::string path = config_entry_path(dir, entry->d_name);
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) {
+      int error = errno;
+      perror(path.c_str());
+      log_error("init", "Failed to stat/lstat %s. %s", path.c_str(), errno_text(error));
+      continue;
+    }
+    // The loose test lets symbolic links pass as files, deliberately.
+    if ((status.st_mode & 0xD000) == 0x8000) {
+      config_parseFile(path.c_str(), 1);
+    } else if (S_ISDIR(status.st_mode)) {
+      load_config_dir(path.c_str());
+    }
+  }
+}
+
+// Steps that fill the parameter tree; false when start-up must end.
+bool load_parameters(const Options& options) {
+  if (map_init(options.config_file) != 0) {
+    log_error("init", "Error initializing the Mapping Database.");  // a partial tree still serves
+  }
+  for (int i = 0; i < options.config_dir_count; i++) load_config_dir(options.config_dirs[i]);
+  if (options.print_before_sync) map_printTree(nullptr);
+  if (map_sync(0, options.block_dbus_on_start) != 0) {
+    log_error("init", "Error reading parameter files.");
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 void sigusr1_check() {
@@ -170,6 +234,8 @@ int tessard_main(int argc, char** argv) {
   }
   Options options;
   read_options(argc, argv, &options);
+  upgradeMode = options.upgrade;
+  caseSensitive = options.case_sensitive;
   refuse_second_instance();
 
   int listen_fd = create_listen_socket(options.port);
@@ -202,6 +268,11 @@ int tessard_main(int argc, char** argv) {
     close(listen_fd);
     return -1;
   }
+  if (!load_parameters(options)) {
+    close(listen_fd);
+    return -1;
+  }
+  if (options.print_after_sync) map_printTree(nullptr);
 
   log_info("init", "Starting server.");
   handleClientConnections(listen_fd);
