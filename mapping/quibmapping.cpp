@@ -382,13 +382,8 @@ int map_addGroup(const char* name, Group* parent, Group** out) {
 }
 
 Group* map_findChildGroup(const char* name, Group* parent) {
-  if (name == nullptr || parent == nullptr) return nullptr;
-  if (parent->removed) {
-    for (Group* child = parent->children; child != nullptr; child = child->next) {
-      if (map_namesEqualN(child->name, name, kMapNameMax)) return child;
-    }
-    return nullptr;
-  }
+  // A removed group's subtree is out of the indexes; nothing is found in it.
+  if (name == nullptr || parent == nullptr || parent->removed) return nullptr;
   return map_index().find_child(parent, name);
 }
 
@@ -422,13 +417,7 @@ int map_createParam(const char* name, Group* group, Param** out) {
 }
 
 Param* map_findParamInGroup(const char* name, Group* group) {
-  if (name == nullptr || group == nullptr) return nullptr;
-  if (group->removed) {
-    for (Param* param = group->params; param != nullptr; param = param->next) {
-      if (map_namesEqual(param->name, name)) return param;
-    }
-    return nullptr;
-  }
+  if (name == nullptr || group == nullptr || group->removed) return nullptr;
   if (strlen(name) > kMapNameMax) return nullptr;  // stored names are never longer
   std::string key = std::string(group->path) + "." + name;
   return map_index().find_param(group, key, name);

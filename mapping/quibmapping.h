@@ -119,6 +119,7 @@ void map_freeParam(Param* param);
 void map_deleteParam(Param* param);
 
 // --- Look-up ------------------------------------------------------------------------------------
+// Groups removed with defer are out of reach: nothing is found in them or below them.
 
 Group* map_getRootGroup();
 Group* map_getGroupByPath(const char* path);

@@ -9,16 +9,14 @@
 #include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "mapping/quibmapping_state.h"
+#include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
 namespace {
 
 constexpr const char* kSource = "quibmapping";
 
-struct FreeBytes {
-  void operator()(unsigned char* bytes) const { free(bytes); }
-};
-using UniqueBytes = std::unique_ptr<unsigned char, FreeBytes>;
+using UniqueBytes = std::unique_ptr<unsigned char, FreeDeleter>;
 
 // root.Network.IPAddress gives root_Network_IPAddress.
 char* dots2underscore(const char* path) {

@@ -17,6 +17,7 @@
 
 #include "init/log.h"
 #include "mapping/quibmapping.h"
+#include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
 namespace {
@@ -47,25 +48,6 @@ struct ParseState {
   int additive = 1;
   const char* file_name = nullptr;  // the file given to config_parseFile, also inside includes
 };
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd) : fd_(fd) {}
-  ~UniqueFd() {
-    if (fd_ >= 0) close(fd_);
-  }
-  UniqueFd(const UniqueFd&) = delete;
-  UniqueFd& operator=(const UniqueFd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 // --- Tokenizer ----------------------------------------------------------------------------------
 
