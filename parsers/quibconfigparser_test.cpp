@@ -1,13 +1,15 @@
 #include "parsers/quibconfigparser.h"
 
 #include <gtest/gtest.h>
-#include <syslog.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <string>
 
+#include "init/logcapture.h"
 #include "mapping/quibmapping.h"
 
 namespace {
@@ -82,15 +84,45 @@ TEST_F(ConfigTest, IncludeIsTheLastItemOfAFile) {
   EXPECT_EQ(map_getParamByPath("root.after"), nullptr);
 }
 
-TEST_F(ConfigTest, ReportsTopLevelProblemsByResult) {
-  EXPECT_EQ(parse(""), 1);  // an empty file cannot be mapped
-  EXPECT_EQ(parse("param p { }\n}\n"), 1);
-  EXPECT_EQ(parse("= x\n"), 1);
-  EXPECT_EQ(config_parseFile((dir_ + "/missing.conf").c_str(), 1), 0);
+struct TopLevelCase {
+  const char* text;  // written to main.conf (DIR: the scratch directory); null: parse path
+  const char* path;  // relative to the scratch directory when text is null
+  int result;
+  const char* logged;  // %s stands for the parsed path
+};
+
+class TopLevelTest : public ConfigTest, public ::testing::WithParamInterface<TopLevelCase> {};
+
+TEST_P(TopLevelTest, ReportsByResultAndLog) {
+  const TopLevelCase& c = GetParam();
+  write("empty.conf", "");
+  std::string text = c.text != nullptr ? c.text : "";
+  if (size_t at = text.find("DIR"); at != std::string::npos) text.replace(at, 3, dir_);
+  std::string path = c.text != nullptr ? write("main.conf", text) : dir_ + "/" + c.path;
+  tessard::test::clear_captured_log();
+  EXPECT_EQ(config_parseFile(path.c_str(), 1), c.result);
+  std::string logged = c.logged;
+  if (size_t at = logged.find("%s"); at != std::string::npos) logged.replace(at, 2, path);
+  EXPECT_EQ(tessard::test::count_logged(logged), 1) << logged;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, TopLevelTest,
+    ::testing::Values(TopLevelCase{"", nullptr, 1, "Could not map file '%s' into memory"},
+                      TopLevelCase{"param p { }\n}\n", nullptr, 1,
+                                   "%s: Expected token string before reading group members."},
+                      TopLevelCase{"= x\n", nullptr, 1,
+                                   "%s: Expected token string before reading group members."},
+                      TopLevelCase{nullptr, "missing.conf", 0,
+                                   "Couldn't open configuration file: %s! Does not exist."},
+                      TopLevelCase{nullptr, ".", 1, "Could not map file '%s' into memory"},
+                      TopLevelCase{"include \"DIR/empty.conf\"\n", nullptr, 1,
+                                   "Couldn't parse configuration file: %s!"}));
+
+TEST_F(ConfigTest, DevNullIsAnEmptyConfiguration) {
+  tessard::test::clear_captured_log();
   EXPECT_EQ(config_parseFile("/dev/null", 1), 0);
-  EXPECT_EQ(config_parseFile(dir_.c_str(), 1), 1);  // a directory cannot be mapped
-  std::string empty = write("empty.conf", "");
-  EXPECT_EQ(parse("include \"" + empty + "\"\n"), 1);
+  EXPECT_TRUE(tessard::test::captured_log().empty());
 }
 
 TEST_F(ConfigTest, AdditiveDeclarationKeepsParamsAndValues) {
@@ -163,12 +195,7 @@ TEST_P(FatalTest, EndsTheProcessWithTheMessage) {
                             ? escape_regex(message)
                             : escape_regex(message.substr(0, at)) + escape_regex(path) +
                                   escape_regex(message.substr(at + 2));
-  EXPECT_EXIT(
-      {
-        openlog("tessard", LOG_PERROR, LOG_LOCAL6);
-        config_parseFile(path.c_str(), 1);
-      },
-      ::testing::ExitedWithCode(1), pattern);
+  EXPECT_EXIT(config_parseFile(path.c_str(), 1), ::testing::ExitedWithCode(1), pattern);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -199,12 +226,42 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(ConfigTest, IncludeInsideAGroupEndsTheGroupBody) {
   std::string included = write("inc.conf", "param p { }\n");
   std::string path = write("main.conf", "group g { include \"" + included + "\" }\n");
-  EXPECT_EXIT(
-      {
-        openlog("tessard", LOG_PERROR, LOG_LOCAL6);
-        config_parseFile(path.c_str(), 1);
-      },
-      ::testing::ExitedWithCode(1), escape_regex(path + ": Expected '}' to end group root.g!"));
+  EXPECT_EXIT(config_parseFile(path.c_str(), 1), ::testing::ExitedWithCode(1),
+              escape_regex(path + ": Expected '}' to end group root.g!"));
+}
+
+// Mangled configurations end in a result or a fatal error (exit status 0 or 1), never in a crash
+// or a read past the mapped bytes (the sanitizers watch).
+TEST_F(ConfigTest, MangledFilesEndInAResultOrAFatalError) {
+  std::string list = write("list.txt", "[G]\nint a 1\n");
+  std::string inc = write("inc.conf", "group I { x = \"1\" }\n");
+  std::string base =
+      "# c\ngroup Net { file = \"/etc/n\" param ip { type = ip mount = \"S{R}{ip}\" }\n"
+      "  group Sub { paramfile { file = \"" +
+      list +
+      "\" parser = Camsettingsparser } }\n"
+      "}\nparam \"quoted\\\"x\" { getter = \"echo 1\" }\ninclude \"" +
+      inc + "\"\n";
+  std::mt19937 random(11);
+  auto exited_0_or_1 = [](int status) { return WIFEXITED(status) && WEXITSTATUS(status) <= 1; };
+  for (int round = 0; round < 60; round++) {
+    std::string text = base;
+    for (int edits = 1 + random() % 4; edits > 0; edits--) {
+      size_t at = random() % text.size();
+      switch (random() % 3) {
+        case 0:
+          text[at] = static_cast<char>(random() % 256);
+          break;
+        case 1:
+          text.erase(at, 1 + random() % 8);
+          break;
+        default:
+          text.resize(at + 1);
+      }
+    }
+    std::string path = write("mangled.conf", text);
+    EXPECT_EXIT(exit(config_parseFile(path.c_str(), random() % 2)), exited_0_or_1, "") << text;
+  }
 }
 
 }  // namespace
