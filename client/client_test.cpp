@@ -1,4 +1,4 @@
-#include "client/tessclient.h"
+#include <tessard/tessclient.h>
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -1,4 +1,4 @@
-#include "client/tessclient.h"
+#include <tessard/tessclient.h>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,8 +14,6 @@
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include <cstring>
 
 namespace {
 

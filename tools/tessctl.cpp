@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/tessclient.h"
+#include <tessard/tessclient.h>
 
 namespace {
 
