@@ -77,7 +77,36 @@ const std::string kNoSubgroup = reply(0x11);
 
 const CommandCase kCommands[] = {
     {"GetPrintsValue", {"get", "a.b"}, {reply(0, item("10.0.0.1"))}, {0, "10.0.0.1\n", ""}},
-    {"GetMissing", {"get", "a.b"}, {kNoParam}, {1, "", "tessctl: a.b: no such parameter\n"}},
+    {"GetMissingNamesTheFullPath",
+     {"get", "X.y"},
+     {kNoParam},
+     {16, "", "tessctl: root.X.y: no such parameter\n"}},
+    {"SetReadOnly",
+     {"set", "root.a.b", "1"},
+     {reply(5)},
+     {5, "", "tessctl: root.a.b: read-only parameter\n"}},
+    {"QuietRefusalSaysNothing", {"--quiet", "set", "a.b", "1"}, {reply(3)}, {3, "", ""}},
+    {"SyncFailed", {"sync"}, {reply(1)}, {1, "", "tessctl: sync: synchronisation failed\n"}},
+    {"ReadFileNamesTheFile",
+     {"read-file", "/tmp/x.conf"},
+     {reply(4)},
+     {4, "", "tessctl: /tmp/x.conf: malformed request\n"}},
+    {"UnknownStatusIsAProtocolError",
+     {"get", "a.b"},
+     {reply(7)},
+     {76, "", "tessctl: root.a.b: unknown status 7\n"}},
+    {"ReplyWithoutItemIsAProtocolError",
+     {"get", "a.b"},
+     {reply(0)},
+     {76, "", "tessctl: root.a.b: malformed reply from the daemon\n"}},
+    {"TreeOfMissingGroupPrintsNothing",
+     {"tree", "x"},
+     {reply(0x12)},
+     {18, "", "tessctl: root.x: no such group\n"}},
+    {"ListShowsWhatCameWithAFailure",
+     {"list", "a"},
+     {reply(1, std::string("root.a.x=1") + '\0')},
+     {1, "root.a.x=1\n", "tessctl: root.a: no such parameter, or values unreadable\n"}},
     {"ListShowsEmptyValue",
      {"list", "a"},
      {reply(0, std::string("root.a.x=1\x01root.a.y=\x02") + '\0')},
@@ -126,6 +155,38 @@ TEST_P(TessctlCommandTest, PrintsResultAndExitStatus) {
 INSTANTIATE_TEST_SUITE_P(Commands, TessctlCommandTest, ::testing::ValuesIn(kCommands),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// Each reply status has its own exit status: the status byte itself.
+class TessctlExitTest : public TessctlTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(TessctlExitTest, ExitsWithTheReplyStatus) {
+  Outcome run;
+  against({reply(GetParam())}, {"delete", "a.b"}, &run);
+  EXPECT_EQ(run.exit, GetParam());
+  EXPECT_TRUE(run.out.empty());
+  EXPECT_EQ(run.err.rfind("tessctl: root.a.b: ", 0), 0u) << run.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, TessctlExitTest,
+                         ::testing::Values(1, 2, 3, 4, 5, 6, 0x10, 0x11, 0x12));
+
+TEST_F(TessctlTest, QuietFlagReachesTheDaemon) {
+  Outcome run;
+  auto get = against({kNoParam}, {"get", "a", "--quiet"}, &run);
+  ASSERT_EQ(get.size(), 1u);
+  // Length, type, form, sub-form, case byte, uid, gid, then the quiet byte.
+  EXPECT_EQ(get[0][10], 1);
+  EXPECT_EQ(run.exit, 16);
+  EXPECT_EQ(run.err, "");
+}
+
+TEST_F(TessctlTest, LostConnectionExits69) {
+  Outcome run;
+  EXPECT_EQ(against({}, {"get", "a.b"}, &run).size(), 0u);
+  EXPECT_EQ(run.exit, 69);
+  // Reset or broken pipe, depending on whether the close overtook the request.
+  EXPECT_EQ(run.err.rfind("tessctl: root.a.b: ", 0), 0u) << run.err;
+}
+
 TEST_F(TessctlTest, SyncBytesDefaultToTen) {
   Outcome run;
   auto set = against({reply(0)}, {"set", "a.b", "--", "--v"}, &run);
@@ -140,7 +201,7 @@ TEST_F(TessctlTest, SyncBytesDefaultToTen) {
   EXPECT_EQ(remove[0].back(), 9);
 }
 
-TEST_F(TessctlTest, UsageErrorsExitTwoWithoutConnecting) {
+TEST_F(TessctlTest, UsageErrorsExit64WithoutConnecting) {
   const std::vector<std::vector<std::string>> misuses = {{},
                                                          {"get"},
                                                          {"frobnicate"},
@@ -150,22 +211,29 @@ TEST_F(TessctlTest, UsageErrorsExitTwoWithoutConnecting) {
                                                          {"info", "a", "x"},
                                                          {"sync", "-1"},
                                                          {"get", "a", "--sync"},
+                                                         {"get", "a", "--json=1"},
                                                          {"--bogus", "get", "a"}};
   for (const auto& args : misuses) {
     Outcome run;
     EXPECT_TRUE(against({reply(0)}, args, &run).empty());
-    EXPECT_EQ(run.exit, 2) << testing::PrintToString(args);
+    EXPECT_EQ(run.exit, 64) << testing::PrintToString(args);
     EXPECT_TRUE(run.out.empty());
     EXPECT_EQ(run.err.rfind("tessctl: ", 0), 0u) << run.err;
   }
 }
 
 TEST_F(TessctlTest, HelpAndMissingDaemon) {
-  Outcome help = tessctl({"get", "--help"});
-  EXPECT_EQ(help.exit, 0);
-  EXPECT_EQ(help.out.rfind("Usage: tessctl", 0), 0u);
+  Outcome all = tessctl({"--help"});
+  EXPECT_EQ(all.exit, 0);
+  EXPECT_NE(all.out.find("  read-file FILE"), std::string::npos);
+  EXPECT_NE(all.out.find("  18  no such group\n"), std::string::npos);
+  Outcome one = tessctl({"get", "--help"});
+  EXPECT_EQ(one.exit, 0);
+  EXPECT_EQ(one.out.rfind("Usage: tessctl [OPTIONS] COMMAND [ARGUMENTS]\n  get PATH ", 0), 0u);
+  EXPECT_EQ(one.out.find("read-file"), std::string::npos) << "only the command asked about";
+  EXPECT_NE(one.out.find("  64  usage error"), std::string::npos);
   Outcome absent = tessctl({"get", "a.b"});
-  EXPECT_EQ(absent.exit, 1);
+  EXPECT_EQ(absent.exit, 69);
   EXPECT_EQ(absent.err, "tessctl: cannot connect to " + socket_ + ": No such file or directory\n");
 }
 
