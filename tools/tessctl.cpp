@@ -455,15 +455,19 @@ const CommandSpec* find_command(std::string_view name) {
   return nullptr;
 }
 
-// The whole help, or with a known command only that command's lines.
+// The whole help, or with a known command only that command's usage.
 std::string help_text(const CommandSpec* only) {
-  std::string text = "Usage: tessctl [OPTIONS] COMMAND [ARGUMENTS]\n";
-  text += only ? "" : "Commands:\n";
+  auto synopsis = [](const CommandSpec& spec) {
+    return std::string(spec.name) + " " + spec.arguments;
+  };
+  if (only) {
+    return "Usage: tessctl [OPTIONS] " + synopsis(*only) + "\n  " + only->summary + "\n" +
+           kOptionsHelp + kExitStatusHelp;
+  }
+  std::string text = "Usage: tessctl [OPTIONS] COMMAND [ARGUMENTS]\nCommands:\n";
   for (const CommandSpec& spec : kCommands) {
-    if (only && only != &spec) continue;
     char line[160];
-    std::string synopsis = std::string(spec.name) + " " + spec.arguments;
-    snprintf(line, sizeof line, "  %-30s %s\n", synopsis.c_str(), spec.summary);
+    snprintf(line, sizeof line, "  %-30s %s\n", synopsis(spec).c_str(), spec.summary);
     text += line;
   }
   return text + kOptionsHelp + kExitStatusHelp;

@@ -229,7 +229,9 @@ TEST_F(TessctlTest, HelpAndMissingDaemon) {
   EXPECT_NE(all.out.find("  18  no such group\n"), std::string::npos);
   Outcome one = tessctl({"get", "--help"});
   EXPECT_EQ(one.exit, 0);
-  EXPECT_EQ(one.out.rfind("Usage: tessctl [OPTIONS] COMMAND [ARGUMENTS]\n  get PATH ", 0), 0u);
+  EXPECT_EQ(
+      one.out.rfind("Usage: tessctl [OPTIONS] get PATH\n  print the value of a parameter\n", 0),
+      0u);
   EXPECT_EQ(one.out.find("read-file"), std::string::npos) << "only the command asked about";
   EXPECT_NE(one.out.find("  64  usage error"), std::string::npos);
   Outcome absent = tessctl({"get", "a.b"});
