@@ -365,88 +365,45 @@ struct NumericArg {
   const char* what;
 };
 
-struct CommandSpec {
-  const char* name;
-  const char* arguments;  // as shown in the help
-  const char* summary;
-  size_t min_args;
-  size_t max_args;
-  bool takes_sync;
-  bool takes_number;
-  bool partial_output;  // what was printed before a failure is still shown
-  std::optional<NumericArg> numeric;
-  Handler handler;
+// What a command accepts besides its arguments, and how its output is shown.
+enum CommandFlag : unsigned {
+  kTakesSync = 1,
+  kTakesNumber = 2,
+  kPartialOutput = 4,  // what was printed before a failure is still shown
 };
 
-const CommandSpec kCommands[] = {
-    {"get", "PATH", "print the value of a parameter", 1, 1, false, false, false, {}, &Command::get},
-    {"set", "PATH VALUE", "store a value", 2, 2, true, false, false, {}, &Command::set},
-    {"sync", "[MODE]", "write changed values to their files (mode 0 unless given)", 0, 1, false,
-     false, false, NumericArg{0, 0xFF, "sync mode"}, &Command::sync_tree},
-    {"list",
-     "GROUP",
-     "print path=value for each parameter of a group",
-     1,
-     1,
-     false,
-     false,
-     true,
-     {},
-     &Command::list},
-    {"info", "GROUP INDEX", "print path, name and type of a group's parameter", 2, 2, false, false,
-     false, NumericArg{1, kMaxIndex, "index"}, &Command::info},
-    {"groups",
-     "GROUP",
-     "print the paths of the subgroups of a group",
-     1,
-     1,
-     false,
-     false,
-     false,
-     {},
-     &Command::groups},
-    {"tree",
-     "[GROUP]",
-     "print the groups and parameters below GROUP (root)",
-     0,
-     1,
-     false,
-     false,
-     false,
-     {},
-     &Command::tree},
-    {"option",
-     "PATH NAME",
-     "print an option of a parameter",
-     2,
-     2,
-     false,
-     false,
-     false,
-     {},
-     &Command::option},
-    {"read-file",
-     "FILE",
-     "load a group file into the tree",
-     1,
-     1,
-     false,
-     false,
-     false,
-     {},
-     &Command::read_file},
-    {"create",
-     "PARENT TEMPLATE",
-     "create a group from a template, print its name",
-     2,
-     2,
-     true,
-     true,
-     false,
-     {},
-     &Command::create},
-    {"delete", "GROUP", "delete a group", 1, 1, true, false, false, {}, &Command::remove},
+struct CommandSpec {
+  const char* name;
+  size_t min_args;
+  size_t max_args;
+  unsigned flags;
+  std::optional<NumericArg> numeric;
+  Handler handler;
+  const char* arguments;  // as shown in the help
+  const char* summary;
 };
+
+// clang-format off
+const CommandSpec kCommands[] = {
+    {"get", 1, 1, 0, {}, &Command::get, "PATH", "print the value of a parameter"},
+    {"set", 2, 2, kTakesSync, {}, &Command::set, "PATH VALUE", "store a value"},
+    {"sync", 0, 1, 0, NumericArg{0, 0xFF, "sync mode"}, &Command::sync_tree, "[MODE]",
+     "write changed values to their files (mode 0 unless given)"},
+    {"list", 1, 1, kPartialOutput, {}, &Command::list, "GROUP",
+     "print path=value for each parameter of a group"},
+    {"info", 2, 2, 0, NumericArg{1, kMaxIndex, "index"}, &Command::info, "GROUP INDEX",
+     "print path, name and type of a group's parameter"},
+    {"groups", 1, 1, 0, {}, &Command::groups, "GROUP",
+     "print the paths of the subgroups of a group"},
+    {"tree", 0, 1, 0, {}, &Command::tree, "[GROUP]",
+     "print the groups and parameters below GROUP (root)"},
+    {"option", 2, 2, 0, {}, &Command::option, "PATH NAME", "print an option of a parameter"},
+    {"read-file", 1, 1, 0, {}, &Command::read_file, "FILE", "load a group file into the tree"},
+    {"create", 2, 2, kTakesSync | kTakesNumber, {}, &Command::create, "PARENT TEMPLATE",
+     "create a group from a template, print its name"},
+    {"delete", 1, 1, kTakesSync, {}, &Command::remove, "GROUP", "delete a group"},
+};
+// clang-format on
 
 const CommandSpec* find_command(std::string_view name) {
   for (const CommandSpec& spec : kCommands) {
@@ -537,8 +494,10 @@ std::string check_command(const CommandSpec* spec, const Options& options) {
   if (count < spec->min_args || count > spec->max_args) {
     return "wrong number of arguments for " + options.words[0];
   }
-  if (options.sync && !spec->takes_sync) return "--sync does not apply to " + options.words[0];
-  if (options.number && !spec->takes_number) {
+  if (options.sync && !(spec->flags & kTakesSync)) {
+    return "--sync does not apply to " + options.words[0];
+  }
+  if (options.number && !(spec->flags & kTakesNumber)) {
     return "--number does not apply to " + options.words[0];
   }
   const std::optional<NumericArg>& numeric = spec->numeric;
@@ -566,7 +525,7 @@ int run(const CommandSpec& spec, const Options& options) {
   Args args(options.words.begin() + 1, options.words.end());
   int exit = (command.*spec.handler)(args);
   tessclient_close(client);
-  if (exit == kExitOk || spec.partial_output) {
+  if (exit == kExitOk || (spec.flags & kPartialOutput)) {
     fwrite(command.output().data(), 1, command.output().size(), stdout);
   }
   return exit;
