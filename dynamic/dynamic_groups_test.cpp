@@ -1,0 +1,166 @@
+// Creating, deleting and synchronising dynamic groups with the parameter database.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "dynamic/dynamic.h"
+#include "dynamic/dynamic_internal.h"
+#include "dynamic/dynamic_testing.h"
+#include "mapping/quibmapping.h"
+
+namespace {
+
+constexpr const char* kGroupTemplate =
+    "group REPLACE_GROUP {\n"
+    "file = \"REPLACE_FILE\"\n"
+    "parser = \"Standardparser\"\n"
+    "param Name {\n"
+    "mount = \"Standard{REPLACE}{Name}\"\n"
+    "type = \"string\"\n"
+    "}\n"
+    "}\n";
+constexpr const char* kParamTemplate = "[REPLACE]\nName default\n";
+
+class DynamicGroupsTest : public DynamicDirsTest {
+ protected:
+  void SetUp() override {
+    DynamicDirsTest::SetUp();
+    ASSERT_EQ(map_init("/dev/null"), 0);
+    write_text(dir("tmplfb") + "/Eth_grp.conf", kGroupTemplate);
+    write_text(dir("tmpl") + "/Eth_par.conf", kParamTemplate);
+  }
+  void TearDown() override {
+    upgradeMode = 0;
+    DynamicDirsTest::TearDown();
+  }
+
+  // Creates a group under root.Net.Interface and returns its name ("" on failure).
+  std::string create(int number, int* status = nullptr, const char* tmpl = "Eth") {
+    char* name = create_new_group("root.Net.Interface", number, tmpl, status, 10);
+    std::string result = name != nullptr ? name : "";
+    free(name);
+    return result;
+  }
+
+  std::vector<std::string> children(const char* path) {
+    std::vector<std::string> names;
+    for (Group* g = map_getGroupByPath(path)->children; g != nullptr; g = g->next) {
+      names.push_back(g->name);
+    }
+    return names;
+  }
+
+  std::string group_file() const { return dir("dyn/param/net_interface.conf"); }
+  std::string param_file() const { return dir("dyn/net_interface.conf"); }
+  std::string pending_group() const { return dir("scratch/net_interface_temp_grp"); }
+  std::string pending_param() const { return dir("scratch/net_interface_temp_par"); }
+};
+
+// Where the header lines of the group blocks stand in a group file.
+std::vector<std::string> headers(const std::string& text) {
+  std::vector<std::string> found;
+  size_t at = 0;
+  while ((at = text.find("group ", at)) != std::string::npos) {
+    size_t end = text.find(' ', at + 6);
+    found.push_back(text.substr(at + 6, end - at - 6));
+    at = end;
+  }
+  return found;
+}
+
+TEST_F(DynamicGroupsTest, AutomaticNumberingFillsTheGapBeforeTheHigherSibling) {
+  EXPECT_EQ(create(-1), "I0");
+  EXPECT_EQ(create(2), "I2");
+  ASSERT_EQ(dyn_sync(0), 0);
+  EXPECT_EQ(create(-1), "I1");
+  ASSERT_EQ(dyn_sync(0), 0);
+  EXPECT_EQ(headers(read_text(group_file())),
+            (std::vector<std::string>{"Net", "Interface", "I0", "I1", "I2"}));
+  EXPECT_EQ(children("root.Net.Interface"), (std::vector<std::string>{"I0", "I1", "I2"}));
+  EXPECT_EQ(create(12), "I12");
+  EXPECT_EQ(create(-1), "I3");
+  EXPECT_EQ(children("root.Net.Interface"),
+            (std::vector<std::string>{"I0", "I1", "I2", "I3", "I12"}))
+      << "siblings are kept in numeric order, not by name";
+  EXPECT_EQ(map_getGroupByPath("root.Net")->daemonPending, 1);
+}
+
+TEST_F(DynamicGroupsTest, RequestedExistingNumberFailsUnlessUpgrading) {
+  ASSERT_EQ(create(5), "I5");
+  int status = 0;
+  EXPECT_EQ(create(5, &status), "");
+  EXPECT_EQ(status, -1);
+  EXPECT_NE(map_getGroupByPath("root.Net.Interface.I5"), nullptr) << "the existing group stays";
+  upgradeMode = 1;
+  EXPECT_EQ(create(5, &status), "I5");
+}
+
+TEST_F(DynamicGroupsTest, FilesStayPendingUntilSynchronised) {
+  ASSERT_EQ(create(-1), "I0");
+  ASSERT_EQ(create(-1), "I1") << "the second creation works on the pending files";
+  std::string pendingGroup = read_text(pending_group());
+  std::string pendingParam = read_text(pending_param());
+  EXPECT_EQ(headers(pendingGroup), (std::vector<std::string>{"Net", "Interface", "I0", "I1"}));
+  EXPECT_EQ(pendingParam,
+            "#Created by tessard\n[Net.Interface.I0]\nName default\n"
+            "[Net.Interface.I1]\nName default\n");
+  EXPECT_NE(pendingGroup.find("file = \"" + param_file() + "\""), std::string::npos);
+  EXPECT_EQ(read_text(group_file()), "#Created by tessard\n");
+  ASSERT_EQ(dyn_sync(1), 0);
+  EXPECT_EQ(read_text(group_file()), "#Created by tessard\n") << "mode 1 installs nothing";
+  ASSERT_EQ(dyn_sync(0), 0);
+  EXPECT_EQ(read_text(group_file()), pendingGroup);
+  EXPECT_EQ(read_text(param_file()), pendingParam);
+  EXPECT_FALSE(exists(pending_group()));
+  EXPECT_EQ(dyn_tmplistHead(), nullptr);
+}
+
+TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
+  ASSERT_EQ(create(-1), "I0");
+  Param* param = map_getParamByPath("root.Net.Interface.I0.Name");
+  ASSERT_NE(param, nullptr);
+  EXPECT_EQ(map_getParamStatus(param), PARAMSTATUS_LOADED);
+  Option* file = map_getParamOption(param, "file");
+  ASSERT_NE(file, nullptr);
+  EXPECT_STREQ(file->value, param_file().c_str()) << "the final file is named again";
+  Option* type = map_getParamOption(param, "type");
+  ASSERT_NE(type, nullptr);
+  EXPECT_STREQ(type->value, "dynamic:string");
+}
+
+TEST_F(DynamicGroupsTest, DeletionDropsBlockSectionsAndDependentFiles) {
+  ASSERT_EQ(create(-1), "I0");
+  ASSERT_EQ(create(-1), "I1");
+  ASSERT_EQ(dyn_sync(0), 0);
+  for (const char* name : {"dyn/param/net_interface_i0.conf", "dyn/net_interface_i0_x.conf",
+                           "dyn/net_interface_i01.conf", "dyn/net_interface_i1.conf"}) {
+    write_text(dir(name), "x");
+  }
+  ASSERT_EQ(delete_group("root.Net.Interface.I0", 10), 0);
+  EXPECT_EQ(map_getGroupByPath("root.Net.Interface.I0"), nullptr);
+  EXPECT_EQ(headers(read_text(pending_group())),
+            (std::vector<std::string>{"Net", "Interface", "I1"}));
+  EXPECT_EQ(read_text(pending_param()), "#Created by tessard\n[Net.Interface.I1]\nName default\n");
+  EXPECT_FALSE(exists(dir("dyn/param/net_interface_i0.conf")));
+  EXPECT_FALSE(exists(dir("dyn/net_interface_i0_x.conf")));
+  EXPECT_FALSE(exists(dir("dyn/net_interface_i01.conf"))) << "a plain prefix match";
+  EXPECT_TRUE(exists(dir("dyn/net_interface_i1.conf")));
+  EXPECT_TRUE(exists(group_file()));
+
+  EXPECT_EQ(delete_group("root", 10), -1);
+  EXPECT_EQ(delete_group("root.Net.Interface.I7", 10), -1);
+}
+
+TEST_F(DynamicGroupsTest, FailedCreationLeavesNoGroupAndNoScratchFiles) {
+  int status = 0;
+  EXPECT_EQ(create(-1, &status, "Missing"), "");
+  EXPECT_NE(status, -1);
+  EXPECT_EQ(map_getGroupByPath("root.Net.Interface.I0"), nullptr);
+  EXPECT_FALSE(exists(dir("scratch/temp_par")));
+  EXPECT_FALSE(exists(dir("scratch/temp_grp")));
+  EXPECT_EQ(dyn_tmplistHead(), nullptr);
+  EXPECT_EQ(create(-1), "I0") << "the number is free again";
+}
+
+}  // namespace
