@@ -104,6 +104,16 @@ int number_group(Creation* c, int* status) {
   return 0;
 }
 
+// Opens the scratch file of KIND for writing; null (logged, naming FUNCTION) when it cannot.
+FILE* open_scratch(const char* kind, const char* function, std::string* path) {
+  *path = scratch_file_name(kind);
+  FILE* out = fopen(path->c_str(), "w");
+  if (out == nullptr) {
+    log_error(kDynSource, "%s, fopen() failed on '%s': %m", function, path->c_str());
+  }
+  return out;
+}
+
 bool close_scratch(UniqueFile* file, const std::string& path, const char* function) {
   if (fclose(file->release()) == 0) return true;
   log_error(kDynSource, "%s, fclose() failed on '%s': %m", function, path.c_str());
@@ -129,12 +139,9 @@ int create_param_file(Creation* c) {
   UniqueFile in(open_current(*c, true, &c->paramFile));
   if (!in) return -1;
   c->tmpParamFile = c->entry ? c->entry->tmpParamFile : pending_file_name(c->parent, kTempPar);
-  std::string scratch = scratch_file_name(kTempPar);
-  UniqueFile out(fopen(scratch.c_str(), "w"));
-  if (!out) {
-    log_error(kDynSource, "%s, fopen() failed on '%s': %m", kFn, scratch.c_str());
-    return -1;
-  }
+  std::string scratch;
+  UniqueFile out(open_scratch(kTempPar, kFn, &scratch));
+  if (!out) return -1;
   LineBuffer line(kFn);
   while (line.read(in.get())) {
     if (fputs(line.text, out.get()) == EOF) {
@@ -158,12 +165,9 @@ int create_group_file(Creation* c) {
   UniqueFile in(open_current(*c, false, &c->groupFile));
   if (!in) return -1;
   c->tmpGroupFile = c->entry ? c->entry->tmpGroupFile : pending_file_name(c->parent, kTempGrp);
-  std::string scratch = scratch_file_name(kTempGrp);
-  UniqueFile out(fopen(scratch.c_str(), "w"));
-  if (!out) {
-    log_error(kDynSource, "%s, fopen() failed on '%s': %m", kFn, scratch.c_str());
-    return -1;
-  }
+  std::string scratch;
+  UniqueFile out(open_scratch(kTempGrp, kFn, &scratch));
+  if (!out) return -1;
   const DynamicDirs& dirs = dyn_dirs();
   TemplateMerge merge{template_path(dirs.tmpl, c->tmpl, kGrpSuffix),
                       template_path(dirs.tmplFallback, c->tmpl, kGrpSuffix), c->group_path(),
@@ -325,12 +329,9 @@ FILE* open_for_removal(std::string_view parent, bool paramFile, ParentFiles* fil
 int remove_group_file(std::string_view parent, const std::vector<char*>& components,
                       ParentFiles* files) {
   static constexpr const char* kFn = "remove_group_file";
-  std::string scratch = scratch_file_name(kTempGrp);
-  UniqueFile out(fopen(scratch.c_str(), "w"));
-  if (!out) {
-    log_error(kDynSource, "%s, fopen() failed on '%s': %m", kFn, scratch.c_str());
-    return -1;
-  }
+  std::string scratch;
+  UniqueFile out(open_scratch(kTempGrp, kFn, &scratch));
+  if (!out) return -1;
   UniqueFile in(open_for_removal(parent, false, files));
   int rc = !in ? 1 : copy_without_group(in.get(), out.get(), components, scratch.c_str());
   if (rc == 0 && close_scratch(&out, scratch, kFn)) return 0;
@@ -342,12 +343,9 @@ int remove_group_file(std::string_view parent, const std::vector<char*>& compone
 // Writes the parent's parameter file without the group's sections into the scratch file.
 int remove_param_file(std::string_view parent, const char* own, ParentFiles* files) {
   static constexpr const char* kFn = "remove_param_file";
-  std::string scratch = scratch_file_name(kTempPar);
-  UniqueFile out(fopen(scratch.c_str(), "w"));
-  if (!out) {
-    log_error(kDynSource, "%s, fopen() failed on '%s': %m", kFn, scratch.c_str());
-    return -1;
-  }
+  std::string scratch;
+  UniqueFile out(open_scratch(kTempPar, kFn, &scratch));
+  if (!out) return -1;
   UniqueFile in(open_for_removal(parent, true, files));
   auto fail = [&]() {
     out.reset();
