@@ -24,6 +24,28 @@ int removal_reason(int mode) {
   return mode < 9 ? 10 : mode;
 }
 
+// The final and pending names of a parent's group and parameter files.
+struct ParentFiles {
+  std::string groupFile;
+  std::string paramFile;
+  std::string tmpGroupFile;
+  std::string tmpParamFile;
+};
+
+// The current text of a parent's file: its pending file when one is waiting, else the final
+// file (made with its header line when missing, unless noCreate). Fills in both names.
+FILE* open_parent_file(std::string_view parent, bool paramFile, bool noCreate, ParentFiles* files) {
+  std::string& finalName = paramFile ? files->paramFile : files->groupFile;
+  std::string& pending = paramFile ? files->tmpParamFile : files->tmpGroupFile;
+  if (TmpListEntry* entry = get_tmplist(parent)) {
+    finalName = paramFile ? entry->paramFile : entry->groupFile;
+    pending = paramFile ? entry->tmpParamFile : entry->tmpGroupFile;
+    return fopen(pending.c_str(), "r");
+  }
+  pending = pending_file_name(parent, paramFile ? kTempPar : kTempGrp);
+  return get_file(parent, &finalName, paramFile, noCreate);
+}
+
 // Everything one creation works with, from the parsed parent path to the names of the files.
 struct Creation {
   Creation(const char* parentPath, int number, const char* tmpl, int mode)
@@ -42,11 +64,7 @@ struct Creation {
   Group* parentGroup = nullptr;
   Group* group = nullptr;
   bool inserted = false;  // the new group was made by this creation
-  TmpListEntry* entry = nullptr;
-  std::string groupFile;
-  std::string paramFile;
-  std::string tmpGroupFile;
-  std::string tmpParamFile;
+  ParentFiles files;
 
   std::string group_path() const { return parent + "." + name; }
 };
@@ -120,25 +138,11 @@ bool close_scratch(UniqueFile* file, const std::string& path, const char* functi
   return false;
 }
 
-// The current text of a parent's file: its pending file when one is waiting, else the final file
-// (made with its header line when missing).
-FILE* open_current(const Creation& c, bool paramFile, std::string* finalName) {
-  const char* function = paramFile ? "create_param_file" : "create_group_file";
-  if (c.entry == nullptr) return get_file(c.parent, finalName, paramFile, false);
-  const std::string& pending = paramFile ? c.entry->tmpParamFile : c.entry->tmpGroupFile;
-  *finalName = paramFile ? c.entry->paramFile : c.entry->groupFile;
-  FILE* in = fopen(pending.c_str(), "r");
-  if (in == nullptr)
-    log_error(kDynSource, "%s, fopen() failed on '%s': %m", function, pending.c_str());
-  return in;
-}
-
 // Writes the parent's parameter file with the new group's values appended into the scratch file.
 int create_param_file(Creation* c) {
   static constexpr const char* kFn = "create_param_file";
-  UniqueFile in(open_current(*c, true, &c->paramFile));
+  UniqueFile in(open_parent_file(c->parent, true, false, &c->files));
   if (!in) return -1;
-  c->tmpParamFile = c->entry ? c->entry->tmpParamFile : pending_file_name(c->parent, kTempPar);
   std::string scratch;
   UniqueFile out(open_scratch(kTempPar, kFn, &scratch));
   if (!out) return -1;
@@ -162,16 +166,15 @@ int create_param_file(Creation* c) {
 // file.
 int create_group_file(Creation* c) {
   static constexpr const char* kFn = "create_group_file";
-  UniqueFile in(open_current(*c, false, &c->groupFile));
+  UniqueFile in(open_parent_file(c->parent, false, false, &c->files));
   if (!in) return -1;
-  c->tmpGroupFile = c->entry ? c->entry->tmpGroupFile : pending_file_name(c->parent, kTempGrp);
   std::string scratch;
   UniqueFile out(open_scratch(kTempGrp, kFn, &scratch));
   if (!out) return -1;
   const DynamicDirs& dirs = dyn_dirs();
   TemplateMerge merge{template_path(dirs.tmpl, c->tmpl, kGrpSuffix),
                       template_path(dirs.tmplFallback, c->tmpl, kGrpSuffix), c->group_path(),
-                      c->paramFile.c_str()};
+                      c->files.paramFile.c_str()};
   std::vector<char*> parent(c->components.begin(), c->components.end());
   if (find_sorted_place_in_file(in.get(), out.get(), parent, c->components.back()[0], c->assigned,
                                 merge) != 0) {
@@ -184,19 +187,19 @@ int create_group_file(Creation* c) {
 int install_pending(Creation* c) {
   std::string scratchPar = scratch_file_name(kTempPar);
   std::string scratchGrp = scratch_file_name(kTempGrp);
-  if (move_file(scratchPar.c_str(), c->tmpParamFile.c_str()) != 0) {
+  if (move_file(scratchPar.c_str(), c->files.tmpParamFile.c_str()) != 0) {
     log_error(kDynSource, "Couldn't rename temporary param file '%s' to '%s': %m",
-              scratchPar.c_str(), c->tmpParamFile.c_str());
+              scratchPar.c_str(), c->files.tmpParamFile.c_str());
     return -1;
   }
-  if (move_file(scratchGrp.c_str(), c->tmpGroupFile.c_str()) != 0) {
+  if (move_file(scratchGrp.c_str(), c->files.tmpGroupFile.c_str()) != 0) {
     log_error(kDynSource, "Couldn't rename temporary group file '%s' to '%s': %m",
-              scratchGrp.c_str(), c->tmpGroupFile.c_str());
+              scratchGrp.c_str(), c->files.tmpGroupFile.c_str());
     return -1;
   }
-  if (c->entry == nullptr) {
-    c->entry =
-        add_tmplist(c->parentPath, c->groupFile, c->paramFile, c->tmpGroupFile, c->tmpParamFile);
+  const ParentFiles& f = c->files;
+  if (get_tmplist(c->parent) == nullptr) {
+    add_tmplist(c->parentPath, f.groupFile, f.paramFile, f.tmpGroupFile, f.tmpParamFile);
   }
   return 0;
 }
@@ -259,8 +262,8 @@ void load_values(Group* group, const std::string& pendingParamFile) {
 }
 
 int load_group(Creation* c) {
-  if (config_parseFile(c->tmpGroupFile.c_str(), 1) != 0) return -1;
-  load_values(c->group, c->tmpParamFile);
+  if (config_parseFile(c->files.tmpGroupFile.c_str(), 1) != 0) return -1;
+  load_values(c->group, c->files.tmpParamFile);
   if (c->mode != 9 && c->mode != 12) {
     if (Option* add = map_getGroupOption(c->group, "dbusgroupadd")) {
       map_sendGroupDbusMessage(add->value, c->group);
@@ -279,7 +282,6 @@ int create_in_files(Creation* c, int* status) {
   c->parent = join_components(c->components, c->components.size());
   c->parentGroup = walk_parents(c->components);
   if (c->parentGroup == nullptr || number_group(c, status) != 0) return -1;
-  c->entry = get_tmplist(c->parent);
   if (create_param_file(c) != 0 || create_group_file(c) != 0 || install_pending(c) != 0) {
     return -1;
   }
@@ -302,28 +304,6 @@ void undo_creation(const Creation& c, int* status) {
   }
 }
 
-// The names of a parent's files that a deletion rewrites.
-struct ParentFiles {
-  std::string groupFile;
-  std::string paramFile;
-  std::string tmpGroupFile;
-  std::string tmpParamFile;
-};
-
-// The current text of a parent's file for a deletion: the pending file when one is waiting,
-// else the final file if it exists.
-FILE* open_for_removal(std::string_view parent, bool paramFile, ParentFiles* files) {
-  std::string& finalName = paramFile ? files->paramFile : files->groupFile;
-  std::string& pending = paramFile ? files->tmpParamFile : files->tmpGroupFile;
-  if (TmpListEntry* entry = get_tmplist(parent)) {
-    finalName = paramFile ? entry->paramFile : entry->groupFile;
-    pending = paramFile ? entry->tmpParamFile : entry->tmpGroupFile;
-    return fopen(pending.c_str(), "r");
-  }
-  pending = pending_file_name(parent, paramFile ? kTempPar : kTempGrp);
-  return get_file(parent, &finalName, paramFile, true);
-}
-
 // Writes the parent's group file without the group's block into the scratch file. 1 when the
 // parent has no group file (nothing to rewrite).
 int remove_group_file(std::string_view parent, const std::vector<char*>& components,
@@ -332,7 +312,7 @@ int remove_group_file(std::string_view parent, const std::vector<char*>& compone
   std::string scratch;
   UniqueFile out(open_scratch(kTempGrp, kFn, &scratch));
   if (!out) return -1;
-  UniqueFile in(open_for_removal(parent, false, files));
+  UniqueFile in(open_parent_file(parent, false, true, files));
   int rc = !in ? 1 : copy_without_group(in.get(), out.get(), components, scratch.c_str());
   if (rc == 0 && close_scratch(&out, scratch, kFn)) return 0;
   out.reset();
@@ -346,7 +326,7 @@ int remove_param_file(std::string_view parent, const char* own, ParentFiles* fil
   std::string scratch;
   UniqueFile out(open_scratch(kTempPar, kFn, &scratch));
   if (!out) return -1;
-  UniqueFile in(open_for_removal(parent, true, files));
+  UniqueFile in(open_parent_file(parent, true, true, files));
   auto fail = [&]() {
     out.reset();
     remove(scratch.c_str());
