@@ -8,6 +8,8 @@
 #include "dynamic/dynamic_internal.h"
 #include "dynamic/dynamic_testing.h"
 #include "mapping/quibmapping.h"
+#include "parsers/mappinginterface.h"
+#include "parsers/parserframework.h"
 
 namespace {
 
@@ -26,6 +28,9 @@ class DynamicGroupsTest : public DynamicDirsTest {
  protected:
   void SetUp() override {
     DynamicDirsTest::SetUp();
+    static const bool kParsersReady = parser_init() == 0;
+    ASSERT_TRUE(kParsersReady);
+    ASSERT_EQ(mif_init(), 0);
     ASSERT_EQ(map_init("/dev/null"), 0);
     write_text(dir("tmplfb") + "/Eth_grp.conf", kGroupTemplate);
     write_text(dir("tmpl") + "/Eth_par.conf", kParamTemplate);
@@ -51,10 +56,10 @@ class DynamicGroupsTest : public DynamicDirsTest {
     return names;
   }
 
-  std::string group_file() const { return dir("dyn/param/net_interface.conf"); }
-  std::string param_file() const { return dir("dyn/net_interface.conf"); }
-  std::string pending_group() const { return dir("scratch/net_interface_temp_grp"); }
-  std::string pending_param() const { return dir("scratch/net_interface_temp_par"); }
+  std::string group_file() const { return dir("etcdynamic/param/net_interface.conf"); }
+  std::string param_file() const { return dir("etcdynamic/net_interface.conf"); }
+  std::string pending_group() const { return dir("tmp/net_interface_temp_grp"); }
+  std::string pending_param() const { return dir("tmp/net_interface_temp_par"); }
 };
 
 // Where the header lines of the group blocks stand in a group file.
@@ -133,8 +138,9 @@ TEST_F(DynamicGroupsTest, DeletionDropsBlockSectionsAndDependentFiles) {
   ASSERT_EQ(create(-1), "I0");
   ASSERT_EQ(create(-1), "I1");
   ASSERT_EQ(dyn_sync(0), 0);
-  for (const char* name : {"dyn/param/net_interface_i0.conf", "dyn/net_interface_i0_x.conf",
-                           "dyn/net_interface_i01.conf", "dyn/net_interface_i1.conf"}) {
+  for (const char* name :
+       {"etcdynamic/param/net_interface_i0.conf", "etcdynamic/net_interface_i0_x.conf",
+        "etcdynamic/net_interface_i01.conf", "etcdynamic/net_interface_i1.conf"}) {
     write_text(dir(name), "x");
   }
   ASSERT_EQ(delete_group("root.Net.Interface.I0", 10), 0);
@@ -142,10 +148,10 @@ TEST_F(DynamicGroupsTest, DeletionDropsBlockSectionsAndDependentFiles) {
   EXPECT_EQ(headers(read_text(pending_group())),
             (std::vector<std::string>{"Net", "Interface", "I1"}));
   EXPECT_EQ(read_text(pending_param()), "#Created by tessard\n[Net.Interface.I1]\nName default\n");
-  EXPECT_FALSE(exists(dir("dyn/param/net_interface_i0.conf")));
-  EXPECT_FALSE(exists(dir("dyn/net_interface_i0_x.conf")));
-  EXPECT_FALSE(exists(dir("dyn/net_interface_i01.conf"))) << "a plain prefix match";
-  EXPECT_TRUE(exists(dir("dyn/net_interface_i1.conf")));
+  EXPECT_FALSE(exists(dir("etcdynamic/param/net_interface_i0.conf")));
+  EXPECT_FALSE(exists(dir("etcdynamic/net_interface_i0_x.conf")));
+  EXPECT_FALSE(exists(dir("etcdynamic/net_interface_i01.conf"))) << "a plain prefix match";
+  EXPECT_TRUE(exists(dir("etcdynamic/net_interface_i1.conf")));
   EXPECT_TRUE(exists(group_file()));
 
   EXPECT_EQ(delete_group("root", 10), -1);
@@ -157,8 +163,8 @@ TEST_F(DynamicGroupsTest, FailedCreationLeavesNoGroupAndNoScratchFiles) {
   EXPECT_EQ(create(-1, &status, "Missing"), "");
   EXPECT_NE(status, -1);
   EXPECT_EQ(map_getGroupByPath("root.Net.Interface.I0"), nullptr);
-  EXPECT_FALSE(exists(dir("scratch/temp_par")));
-  EXPECT_FALSE(exists(dir("scratch/temp_grp")));
+  EXPECT_FALSE(exists(dir("tmp/temp_par")));
+  EXPECT_FALSE(exists(dir("tmp/temp_grp")));
   EXPECT_EQ(dyn_tmplistHead(), nullptr);
   EXPECT_EQ(create(-1), "I0") << "the number is free again";
 }

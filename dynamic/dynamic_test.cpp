@@ -113,10 +113,10 @@ TEST_F(DynamicFilesTest, GetOptionFromTemplate) {
 }
 
 TEST_F(DynamicFilesTest, FileNamesAreNormalised) {
-  EXPECT_EQ(data_file_name("Net", false), dir("dyn/param") + "/net.conf");
-  EXPECT_EQ(data_file_name("Foo.Bar", true), dir("dyn") + "/foo_bar.conf");
-  EXPECT_EQ(data_file_name("Net.CONF", true), dir("dyn") + "/net.conf.conf");
-  EXPECT_EQ(pending_file_name("Foo.Bar", kTempPar), dir("scratch") + "/foo_bar_temp_par");
+  EXPECT_EQ(data_file_name("Net", false), dir("etcdynamic/param") + "/net.conf");
+  EXPECT_EQ(data_file_name("Foo.Bar", true), dir("etcdynamic") + "/foo_bar.conf");
+  EXPECT_EQ(data_file_name("Net.CONF", true), dir("etcdynamic") + "/net.conf.conf");
+  EXPECT_EQ(pending_file_name("Foo.Bar", kTempPar), dir("tmp") + "/foo_bar_temp_par");
 }
 
 TEST_F(DynamicFilesTest, ParsePathSkipsRootAndSplitsAtDots) {
@@ -136,7 +136,7 @@ TEST_F(DynamicFilesTest, GetFileCreatesTheHeaderUnlessForbidden) {
   std::string name;
   FILE* missing = get_file("Net.Sub", &name, true, true);
   EXPECT_EQ(missing, nullptr);
-  EXPECT_EQ(name, dir("dyn") + "/net_sub.conf");
+  EXPECT_EQ(name, dir("etcdynamic") + "/net_sub.conf");
   FILE* made = get_file("Net.Sub", &name, true, false);
   ASSERT_NE(made, nullptr);
   fclose(made);
@@ -145,7 +145,7 @@ TEST_F(DynamicFilesTest, GetFileCreatesTheHeaderUnlessForbidden) {
 }
 
 TEST_F(DynamicFilesTest, DirectoriesAreMadeParameterDirectoryFirst) {
-  EXPECT_EQ(create_directory(dir("dyn").c_str(), "parameter"), 0) << "existing directory";
+  EXPECT_EQ(create_directory(dir("etcdynamic").c_str(), "parameter"), 0) << "existing directory";
   write_text(dir("plain"), "x");
   EXPECT_EQ(create_directory(dir("plain").c_str(), "parameter"), 0) << "a file is accepted";
   std::string fresh = dir("fresh");

@@ -1,6 +1,7 @@
 // Test fixture for dynamic groups: template, data and scratch directories in a fresh temporary
-// directory. File names are lowered and their dots replaced, so the directory path must be
-// lower case without dots; a test fails at once when $TMPDIR does not allow that.
+// directory, named so that a pending file's path is shorter than its final file's, as with the
+// daemon's /tmp and /etc/dynamic. File names are lowered and their dots replaced, so the directory
+// path must be lower case without dots; a test fails at once when $TMPDIR does not allow that.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -47,13 +48,13 @@ class DynamicDirsTest : public ::testing::Test {
       ASSERT_FALSE(isupper(static_cast<unsigned char>(c)) || c == '.')
           << "temporary directory " << root_ << " must be lower case without dots";
     }
-    for (const char* sub : {"", "/tmpl", "/tmplfb", "/dyn", "/dyn/param", "/scratch"}) {
+    for (const char* sub : {"", "/tmpl", "/tmplfb", "/etcdynamic", "/etcdynamic/param", "/tmp"}) {
       ASSERT_EQ(mkdir((root_ + sub).c_str(), 0755), 0) << root_ + sub << ": " << strerror(errno);
     }
-    ASSERT_EQ(dyn_init(dir("tmpl").c_str(), dir("tmplfb").c_str(), dir("dyn/param").c_str(),
-                       dir("dyn").c_str()),
+    ASSERT_EQ(dyn_init(dir("tmpl").c_str(), dir("tmplfb").c_str(), dir("etcdynamic/param").c_str(),
+                       dir("etcdynamic").c_str()),
               0);
-    dyn_setScratchDir(dir("scratch").c_str());
+    dyn_setScratchDir(dir("tmp").c_str());
   }
   void TearDown() override {
     while (TmpListEntry* entry = dyn_tmplistHead()) remove_tmplist(entry);
