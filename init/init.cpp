@@ -20,6 +20,7 @@
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 #include "parsers/quibconfigparser.h"
+#include "server/authorization.h"
 #include "server/server.h"
 
 namespace {
@@ -219,6 +220,7 @@ bool load_parameters(const Options& options) {
 void sigusr1_check() {
   if (!got_sigusr1) return;
   log_info("init", "Got SIGUSR1, reinitializing authorization data.\n");
+  populateUserCache();
   got_sigusr1 = 0;
 }
 
@@ -270,6 +272,10 @@ int tessard_main(int argc, char** argv) {
   }
   if (!load_parameters(options)) {
     close(listen_fd);
+    return -1;
+  }
+  if (populateUserCache() < 0) {
+    log_error("init", "Failed to initialize authorization.");
     return -1;
   }
   if (options.print_after_sync) map_printTree(nullptr);

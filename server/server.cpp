@@ -17,6 +17,7 @@
 #include "init/init.h"
 #include "init/log.h"
 #include "server/clientserver.h"
+#include "server/requests.h"
 
 namespace {
 
@@ -34,7 +35,19 @@ using RequestHandler = void (*)(int fd, const unsigned char* payload, int length
 
 // Indexed by request type; an empty slot drops the request without a reply.
 constexpr int kRequestTypes = 11;
-const std::array<RequestHandler, kRequestTypes> kHandlers = {};
+const std::array<RequestHandler, kRequestTypes> kHandlers = {
+    serveGetRequest,     // GET
+    serveSetRequest,     // SET
+    serveSyncRequest,    // SNC
+    serveGetParamInfo,   // GETPARAMINFO
+    serveGetParamOption, // GETPARAMOPTION
+    serveGetGroupInfo,   // GETGROUPINFO
+    nullptr,             // CREATE_GROUP
+    nullptr,             // DELETE_GROUP
+    handleReadFileRequest,
+    handleGetNameValueList,
+    nullptr,             // CREATE_GROUP, second form
+};
 
 void append_client(ClientNode* node) {
   node->next = nullptr;

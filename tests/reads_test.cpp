@@ -1,0 +1,363 @@
+// Read requests of a running daemon as clients see them: values, tree walks, options,
+// name-value lists, access rules, malformed frames and the order of service.
+#include <signal.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "client/tessclient.h"
+#include "tests/harness/sandbox.h"
+
+namespace tessard::test {
+namespace {
+
+constexpr const char* kConfig = R"(group Network {
+  accessControl = ":1;admin:f"
+  parser = Standardparser
+  file = "/etc/network.conf"
+  param Hostname { mount = "Standard{Root}{hostname}" }
+  param Domain { mount = "Standard{Root}{domain}" }
+  param Secret { mount = "Standard{Root}{secret}" type = "writeonly:string" accessControl = "admin:3" }
+  param Missing { mount = "Standard{Root}{missing}" }
+  group Eth0 { param Address { mount = "Standard{eth0}{address}" } }
+}
+group Closed {
+  parser = Standardparser
+  file = "/etc/network.conf"
+  param NoRules { mount = "Standard{Root}{closed}" }
+  param Staff { mount = "Standard{Root}{staff}" accessControl = "staff:1" }
+}
+)";
+
+constexpr const char* kBackingFile = R"(# network settings
+hostname camera1
+domain "example.com"
+secret hunter2
+closed x
+staff s1
+[eth0]
+address 10.0.0.2
+)";
+
+class ReadsTest : public SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (HasFatalFailure()) return;
+    WriteFile("/etc/tessard.conf", kConfig);
+    WriteFile("/etc/network.conf", kBackingFile);
+  }
+
+  void Serve(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args = {"/etc/tessard.conf", "0"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    StartServing(args);
+  }
+
+  // A GET in text form by `user` (or root when null); returns the status and the value.
+  static int Get(const std::string& path, std::string* value) {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return -1;
+    char* text = nullptr;
+    int status = tessclient_get(client, path.c_str(), &text);
+    if (text != nullptr) *value = text;
+    free(text);
+    tessclient_close(client);
+    return status;
+  }
+
+  static std::vector<unsigned char> GetPayload(int form, const std::string& path, int uid = 0,
+                                               int gid = 0) {
+    std::vector<unsigned char> p;
+    Put8(&p, form);
+    Put8(&p, 2);
+    Put8(&p, 0);
+    Put16(&p, uid);
+    Put16(&p, gid);
+    Put8(&p, 0);
+    PutText(&p, path);
+    return p;
+  }
+
+  static std::vector<unsigned char> Exchange(int fd, int type,
+                                             const std::vector<unsigned char>& payload) {
+    std::vector<unsigned char> reply;
+    EXPECT_TRUE(SendRequest(fd, type, payload));
+    EXPECT_EQ(ReadReply(fd, &reply), 0);
+    return reply;
+  }
+
+  static std::vector<unsigned char> Status(int status) {
+    return {0x04, 0x00, 0x00, static_cast<unsigned char>(status)};
+  }
+};
+
+TEST_F(ReadsTest, GetReturnsTheValueFromTheBackingFile) {
+  Serve();
+  std::string value;
+  EXPECT_EQ(Get("Network.Hostname", &value), TESSCLIENT_OK);
+  EXPECT_EQ(value, "camera1");
+  EXPECT_EQ(Get("root.Network.Domain", &value), TESSCLIENT_OK);
+  EXPECT_EQ(value, "example.com");
+  EXPECT_EQ(Get("root.Network.Eth0.Address", &value), TESSCLIENT_OK);
+  EXPECT_EQ(value, "10.0.0.2");
+  EXPECT_EQ(Get("root.Network.Nothing", &value), TESSCLIENT_NO_PARAM);
+  EXPECT_EQ(Get("root.Network.Missing", &value), TESSCLIENT_NO_PARAM) << "empty value";
+}
+
+TEST_F(ReadsTest, SerialisedGetMasksWriteOnlyValues) {
+  Serve();
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(3, "root.Network.Secret"));
+  std::vector<unsigned char> masked = {0x11, 0x00, 0x06, 0x00, 's', 't', 'r', 'i', 'n', 'g',
+                                       0x05, 0x00, '*',  '*',  '*', '*', '*'};
+  ASSERT_EQ(reply.size(), 6 + masked.size());
+  EXPECT_EQ(std::vector<unsigned char>(reply.begin() + 6, reply.end()), masked);
+  close(fd);
+}
+
+TEST_F(ReadsTest, SerialisedGetShowsWriteOnlyValuesWhenUpgrading) {
+  Serve({"-upgrade"});
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(3, "root.Network.Secret"));
+  std::string tail(reply.end() - 7, reply.end());
+  EXPECT_EQ(tail, "hunter2");
+  close(fd);
+}
+
+TEST_F(ReadsTest, InfoRequestsWalkTheTree) {
+  Serve();
+  TessClient* client = nullptr;
+  ASSERT_EQ(tessclient_connect(nullptr, &client), 0);
+  char* path = nullptr;
+  char* name = nullptr;
+  char* type = nullptr;
+  ASSERT_EQ(tessclient_get_param_info(client, "root.Network", 0, &path, &name, &type),
+            TESSCLIENT_OK);
+  EXPECT_STREQ(path, "root.Network.Hostname");
+  EXPECT_STREQ(name, "Hostname");
+  EXPECT_STREQ(type, "string");
+  free(path), free(name), free(type);
+  EXPECT_EQ(tessclient_get_param_info(client, "root.Network", 99, &path, &name, &type),
+            TESSCLIENT_NO_PARAM);
+  EXPECT_EQ(tessclient_get_param_info(client, "root.Nowhere", 0, &path, &name, &type),
+            TESSCLIENT_NO_GROUP);
+  ASSERT_EQ(tessclient_get_group_info(client, "root", 0, &path, &name), TESSCLIENT_OK);
+  EXPECT_STREQ(path, "root.Closed") << "children are sorted by name";
+  free(path), free(name);
+  EXPECT_EQ(tessclient_get_group_info(client, "root", 2, &path, &name), TESSCLIENT_NO_SUBGROUP);
+  tessclient_close(client);
+}
+
+TEST_F(ReadsTest, ParamOptionCountsItsTerminatingZero) {
+  Serve();
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  auto option_request = [](const std::string& name) {
+    std::vector<unsigned char> p;
+    Put8(&p, 0);
+    PutText(&p, "root.Network.Hostname");
+    Put8(&p, 0);
+    PutText(&p, name);
+    return p;
+  };
+  EXPECT_EQ(Exchange(fd, 4, option_request("nothere")),
+            (std::vector<unsigned char>{0x07, 0, 0, 0, 0x01, 0x00, 0x00}));
+  std::string mount = "Standard{Root}{hostname}";
+  std::vector<unsigned char> reply = Exchange(fd, 4, option_request("mount"));
+  ASSERT_EQ(reply.size(), 7 + mount.size());
+  EXPECT_EQ(reply[4], mount.size() + 1);
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end() - 1), mount);
+  EXPECT_EQ(reply.back(), 0);
+  // A name whose length reaches one byte past the payload is refused, never read.
+  std::vector<unsigned char> cut = option_request("mount");
+  cut.pop_back();
+  EXPECT_EQ(Exchange(fd, 4, cut), Status(4));
+  EXPECT_EQ(Exchange(fd, 4, option_request("bad.name")), Status(4));
+  close(fd);
+}
+
+TEST_F(ReadsTest, NameValueListShowsOnlyReadableParameters) {
+  Serve();
+  auto list_as = [this](const TestUser& user) {
+    return RunAs(user, [] {
+      TessClient* client = nullptr;
+      TessClientNameValueList* list = nullptr;
+      if (tessclient_connect(nullptr, &client) != 0) return 100;
+      int status = tessclient_get_name_value_list(client, "root.Network", 0, &list);
+      std::string seen;
+      for (size_t i = 0; list != nullptr && i < list->count; i++) {
+        seen += std::string(list->items[i].path) + "=" +
+                (list->items[i].has_value ? list->items[i].value : "<empty>") + ";";
+      }
+      tessclient_free_name_value_list(list);
+      tessclient_close(client);
+      std::string expected = "root.Network.Hostname=camera1;root.Network.Domain=example.com;";
+      expected += std::string(getuid() == kAlice.uid ? "root.Network.Secret=hunter2;" : "") +
+                  "root.Network.Missing=<empty>;";
+      if (status != TESSCLIENT_OK) return 101;
+      return seen == expected ? 0 : 102;
+    });
+  };
+  EXPECT_EQ(list_as(kCarol), 0);
+  EXPECT_EQ(list_as(kAlice), 0);
+}
+
+TEST_F(ReadsTest, ClaimedIdentityMustMatchThePeer) {
+  Serve();
+  int refused = RunAs(kDave, [] {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return 100;
+    tessclient_set_identity(client, 0, 0);
+    char* value = nullptr;
+    int status = tessclient_get(client, "root.Network.Hostname", &value);
+    free(value);
+    tessclient_close(client);
+    return status;
+  });
+  EXPECT_EQ(refused, TESSCLIENT_ACCESS_REFUSED);
+  EXPECT_TRUE(log().WaitFor("are different from socket(2004, 2004)", 1000));
+  // A root peer may claim any identity; the claim is then what the rules see.
+  TessClient* client = nullptr;
+  ASSERT_EQ(tessclient_connect(nullptr, &client), 0);
+  tessclient_set_identity(client, kCarol.uid, kCarol.gid);
+  char* value = nullptr;
+  EXPECT_EQ(tessclient_get(client, "root.Network.Secret", &value), TESSCLIENT_ACCESS_REFUSED);
+  tessclient_set_identity(client, kAlice.uid, kAlice.gid);
+  EXPECT_EQ(tessclient_get(client, "root.Network.Secret", &value), TESSCLIENT_OK);
+  free(value);
+  tessclient_close(client);
+  LogLine line;
+  ASSERT_TRUE(log().WaitFor("Authorization failure", 1000, &line));
+  EXPECT_EQ(line.priority, LOG_WARNING);
+  EXPECT_EQ(line.message,
+            "Authorization failure: client UID=2003, GID=2003request type GET "
+            "data=[root.Network.Secret], param accessControl=\"admin:3\"\n");
+}
+
+TEST_F(ReadsTest, ObjectsWithoutAccessControlAreClosedEvenToRoot) {
+  Serve();
+  std::string value;
+  EXPECT_EQ(Get("root.Closed.NoRules", &value), TESSCLIENT_ACCESS_REFUSED);
+  EXPECT_TRUE(log().WaitFor("param accessControl=\"(not read)\"", 1000));
+}
+
+TEST_F(ReadsTest, MalformedRequestsAnswerFourAndKeepTheConnection) {
+  Serve();
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(Exchange(fd, 3, {0x00}), Status(4)) << "GETPARAMINFO cut after the case byte";
+  EXPECT_EQ(Exchange(fd, 0, GetPayload(0, std::string(256, 'a'))), Status(4));
+  EXPECT_EQ(Exchange(fd, 0, GetPayload(0, "bad path")), Status(4));
+  std::vector<unsigned char> lying = GetPayload(0, "Network.Hostname");
+  lying.resize(lying.size() - 3);
+  EXPECT_EQ(Exchange(fd, 0, lying), Status(4));
+  EXPECT_TRUE(log().WaitFor("getPath  pos(", 1000));
+  std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(0, "Network.Hostname"));
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "camera1");
+  close(fd);
+}
+
+TEST_F(ReadsTest, UnknownTypeGetsNoReplyAndBackToBackRequestsAreAnsweredInOrder) {
+  Serve();
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  ASSERT_TRUE(SendRequest(fd, 11, {0x00}));
+  std::vector<unsigned char> reply;
+  EXPECT_EQ(ReadReply(fd, &reply, 300), -1);
+  ASSERT_TRUE(SendRequest(fd, 0, GetPayload(0, "Network.Hostname")));
+  ASSERT_TRUE(SendRequest(fd, 0, GetPayload(0, "Network.Domain")));
+  ASSERT_EQ(ReadReply(fd, &reply), 0);
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "camera1");
+  ASSERT_EQ(ReadReply(fd, &reply), 0);
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "example.com");
+  close(fd);
+}
+
+TEST_F(ReadsTest, EarlierClientIsServedFirstAndAHalfRequestStallsOthers) {
+  Serve();
+  int first = Connect();
+  int second = Connect();
+  ASSERT_GE(first, 0);
+  ASSERT_GE(second, 0);
+  // Both clients are registered by a first request each.
+  std::vector<unsigned char> reply;
+  Exchange(first, 0, GetPayload(0, "Network.Hostname"));
+  Exchange(second, 0, GetPayload(0, "Network.Hostname"));
+
+  kill(daemon_pid(), SIGSTOP);
+  ASSERT_TRUE(SendRequest(second, 0, GetPayload(0, "Network.Domain")));
+  std::vector<unsigned char> frame = {0x00, 0x00};
+  std::vector<unsigned char> payload = GetPayload(0, "Network.Hostname");
+  frame[0] = static_cast<unsigned char>(payload.size() + 3);
+  ASSERT_EQ(write(first, frame.data(), 2), 2);
+  kill(daemon_pid(), SIGCONT);
+
+  EXPECT_EQ(ReadReply(second, &reply, 500), -1) << "the half request of the earlier client stalls";
+  unsigned char type = 0;
+  ASSERT_EQ(write(first, &type, 1), 1);
+  ASSERT_EQ(write(first, payload.data(), payload.size()), static_cast<ssize_t>(payload.size()));
+  ASSERT_EQ(ReadReply(first, &reply), 0);
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "camera1");
+  ASSERT_EQ(ReadReply(second, &reply), 0);
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "example.com");
+  close(first);
+  close(second);
+}
+
+TEST_F(ReadsTest, ReadFileIsLimitedToGroupFileDirectories) {
+  Serve();
+  WriteFile("/tmp/x.conf", "group Extra { }\n");
+  ASSERT_EQ(mkdir("/etc/dynamic", 0755) == 0 || errno == EEXIST, true);
+  mkdir("/etc/dynamic/param", 0755);
+  WriteFile("/etc/dynamic/param/x.conf", "group Extra { accessControl = \":1\" }\n");
+  int status = RunAs(kDave, [] {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return 100;
+    int served = tessclient_read_file(client, "/etc/dynamic/param/x.conf");
+    int refused = tessclient_read_file(client, "/tmp/x.conf");
+    tessclient_close(client);
+    return served == TESSCLIENT_OK && refused == TESSCLIENT_MALFORMED ? 0 : 1;
+  });
+  EXPECT_EQ(status, 0);
+  TessClient* client = nullptr;
+  ASSERT_EQ(tessclient_connect(nullptr, &client), 0);
+  char* path = nullptr;
+  char* name = nullptr;
+  EXPECT_EQ(tessclient_get_group_info(client, "root", 1, &path, &name), TESSCLIENT_OK);
+  EXPECT_STREQ(name, "Extra");
+  free(path), free(name);
+  tessclient_close(client);
+}
+
+TEST_F(ReadsTest, Sigusr1RebuildsTheUserCacheBetweenRequests) {
+  Serve();
+  // A user added after start-up is unknown to the rules until SIGUSR1.
+  WriteFile("/etc/passwd", ReadFile("/etc/passwd") + "frank:x:2007:2007::/tmp:/bin/sh\n");
+  WriteFile("/etc/group", ReadFile("/etc/group") + "frank:x:2007:\n");
+  std::string group = ReadFile("/etc/group");
+  group.replace(group.find("staff:x:3005:alice,bob"), 22, "staff:x:3005:alice,bob,frank");
+  WriteFile("/etc/group", group);
+  auto read_as_frank = [] {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return -1;
+    tessclient_set_identity(client, 2007, 2007);
+    char* value = nullptr;
+    int status = tessclient_get(client, "root.Closed.Staff", &value);
+    free(value);
+    tessclient_close(client);
+    return status;
+  };
+  EXPECT_EQ(read_as_frank(), TESSCLIENT_ACCESS_REFUSED);
+  EXPECT_TRUE(log().WaitFor("Uid: 2007 wasn't found in user list.", 1000));
+  kill(daemon_pid(), SIGUSR1);
+  EXPECT_TRUE(log().WaitFor("Got SIGUSR1, reinitializing authorization data.", 3000));
+  EXPECT_EQ(read_as_frank(), TESSCLIENT_OK);
+}
+
+}  // namespace
+}  // namespace tessard::test
