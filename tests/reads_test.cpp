@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "client/tessclient.h"
+#include <tessard/tessclient.h>
 #include "tests/harness/sandbox.h"
 
 namespace tessard::test {
