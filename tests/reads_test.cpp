@@ -28,6 +28,7 @@ group Closed {
   file = "/etc/network.conf"
   param NoRules { mount = "Standard{Root}{closed}" }
   param Staff { mount = "Standard{Root}{staff}" accessControl = "staff:1" }
+  param Long { mount = "Standard{Root}{long}" accessControl = ":1" }
 }
 )";
 
@@ -41,13 +42,16 @@ staff s1
 address 10.0.0.2
 )";
 
+const std::string kLongValue(1994, 'x');
+
 class ReadsTest : public SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
     if (HasFatalFailure()) return;
     WriteFile("/etc/tessard.conf", kConfig);
-    WriteFile("/etc/network.conf", kBackingFile);
+    // The long value sits before the first section header, where Standard{Root}{...} finds it.
+    WriteFile("/etc/network.conf", "long " + kLongValue + "\n" + kBackingFile);
   }
 
   void Serve(std::vector<std::string> extra = {}) {
@@ -105,6 +109,19 @@ TEST_F(ReadsTest, GetReturnsTheValueFromTheBackingFile) {
   EXPECT_EQ(value, "10.0.0.2");
   EXPECT_EQ(Get("root.Network.Nothing", &value), TESSCLIENT_NO_PARAM);
   EXPECT_EQ(Get("root.Network.Missing", &value), TESSCLIENT_NO_PARAM) << "empty value";
+}
+
+TEST_F(ReadsTest, LongReplyIsFramedWithItsFullLength) {
+  Serve();
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(0, "Closed.Long"));
+  ASSERT_EQ(reply.size(), 2000u) << "status " << int(reply[3]);
+  EXPECT_EQ(reply[0] | (reply[1] << 8) | (reply[2] << 16), 2000);
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), kLongValue);
+  reply = Exchange(fd, 0, GetPayload(0, "Network.Hostname"));
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "camera1");
+  close(fd);
 }
 
 TEST_F(ReadsTest, SerialisedGetMasksWriteOnlyValues) {
