@@ -1,0 +1,250 @@
+// tessctl against the running daemon: each command's output and exit status, run as root and as
+// users with and without the rights that the master configuration grants.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/harness/sandbox.h"
+
+namespace tessard::test {
+namespace {
+
+constexpr TestUser kRoot{"root", 0, 0};
+constexpr const char* kOutFile = "/tmp/tessctl.out";
+constexpr const char* kErrFile = "/tmp/tessctl.err";
+// A daemon that never answers must fail the test, not hang it.
+constexpr unsigned kTimeLimitSeconds = 10;
+
+// Everybody reads Net and admin also writes it; Secret is admin's alone; Closed carries no
+// accessControl, which closes it even to root.
+constexpr char kConfig[] = R"(group Net {
+  accessControl = ":1;admin:3"
+  parser = Standardparser
+  file = "/etc/net.conf"
+  param Host { mount = "Standard{Root}{host}" type = "string:maxlen=8" }
+  param Model { mount = "Standard{Root}{model}" type = "readonly:string" }
+  param Secret { mount = "Standard{Root}{secret}" accessControl = "admin:3" }
+  group Eth0 {
+    param Address { mount = "Standard{eth0}{address}" }
+    param Mtu { mount = "Standard{eth0}{mtu}" }
+  }
+}
+group Closed {
+  param Key { parser = Standardparser file = "/etc/net.conf" mount = "Standard{Root}{model}" }
+}
+)";
+
+// Every value is written as a rewrite writes it (quoted unless it is letters and digits only), so
+// that a rewrite changes nothing but the value that was set.
+constexpr char kNetFile[] =
+    "# network\nhost cam1\nmodel \"X 100\"\nsecret s3cret\n"
+    "[eth0]\naddress \"10.0.0.5\"\nmtu 1500\n";
+
+std::string with_host(const std::string& host) {
+  std::string text = kNetFile;
+  return text.replace(text.find("cam1"), 4, host);
+}
+
+struct Outcome {
+  int exit = -1;
+  std::string out;
+  std::string err;
+};
+
+bool operator==(const Outcome& a, const Outcome& b) {
+  return a.exit == b.exit && a.out == b.out && a.err == b.err;
+}
+
+void PrintTo(const Outcome& o, std::ostream* os) {
+  *os << (o.exit < 0 ? "killed or no child" : "exit " + std::to_string(o.exit)) << ", out \""
+      << o.out << "\", err \"" << o.err << "\"";
+}
+
+class TessctlDaemonTest : public SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (HasFatalFailure()) return;
+    WriteFile("/etc/net.conf", kNetFile);
+    WriteFile("/etc/tessard.conf", kConfig);
+    StartServing({"/etc/tessard.conf", "0"});
+  }
+
+  // Runs tessctl as `user`; its exit status is -1 when it was killed (by the time limit).
+  Outcome Tessctl(const TestUser& user, const std::vector<std::string>& args) {
+    unlink(kOutFile);
+    unlink(kErrFile);
+    int exit = RunAs(user, [&] {
+      int out = open(kOutFile, O_WRONLY | O_CREAT | O_EXCL, 0644);
+      int err = open(kErrFile, O_WRONLY | O_CREAT | O_EXCL, 0644);
+      if (out < 0 || err < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) return 254;
+      std::vector<char*> argv{const_cast<char*>(TESSCTL_BINARY)};
+      for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+      argv.push_back(nullptr);
+      alarm(kTimeLimitSeconds);
+      execv(TESSCTL_BINARY, argv.data());
+      return 253;
+    });
+    return {exit, ReadFile(kOutFile), ReadFile(kErrFile)};
+  }
+};
+
+struct ReadCase {
+  const char* name;
+  TestUser user;
+  std::vector<std::string> args;
+  Outcome expected;
+};
+
+void PrintTo(const ReadCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
+const std::string kLongPath(300, 'a');
+
+const ReadCase kReadCases[] = {
+    {"GetAsRoot", kRoot, {"get", "Net.Host"}, {0, "cam1\n", ""}},
+    {"GetQuotedValue", kCarol, {"get", "root.Net.Model"}, {0, "X 100\n", ""}},
+    {"GetJson",
+     kDave,
+     {"--json", "get", "Net.Eth0.Mtu"},
+     {0, "{\"path\":\"root.Net.Eth0.Mtu\",\"value\":\"1500\"}\n", ""}},
+    {"GetMissing",
+     kDave,
+     {"get", "Net.Nothing"},
+     {16, "", "tessctl: root.Net.Nothing: no such parameter\n"}},
+    {"GetRefusedToNonAdmin",
+     kBob,
+     {"get", "Net.Secret"},
+     {3, "", "tessctl: root.Net.Secret: access refused\n"}},
+    {"GetAllowedToAdmin", kAlice, {"get", "Net.Secret"}, {0, "s3cret\n", ""}},
+    {"GetAllowedToSystemGroup", kSysop, {"get", "Net.Secret"}, {0, "s3cret\n", ""}},
+    {"ClosedEvenToRoot",
+     kRoot,
+     {"get", "Closed.Key"},
+     {3, "", "tessctl: root.Closed.Key: access refused\n"}},
+    {"QuietRefusal", kCarol, {"--quiet", "get", "Net.Secret"}, {3, "", ""}},
+    {"PathTooLong",
+     kDave,
+     {"get", kLongPath},
+     {4, "", "tessctl: root." + kLongPath + ": malformed request\n"}},
+    {"NoDaemonAtSocket",
+     kDave,
+     {"--socket", "/run/none", "get", "Net.Host"},
+     {69, "", "tessctl: cannot connect to /run/none: No such file or directory\n"}},
+    {"ListShowsOnlyReadable",
+     kDave,
+     {"list", "Net"},
+     {0, "root.Net.Host=cam1\nroot.Net.Model=X 100\n", ""}},
+    {"ListAsAdmin",
+     kAlice,
+     {"list", "Net"},
+     {0, "root.Net.Host=cam1\nroot.Net.Model=X 100\nroot.Net.Secret=s3cret\n", ""}},
+    {"ListJson",
+     kDave,
+     {"list", "--json", "Net.Eth0"},
+     {0, "{\"root.Net.Eth0.Address\":\"10.0.0.5\",\"root.Net.Eth0.Mtu\":\"1500\"}\n", ""}},
+    {"ListOfOneParameter", kDave, {"list", "Net.Eth0.Mtu"}, {0, "root.Net.Eth0.Mtu=1500\n", ""}},
+    {"ListOfNothing",
+     kDave,
+     {"list", "Net.Nothing"},
+     {1, "", "tessctl: root.Net.Nothing: no such parameter, or values unreadable\n"}},
+    {"Info", kDave, {"info", "Net.Eth0", "1"}, {0, "root.Net.Eth0.Mtu\tMtu\tstring\n", ""}},
+    {"InfoPastTheEnd",
+     kDave,
+     {"info", "Net.Eth0", "2"},
+     {16, "", "tessctl: root.Net.Eth0: no parameter at that index\n"}},
+    {"InfoOfNoGroup",
+     kDave,
+     {"info", "Nope", "0"},
+     {18, "", "tessctl: root.Nope: no such group\n"}},
+    {"Groups", kDave, {"groups", "root"}, {0, "root.Closed\nroot.Net\n", ""}},
+    {"GroupsOfNoGroup", kDave, {"groups", "Nope"}, {18, "", "tessctl: root.Nope: no such group\n"}},
+    {"Tree",
+     kDave,
+     {"tree", "Net"},
+     {0,
+      "root.Net\n  Host (string)\n  Model (string)\n  Secret (string)\n  Eth0\n"
+      "    Address (string)\n    Mtu (string)\n",
+      ""}},
+    {"TreeOfNoGroup", kDave, {"tree", "Nope"}, {18, "", "tessctl: root.Nope: no such group\n"}},
+    {"Option", kDave, {"option", "Net.Host", "mount"}, {0, "Standard{Root}{host}\n", ""}},
+    {"InheritedOption", kDave, {"option", "Net.Eth0.Mtu", "file"}, {0, "/etc/net.conf\n", ""}},
+    {"MissingOptionIsEmpty", kDave, {"option", "Net.Host", "getter"}, {0, "\n", ""}},
+    {"OptionOfNoParameter",
+     kDave,
+     {"option", "Net.Nothing", "type"},
+     {1, "", "tessctl: root.Net.Nothing: no such parameter\n"}},
+    {"OptionNameRefused",
+     kDave,
+     {"option", "Net.Host", "a.b"},
+     {4, "", "tessctl: root.Net.Host: malformed request\n"}},
+};
+
+class TessctlReadTest : public TessctlDaemonTest, public ::testing::WithParamInterface<ReadCase> {};
+
+TEST_P(TessctlReadTest, PrintsTheDaemonsAnswer) {
+  EXPECT_EQ(Tessctl(GetParam().user, GetParam().args), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, TessctlReadTest, ::testing::ValuesIn(kReadCases),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(TessctlDaemonTest, SetRewritesTheBackingFile) {
+  EXPECT_EQ(Tessctl(kAlice, {"set", "Net.Host", "cam2"}), (Outcome{0, "", ""}));
+  EXPECT_EQ(ReadFile("/etc/net.conf"), with_host("cam2"));
+  EXPECT_EQ(Tessctl(kCarol, {"get", "Net.Host"}), (Outcome{0, "cam2\n", ""}));
+}
+
+TEST_F(TessctlDaemonTest, SetWithoutSyncWaitsForSync) {
+  EXPECT_EQ(Tessctl(kAlice, {"set", "--sync", "0", "Net.Host", "cam3"}), (Outcome{0, "", ""}));
+  EXPECT_EQ(ReadFile("/etc/net.conf"), kNetFile);
+  EXPECT_EQ(Tessctl(kDave, {"get", "Net.Host"}), (Outcome{0, "cam3\n", ""}));
+  EXPECT_EQ(Tessctl(kDave, {"sync"}), (Outcome{0, "", ""}));
+  EXPECT_EQ(ReadFile("/etc/net.conf"), with_host("cam3"));
+}
+
+TEST_F(TessctlDaemonTest, RefusedSetsChangeNothing) {
+  struct Refusal {
+    TestUser user;
+    std::vector<std::string> args;
+    Outcome expected;
+  };
+  const Refusal refusals[] = {
+      {kCarol, {"set", "Net.Host", "x"}, {3, "", "tessctl: root.Net.Host: access refused\n"}},
+      {kAlice,
+       {"set", "Net.Model", "y"},
+       {5, "", "tessctl: root.Net.Model: read-only parameter\n"}},
+      {kAlice,
+       {"set", "Net.Host", "longer-than-8"},
+       {1, "", "tessctl: root.Net.Host: no such parameter, or value refused\n"}},
+      {kAlice,
+       {"set", "Net.Nothing", "1"},
+       {1, "", "tessctl: root.Net.Nothing: no such parameter, or value refused\n"}},
+      {kRoot, {"set", "Closed.Key", "z"}, {3, "", "tessctl: root.Closed.Key: access refused\n"}},
+  };
+  for (const Refusal& refusal : refusals) {
+    EXPECT_EQ(Tessctl(refusal.user, refusal.args), refusal.expected) << refusal.args[1];
+  }
+  EXPECT_EQ(ReadFile("/etc/net.conf"), kNetFile);
+  EXPECT_EQ(Tessctl(kRoot, {"list", "Net"}),
+            (Outcome{0, "root.Net.Host=cam1\nroot.Net.Model=X 100\nroot.Net.Secret=s3cret\n", ""}));
+}
+
+TEST_F(TessctlDaemonTest, ReadFileLoadsAGroupFile) {
+  WriteFile("/etc/extra.data", "name hello\n");
+  WriteFile("/etc/dynamic/param/extra.conf",
+            "group Extra {\n  accessControl = \":1\"\n  param Name { parser = Standardparser "
+            "file = \"/etc/extra.data\" mount = \"Standard{Root}{name}\" }\n}\n");
+  EXPECT_EQ(Tessctl(kDave, {"get", "Extra.Name"}),
+            (Outcome{16, "", "tessctl: root.Extra.Name: no such parameter\n"}));
+  EXPECT_EQ(Tessctl(kDave, {"read-file", "/etc/dynamic/param/extra.conf"}), (Outcome{0, "", ""}));
+  EXPECT_EQ(Tessctl(kDave, {"get", "Extra.Name"}), (Outcome{0, "hello\n", ""}));
+  EXPECT_EQ(Tessctl(kDave, {"read-file", "/tmp/extra.conf"}),
+            (Outcome{4, "", "tessctl: /tmp/extra.conf: malformed request\n"}));
+}
+
+}  // namespace
+}  // namespace tessard::test
