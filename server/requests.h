@@ -10,6 +10,10 @@ void handleGetNameValueList(int fd, const unsigned char* payload, int length);
 void handleReadFileRequest(int fd, const unsigned char* payload, int length);
 void serveSetRequest(int fd, const unsigned char* payload, int length);
 void serveSyncRequest(int fd, const unsigned char* payload, int length);
+// CREATE_GROUP, type 10 (the same without the maxGroups limits) and DELETE_GROUP.
+void serveCreateGroupRequest(int fd, const unsigned char* payload, int length);
+void serveCreateGroupRequest2(int fd, const unsigned char* payload, int length);
+void serveDeleteGroupRequest(int fd, const unsigned char* payload, int length);
 
 #include <string>
 

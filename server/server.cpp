@@ -42,11 +42,11 @@ const std::array<RequestHandler, kRequestTypes> kHandlers = {
     serveGetParamInfo,   // GETPARAMINFO
     serveGetParamOption, // GETPARAMOPTION
     serveGetGroupInfo,   // GETGROUPINFO
-    nullptr,             // CREATE_GROUP
-    nullptr,             // DELETE_GROUP
+    serveCreateGroupRequest,
+    serveDeleteGroupRequest,
     handleReadFileRequest,
     handleGetNameValueList,
-    nullptr,             // CREATE_GROUP, second form
+    serveCreateGroupRequest2,
 };
 
 void append_client(ClientNode* node) {

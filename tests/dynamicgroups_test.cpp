@@ -1,7 +1,13 @@
-// Dynamic groups in the real daemon: the data directories made at start-up.
+// Dynamic groups in the real daemon: the data directories made at start-up, and groups created,
+// deleted and synchronised through client requests.
 #include <sys/stat.h>
 #include <syslog.h>
+#include <tessard/tessclient.h>
 #include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "tests/harness/sandbox.h"
 
@@ -41,11 +47,202 @@ TEST_F(DynamicGroupsDaemonTest, ParameterDirectoryThatCannotBeMadeEndsStartUp) {
   ASSERT_EQ(symlink("/nowhere/at/all", "/etc/dynamic"), 0);
   pid_t pid = StartDaemon({"/etc/tessard.conf", "0"});
   EXPECT_EQ(WaitExit(pid), 255);
-  EXPECT_EQ(log().Count("create_directory, trouble creating the parameter dir '/etc/dynamic': "
-                        "File exists"),
-            1);
-  EXPECT_EQ(log().Count("Initialization of the dynamic directories failed."), 1);
+  EXPECT_TRUE(log().WaitFor(
+      "create_directory, trouble creating the parameter dir '/etc/dynamic': File exists", 1000));
+  EXPECT_TRUE(log().WaitFor("Initialization of the dynamic directories failed.", 1000));
   EXPECT_EQ(log().Count("group dir"), 0) << "the group directory is not tried";
+}
+
+constexpr const char* kConfig = R"(accessControl = "admin:0xF"
+group Net {
+  group Interface { maxGroups = "4" }
+}
+)";
+
+// The group template lies in the primary directory, the parameter template in the fallback one.
+// Its accessControl rules the creation (template) and the deletion (the group's option).
+constexpr const char* kGroupTemplate =
+    "# maxGroups = \"3\"\n"
+    "group REPLACE_GROUP {\n"
+    "  accessControl = \"admin:0xF\"\n"
+    "  file = \"REPLACE_FILE\"\n"
+    "  parser = \"Standardparser\"\n"
+    "  param Address {\n"
+    "    mount = \"Standard{REPLACE}{address}\"\n"
+    "    type = \"string\"\n"
+    "  }\n"
+    "}\n";
+constexpr const char* kParamTemplate = "[REPLACE]\naddress 10.0.0.REPLACE_NBR\n";
+
+constexpr const char* kGroupFile = "/etc/dynamic/param/net_interface.conf";
+constexpr const char* kParamFile = "/etc/dynamic/net_interface.conf";
+constexpr const char* kPendingGroupFile = "/tmp/net_interface_temp_grp";
+constexpr int kAny = TESSCLIENT_ANY_NUMBER;
+
+class DynamicGroupRequestsTest : public DynamicGroupsDaemonTest {
+ protected:
+  void SetUp() override {
+    DynamicGroupsDaemonTest::SetUp();
+    if (HasFatalFailure()) return;
+    WriteFile("/etc/tessard.conf", kConfig);
+    ASSERT_EQ(system("mkdir -p /usr/etc/sysconfig/template /etc/sysconfig/template"), 0);
+    WriteFile("/usr/etc/sysconfig/template/Eth_grp.conf", kGroupTemplate);
+    WriteFile("/etc/sysconfig/template/Eth_par.conf", kParamTemplate);
+  }
+
+  // The group files are read back at start-up as an extra configuration directory.
+  void Serve(const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> args = {"/etc/tessard.conf", "0", "-d", "/etc/dynamic/param"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    StartServing(args);
+  }
+
+  // Creates a group under root.Net.Interface; the name, or "<status N>".
+  static std::string Create(int number, int sync = 0, bool unlimited = false,
+                            const std::string& tmpl = "Eth") {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return "<no connection>";
+    char* name = nullptr;
+    int status = unlimited ? tessclient_create_group_unlimited(client, "root.Net.Interface",
+                                                               tmpl.c_str(), number, sync, &name)
+                           : tessclient_create_group(client, "root.Net.Interface", tmpl.c_str(),
+                                                     number, sync, &name);
+    std::string result = status == TESSCLIENT_OK ? name : "<status " + std::to_string(status) + ">";
+    free(name);
+    tessclient_close(client);
+    return result;
+  }
+
+  static int Delete(const std::string& path, int sync = TESSCLIENT_NO_SYNC_BYTE) {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return -1;
+    int status = tessclient_delete_group(client, path.c_str(), sync);
+    tessclient_close(client);
+    return status;
+  }
+
+  static int Sync(int mode) {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return -1;
+    int status = tessclient_sync(client, mode);
+    tessclient_close(client);
+    return status;
+  }
+
+  static std::string Get(const std::string& path) {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return "<no connection>";
+    char* value = nullptr;
+    int status = tessclient_get(client, path.c_str(), &value);
+    std::string text = status == TESSCLIENT_OK ? value : "<status " + std::to_string(status) + ">";
+    free(value);
+    tessclient_close(client);
+    return text;
+  }
+
+  // The names of the group headers of a group file, in file order.
+  static std::vector<std::string> Headers(const std::string& text) {
+    std::vector<std::string> names;
+    for (size_t at = text.find("\ngroup "); at != std::string::npos;
+         at = text.find("\ngroup ", at + 1)) {
+      size_t start = at + 7;
+      names.push_back(text.substr(start, text.find(' ', start) - start));
+    }
+    return names;
+  }
+};
+
+using Names = std::vector<std::string>;
+
+TEST_F(DynamicGroupRequestsTest, NumberingFillsTheGapAndFilesChangeAtTheNextSync) {
+  Serve();
+  EXPECT_EQ(Create(kAny), "I0");
+  EXPECT_EQ(ReadFile(kGroupFile), "#Created by tessard\n") << "only the pending file changed";
+  EXPECT_EQ(Headers(ReadFile(kPendingGroupFile)), (Names{"Net", "Interface", "I0"}))
+      << "the first group of a parent gets the whole nesting";
+  EXPECT_EQ(Create(2), "I2") << "the second creation works on the pending files";
+  EXPECT_EQ(Get("root.Net.Interface.I2.Address"), "10.0.0.2") << "readable before any sync";
+  ASSERT_EQ(Sync(0), TESSCLIENT_OK);
+  EXPECT_FALSE(Exists(kPendingGroupFile));
+  EXPECT_EQ(Headers(ReadFile(kGroupFile)), (Names{"Net", "Interface", "I0", "I2"}));
+
+  EXPECT_EQ(Create(kAny), "I1");
+  EXPECT_EQ(Headers(ReadFile(kGroupFile)), (Names{"Net", "Interface", "I0", "I2"}));
+  ASSERT_EQ(Sync(0), TESSCLIENT_OK);
+  EXPECT_EQ(Headers(ReadFile(kGroupFile)), (Names{"Net", "Interface", "I0", "I1", "I2"}));
+  EXPECT_EQ(ReadFile(kParamFile),
+            "#Created by tessard\n[Net.Interface.I0]\naddress 10.0.0.0\n"
+            "[Net.Interface.I2]\naddress 10.0.0.2\n[Net.Interface.I1]\naddress 10.0.0.1\n");
+  EXPECT_TRUE(log().WaitFor("Created new group 'I1' for 'root.Net.Interface'.", 1000));
+}
+
+TEST_F(DynamicGroupRequestsTest, RequestedExistingNumberFailsUnlessUpgrading) {
+  Serve();
+  ASSERT_EQ(Create(0, 10), "I0");
+  EXPECT_EQ(Create(0), "<status 16>");
+  EXPECT_TRUE(log().WaitFor(
+      "Creating group for 'root.Net.Interface' with number '0' failed! (Already exists)", 1000));
+  StopDaemon();
+  Serve({"-upgrade"});
+  EXPECT_EQ(Create(0), "I0");
+}
+
+TEST_F(DynamicGroupRequestsTest, GroupLimitIsTheSmallerMaxGroupsAndTypeTenIgnoresIt) {
+  Serve();
+  EXPECT_EQ(Create(kAny), "I0");
+  EXPECT_EQ(Create(kAny), "I1");
+  EXPECT_EQ(Create(kAny), "I2");
+  EXPECT_EQ(Create(kAny), "<status 6>") << "the template allows 3, the parent 4";
+  EXPECT_EQ(Create(kAny, 0, true), "I3");
+  EXPECT_EQ(Get("root.Net.Interface.I2.Address"), "10.0.0.2")
+      << "the check at the limit removes no group";
+}
+
+TEST_F(DynamicGroupRequestsTest, TemplateNamesAreCheckedFirst) {
+  Serve();
+  EXPECT_EQ(Create(kAny, 0, false, "Bad.name"), "<status 4>");
+  EXPECT_EQ(Create(kAny, 0, false, std::string(256, 'a')), "<status 4>");
+  EXPECT_EQ(Create(kAny, 0, false, "Nope"), "<status 1>") << "no such template";
+  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "<status 16>");
+}
+
+TEST_F(DynamicGroupRequestsTest, DeletionDropsBlockSectionsAndDependentFiles) {
+  Serve();
+  ASSERT_EQ(Create(kAny, 10), "I0");
+  ASSERT_EQ(Create(kAny, 10), "I1");
+  WriteFile(kParamFile,
+            ReadFile(kParamFile) + "[Net.Interface.I0.x]\nextra 1\n[Net.Interface.I01]\nkept 2\n");
+  for (const char* path :
+       {"/etc/dynamic/param/net_interface_i0.conf", "/etc/dynamic/net_interface_i0_sub.conf",
+        "/etc/dynamic/net_interface_i01.conf", "/etc/dynamic/net_interface_i1.conf"}) {
+    WriteFile(path, "x\n");
+  }
+  ASSERT_EQ(Delete("root.Net.Interface.I0", 10), TESSCLIENT_OK);
+  EXPECT_EQ(Headers(ReadFile(kGroupFile)), (Names{"Net", "Interface", "I1"}));
+  EXPECT_EQ(ReadFile(kParamFile),
+            "#Created by tessard\n[Net.Interface.I1]\naddress 10.0.0.1\n"
+            "[Net.Interface.I01]\nkept 2\n");
+  EXPECT_FALSE(Exists("/etc/dynamic/param/net_interface_i0.conf"));
+  EXPECT_FALSE(Exists("/etc/dynamic/net_interface_i0_sub.conf"));
+  EXPECT_FALSE(Exists("/etc/dynamic/net_interface_i01.conf")) << "a plain prefix match";
+  EXPECT_TRUE(Exists("/etc/dynamic/net_interface_i1.conf"));
+  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "<status 16>");
+  EXPECT_EQ(Get("root.Net.Interface.I1.Address"), "10.0.0.1");
+
+  EXPECT_EQ(Delete("root"), TESSCLIENT_FAILED);
+  EXPECT_TRUE(log().WaitFor("Deleteing 'root' is FORBIDDEN!", 1000));
+}
+
+TEST_F(DynamicGroupRequestsTest, RestartedDaemonReadsTheSameGroupsFromTheFiles) {
+  Serve();
+  ASSERT_EQ(Create(kAny), "I0");
+  ASSERT_EQ(Create(3), "I3");
+  ASSERT_EQ(Sync(0), TESSCLIENT_OK);
+  StopDaemon();
+  Serve();
+  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "10.0.0.0");
+  EXPECT_EQ(Get("root.Net.Interface.I3.Address"), "10.0.0.3");
+  EXPECT_EQ(Create(kAny), "I1") << "numbering sees the groups read back";
 }
 
 }  // namespace
