@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/clientcalls.h"
 #include "tests/harness/sandbox.h"
 
 namespace tessard::test {
@@ -119,25 +120,6 @@ class DynamicGroupRequestsTest : public DynamicGroupsDaemonTest {
     int status = tessclient_delete_group(client, path.c_str(), sync);
     tessclient_close(client);
     return status;
-  }
-
-  static int Sync(int mode) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return -1;
-    int status = tessclient_sync(client, mode);
-    tessclient_close(client);
-    return status;
-  }
-
-  static std::string Get(const std::string& path) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return "<no connection>";
-    char* value = nullptr;
-    int status = tessclient_get(client, path.c_str(), &value);
-    std::string text = status == TESSCLIENT_OK ? value : "<status " + std::to_string(status) + ">";
-    free(value);
-    tessclient_close(client);
-    return text;
   }
 
   // The names of the group headers of a group file, in file order.

@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "tests/clientcalls.h"
 #include "tests/harness/sandbox.h"
 
 namespace tessard::test {
@@ -52,33 +53,6 @@ class WritesTest : public SandboxTest {
     std::vector<std::string> args = {"/etc/tessard.conf", "0"};
     args.insert(args.end(), extra.begin(), extra.end());
     StartServing(args);
-  }
-
-  static int Set(const std::string& path, const std::string& value, int sync) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return -1;
-    int status = tessclient_set(client, path.c_str(), value.c_str(), sync);
-    tessclient_close(client);
-    return status;
-  }
-
-  static int Sync(int mode) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return -1;
-    int status = tessclient_sync(client, mode);
-    tessclient_close(client);
-    return status;
-  }
-
-  static std::string Get(const std::string& path) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return "<no connection>";
-    char* value = nullptr;
-    int status = tessclient_get(client, path.c_str(), &value);
-    std::string text = status == TESSCLIENT_OK ? value : "<status " + std::to_string(status) + ">";
-    free(value);
-    tessclient_close(client);
-    return text;
   }
 
   static ino_t Inode(const std::string& path) {
