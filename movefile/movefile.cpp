@@ -23,6 +23,7 @@ constexpr size_t kPathMax = 4096;
 constexpr size_t kLinkStep = 80;
 constexpr int kRetries = 5;
 constexpr const char* kSafeMove = "safe_move_file";
+constexpr int kNoName = -2;
 
 // The temporary copy of safe_move_file: unlinked unless it was renamed into place.
 class TempFile {
@@ -77,19 +78,20 @@ int transfer_fully(int32_t count, bool stop_at_end, Transfer transfer) {
   return done;
 }
 
-// /tmp/BASENAME.temp for the /tmp variant of open_param_temp_file; -1 if the name cannot be taken.
+// /tmp/BASENAME.temp for the /tmp variant of open_param_temp_file: its descriptor, -1 when it
+// cannot be created, kNoName (logged) when the base name cannot be taken.
 int create_tmp_file_in_tmp(const char* target, char** tmp_path) {
   CString copy(strdup(target));
   if (!copy) {
     log_error(kSource, "%s: Could not extract filename: %s\n", "open_param_temp_file",
               "Out of memory!");
-    return -1;
+    return kNoName;
   }
   const char* base = basename(copy.get());
   if (base == nullptr) {
     log_error(kSource, "%s: Could not extract filename: %s\n", "open_param_temp_file",
               errno_text(errno));
-    return -1;
+    return kNoName;
   }
   return create_tmp_file("/tmp/", base, tmp_path);
 }
@@ -337,6 +339,7 @@ FILE* open_param_temp_file(const char* target, char** tmp_path, int use_tmp) {
   char* raw_path = nullptr;
   int raw_fd = use_tmp == 0 ? create_tmp_file_for(target, &raw_path)
                             : create_tmp_file_in_tmp(target, &raw_path);
+  if (raw_fd == kNoName) return nullptr;
   CString path(raw_path);
   UniqueFd fd(raw_fd);
   if (fd.get() < 0 || !path) {
