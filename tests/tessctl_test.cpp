@@ -1,6 +1,7 @@
 // tessctl against the running daemon: each command's output and exit status, run as root and as
 // users with and without the rights that the master configuration grants.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -18,8 +19,13 @@ constexpr const char* kErrFile = "/tmp/tessctl.err";
 constexpr unsigned kTimeLimitSeconds = 10;
 
 // Everybody reads Net and admin also writes it; Secret is admin's alone; Closed carries no
-// accessControl, which closes it even to root.
-constexpr char kConfig[] = R"(group Net {
+// accessControl, which closes it even to root. Admin makes and removes one rule at a time under
+// Cam.Rules from the template "rule".
+constexpr char kConfig[] = R"(group Cam {
+  accessControl = ":1;admin:f"
+  group Rules { maxGroups = "1" }
+}
+group Net {
   accessControl = ":1;admin:3"
   parser = Standardparser
   file = "/etc/net.conf"
@@ -41,6 +47,16 @@ group Closed {
 constexpr char kNetFile[] =
     "# network\nhost cam1\nmodel \"X 100\"\nsecret s3cret\n"
     "[eth0]\naddress \"10.0.0.5\"\nmtu 1500\n";
+
+constexpr char kRuleGroupTemplate[] = R"(group REPLACE_GROUP {
+  accessControl = ":1;admin:f"
+  parser = Standardparser
+  file = "REPLACE_FILE"
+  param Name { mount = "Standard{REPLACE}{name}" }
+}
+)";
+constexpr char kRuleParamTemplate[] = "[REPLACE]\nname rule\n";
+constexpr char kRuleValues[] = "/etc/dynamic/cam_rules.conf";
 
 std::string with_host(const std::string& host) {
   std::string text = kNetFile;
@@ -69,6 +85,10 @@ class TessctlDaemonTest : public SandboxTest {
     if (HasFatalFailure()) return;
     WriteFile("/etc/net.conf", kNetFile);
     WriteFile("/etc/tessard.conf", kConfig);
+    mkdir("/usr/etc/sysconfig", 0755);
+    mkdir("/usr/etc/sysconfig/template", 0755);
+    WriteFile("/usr/etc/sysconfig/template/rule_grp.conf", kRuleGroupTemplate);
+    WriteFile("/usr/etc/sysconfig/template/rule_par.conf", kRuleParamTemplate);
     StartServing({"/etc/tessard.conf", "0"});
   }
 
@@ -160,7 +180,7 @@ const ReadCase kReadCases[] = {
      kDave,
      {"info", "Nope", "0"},
      {18, "", "tessctl: root.Nope: no such group\n"}},
-    {"Groups", kDave, {"groups", "root"}, {0, "root.Closed\nroot.Net\n", ""}},
+    {"Groups", kDave, {"groups", "root"}, {0, "root.Cam\nroot.Closed\nroot.Net\n", ""}},
     {"GroupsOfNoGroup", kDave, {"groups", "Nope"}, {18, "", "tessctl: root.Nope: no such group\n"}},
     {"Tree",
      kDave,
@@ -244,6 +264,30 @@ TEST_F(TessctlDaemonTest, ReadFileLoadsAGroupFile) {
   EXPECT_EQ(Tessctl(kDave, {"get", "Extra.Name"}), (Outcome{0, "hello\n", ""}));
   EXPECT_EQ(Tessctl(kDave, {"read-file", "/tmp/extra.conf"}),
             (Outcome{4, "", "tessctl: /tmp/extra.conf: malformed request\n"}));
+}
+
+TEST_F(TessctlDaemonTest, CreateAndDeleteARule) {
+  EXPECT_EQ(Tessctl(kBob, {"create", "Cam.Rules", "rule"}),
+            (Outcome{3, "", "tessctl: root.Cam.Rules: access refused\n"}));
+  EXPECT_EQ(Tessctl(kAlice, {"create", "Cam.Rules", "nosuch"}),
+            (Outcome{1, "", "tessctl: root.Cam.Rules: group could not be created\n"}));
+  EXPECT_EQ(Tessctl(kAlice, {"create", "Cam.Rules", "bad.name"}),
+            (Outcome{4, "", "tessctl: root.Cam.Rules: malformed request\n"}));
+  EXPECT_EQ(Tessctl(kAlice, {"create", "Cam.Rules", "rule"}), (Outcome{0, "R0\n", ""}));
+  EXPECT_EQ(ReadFile(kRuleValues), "#Created by tessard\n[Cam.Rules.R0]\nname rule\n");
+  EXPECT_EQ(Tessctl(kDave, {"get", "Cam.Rules.R0.Name"}), (Outcome{0, "rule\n", ""}));
+  EXPECT_EQ(Tessctl(kDave, {"groups", "Cam.Rules"}), (Outcome{0, "root.Cam.Rules.R0\n", ""}));
+  EXPECT_EQ(Tessctl(kAlice, {"create", "--number", "0", "Cam.Rules", "rule"}),
+            (Outcome{6, "", "tessctl: root.Cam.Rules: group limit reached\n"}));
+
+  EXPECT_EQ(Tessctl(kBob, {"delete", "Cam.Rules.R0"}),
+            (Outcome{3, "", "tessctl: root.Cam.Rules.R0: access refused\n"}));
+  EXPECT_EQ(Tessctl(kAlice, {"delete", "Cam.Rules.R0"}), (Outcome{0, "", ""}));
+  EXPECT_EQ(ReadFile(kRuleValues), "#Created by tessard\n");
+  EXPECT_EQ(Tessctl(kDave, {"get", "Cam.Rules.R0.Name"}),
+            (Outcome{16, "", "tessctl: root.Cam.Rules.R0.Name: no such parameter\n"}));
+  EXPECT_EQ(Tessctl(kAlice, {"delete", "Cam.Rules.R0"}),
+            (Outcome{1, "", "tessctl: root.Cam.Rules.R0: group could not be deleted\n"}));
 }
 
 }  // namespace
