@@ -164,6 +164,47 @@ bool LogCapture::WaitFor(const std::string& needle, int timeout_ms, LogLine* fou
 
 std::string SandboxTest::DaemonBinary() { return TESSARD_BINARY; }
 
+namespace {
+
+// The source and build trees may lie below /tmp or /run (a checkout in /tmp, say). A fresh tmpfs
+// there would hide the daemon binary and the test files, so such trees are bound back at their
+// own paths inside the new tmpfs.
+struct KeptDir {
+  std::string path;
+  int fd;
+};
+
+std::vector<KeptDir> open_kept_dirs(const std::string& below) {
+  std::vector<KeptDir> kept;
+  std::string list = TESSARD_KEEP_DIRS;
+  size_t start = 0;
+  while (start <= list.size()) {
+    size_t end = list.find(':', start);
+    if (end == std::string::npos) end = list.size();
+    std::string dir = list.substr(start, end - start);
+    start = end + 1;
+    if (dir.compare(0, below.size() + 1, below + "/") != 0) continue;
+    int fd = open(dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) kept.push_back({dir, fd});
+  }
+  return kept;
+}
+
+bool bind_kept_dirs(const std::vector<KeptDir>& kept, std::string* error) {
+  for (const KeptDir& dir : kept) {
+    std::string command = "mkdir -p '" + dir.path + "'";
+    std::string source = "/proc/self/fd/" + std::to_string(dir.fd);
+    if (system(command.c_str()) != 0 ||
+        mount(source.c_str(), dir.path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0) {
+      *error = errno_string(("binding back " + dir.path).c_str());
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 bool SandboxTest::MountAll(std::string* error) {
   for (const char* top : {"etc", "usr", "dev"}) {
     std::string upper = dir_ + "/" + top + "-upper";
@@ -178,11 +219,13 @@ bool SandboxTest::MountAll(std::string* error) {
     mounted_.push_back(target);
   }
   for (const char* target : {"/run", "/tmp"}) {
-    if (mount("tmpfs", target, "tmpfs", 0, "mode=1777") != 0) {
-      *error = errno_string((std::string("tmpfs on ") + target).c_str());
-      return false;
-    }
-    mounted_.push_back(target);
+    std::vector<KeptDir> kept = open_kept_dirs(target);
+    bool ok = mount("tmpfs", target, "tmpfs", 0, "mode=1777") == 0;
+    if (!ok) *error = errno_string((std::string("tmpfs on ") + target).c_str());
+    if (ok) mounted_.push_back(target);
+    ok = ok && bind_kept_dirs(kept, error);
+    for (const KeptDir& dir : kept) close(dir.fd);
+    if (!ok) return false;
   }
   return make_dir("/run/tessard", error);
 }
