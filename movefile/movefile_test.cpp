@@ -75,8 +75,19 @@ class MoveFileTest : public ::testing::Test {
     ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "cannot make a mount namespace: " << strerror(errno);
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
     mkdir(dir.c_str(), 0755);
+    // A test directory below DIR (a build tree in /tmp) is bound back at its own path.
+    bool hides_root = root_.compare(0, dir.size() + 1, dir + "/") == 0;
+    int kept = hides_root ? open(root_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
     ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, "mode=0755"), 0) << strerror(errno);
     mounts_.insert(mounts_.begin(), dir);
+    if (hides_root) {
+      std::string make = "mkdir -p '" + root_ + "'";
+      std::string source = "/proc/self/fd/" + std::to_string(kept);
+      ASSERT_EQ(system(make.c_str()), 0);
+      ASSERT_EQ(mount(source.c_str(), root_.c_str(), nullptr, MS_BIND | MS_REC, nullptr), 0)
+          << strerror(errno);
+      close(kept);
+    }
   }
 
   std::string root_;
