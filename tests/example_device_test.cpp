@@ -4,11 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 
 #include <cstdlib>
 #include <filesystem>
@@ -21,6 +19,7 @@
 #include <tessard/tessclient.h>
 #include "tests/clientcalls.h"
 #include "tests/harness/sandbox.h"
+#include "tests/shellcommand.h"
 
 namespace tessard::test {
 namespace {
@@ -35,17 +34,6 @@ void install_example() {
              fs::copy_options::recursive | fs::copy_options::overwrite_existing, error);
     ASSERT_FALSE(error) << "installing the example's " << top << ": " << error.message();
   }
-}
-
-// Runs a shell command; returns its exit status (-1 when it did not exit) and its output.
-int run(const std::string& command, std::string* output) {
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return -1;
-  char buffer[4096];
-  size_t got = 0;
-  while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) output->append(buffer, got);
-  int status = pclose(pipe);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class ExampleDeviceTest : public SandboxTest {
@@ -187,10 +175,11 @@ TEST_F(ExampleDeviceUnitsTest, SocketActivatedServiceServesTheExample) {
   ASSERT_FALSE(error) << "installing " << exec[0] << ": " << error.message();
 
   std::string out;
-  EXPECT_EQ(run(std::string("systemd-analyze verify ") + TESSARD_SOURCE_DIR +
-                    "/systemd/tessard.socket " + TESSARD_SOURCE_DIR + "/systemd/tessard.service",
-                &out),
-            0)
+  EXPECT_EQ(
+      run_command(std::string("systemd-analyze verify ") + TESSARD_SOURCE_DIR +
+                      "/systemd/tessard.socket " + TESSARD_SOURCE_DIR + "/systemd/tessard.service",
+                  &out),
+      0)
       << out;
   EXPECT_EQ(out, "");
 
@@ -211,7 +200,9 @@ TEST_F(ExampleDeviceUnitsTest, SocketActivatedServiceServesTheExample) {
 
   out.clear();
   EXPECT_EQ(
-      run(std::string("timeout 10 ") + TESSCTL_BINARY + " get root.System.Time.TimeZone", &out), 0)
+      run_command(std::string("timeout 10 ") + TESSCTL_BINARY + " get root.System.Time.TimeZone",
+                  &out),
+      0)
       << out;
   EXPECT_EQ(out, "Europe/Berlin\n");
   EXPECT_TRUE(log().WaitFor("Starting server.", 5000, nullptr, activator_))

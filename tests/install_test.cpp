@@ -2,24 +2,14 @@
 // C example builds against the installed client library through pkg-config.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
-namespace {
+#include "tests/shellcommand.h"
 
-// Runs a shell command; returns its exit status (-1 when it did not exit) and its output.
-int run(const std::string& command, std::string* output) {
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-  if (pipe == nullptr) return -1;
-  char buffer[4096];
-  size_t got = 0;
-  while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) output->append(buffer, got);
-  int status = pclose(pipe);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+namespace tessard::test {
+namespace {
 
 class InstallTest : public ::testing::Test {
  protected:
@@ -28,7 +18,8 @@ class InstallTest : public ::testing::Test {
     ASSERT_NE(mkdtemp(pattern.data()), nullptr) << "mkdtemp under " << TESSARD_BUILD_DIR;
     prefix_ = pattern;
     std::string out;
-    ASSERT_EQ(run("cmake --install '" TESSARD_BUILD_DIR "' --prefix '" + prefix_ + "'", &out), 0)
+    ASSERT_EQ(
+        run_command("cmake --install '" TESSARD_BUILD_DIR "' --prefix '" + prefix_ + "'", &out), 0)
         << out;
   }
 
@@ -76,14 +67,16 @@ TEST_F(InstallTest, CExampleBuildsWithPkgConfig) {
                             "tessard-client) -o '" +
                             program + "'";
   std::string out;
-  ASSERT_EQ(run(build, &out), 0) << build << "\n" << out;
+  ASSERT_EQ(run_command(build, &out), 0) << build << "\n" << out;
 
   // No daemon listens at this path: the program reports it and exits with its status 3.
   out.clear();
-  EXPECT_EQ(run("TESSARD_SOCKET='" + prefix_ + "/nosocket' '" + program + "' root.a.b", &out), 3);
+  EXPECT_EQ(
+      run_command("TESSARD_SOCKET='" + prefix_ + "/nosocket' '" + program + "' root.a.b", &out), 3);
   EXPECT_NE(out.find("tessget: cannot reach tessard"), std::string::npos) << out;
   out.clear();
-  EXPECT_EQ(run("'" + program + "'", &out), 2) << out;
+  EXPECT_EQ(run_command("'" + program + "'", &out), 2) << out;
 }
 
 }  // namespace
+}  // namespace tessard::test
