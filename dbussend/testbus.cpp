@@ -21,13 +21,14 @@ namespace testbus {
 namespace {
 
 constexpr int kStartTimeoutMs = 10000;
+constexpr char kBusName[] = "org.freedesktop.DBus";
 
 const char kConfig[] =
     R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>session</type>
-  <listen>unix:path=%s/bus_socket</listen>
+  <listen>unix:path=%s</listen>
   <auth>EXTERNAL</auth>
   <policy context="default">
     <allow send_destination="*" eavesdrop="true"/>
@@ -43,12 +44,12 @@ std::string make_temp_dir() {
   return mkdtemp(pattern.data()) ? pattern : std::string();
 }
 
-bool write_config(const std::string& dir) {
+bool write_config(const std::string& dir, const std::string& socket_path) {
   std::FILE* f = std::fopen((dir + "/bus.conf").c_str(), "w");
   if (f == nullptr) {
     return false;
   }
-  std::fprintf(f, kConfig, dir.c_str());
+  std::fprintf(f, kConfig, socket_path.c_str());
   return std::fclose(f) == 0;
 }
 
@@ -190,22 +191,23 @@ int answer_call(sd_bus_message* m, void* userdata, sd_bus_error*) {
 
 }  // namespace
 
-sd_bus* open_client(const std::string& address) {
+sd_bus* open_client(const std::string& address, bool monitor) {
   sd_bus* bus = nullptr;
   if (sd_bus_new(&bus) < 0) {
     return nullptr;
   }
-  if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
-      sd_bus_start(bus) < 0) {
+  if (sd_bus_set_monitor(bus, monitor) < 0 || sd_bus_set_address(bus, address.c_str()) < 0 ||
+      sd_bus_set_bus_client(bus, 1) < 0 || sd_bus_start(bus) < 0) {
     return sd_bus_unref(bus);
   }
   return bus;
 }
 
-bool PrivateBus::start(std::string* error) {
+bool PrivateBus::start(std::string* error, const std::string& socket_path) {
   address_.clear();
   dir_ = make_temp_dir();
-  if (dir_.empty() || !write_config(dir_)) {
+  if (dir_.empty() ||
+      !write_config(dir_, socket_path.empty() ? dir_ + "/bus_socket" : socket_path)) {
     *error = "cannot prepare a directory for dbus-daemon";
     return false;
   }
@@ -255,12 +257,32 @@ bool Recorder::connect(const std::string& address, const char* name, std::string
   return true;
 }
 
+bool Recorder::monitor(const std::string& address, std::string* error) {
+  bus_ = open_client(address, true);
+  sd_bus_error call_error = SD_BUS_ERROR_NULL;
+  // No match rules: every message on the bus.
+  if (bus_ == nullptr ||
+      sd_bus_call_method(bus_, kBusName, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
+                         "BecomeMonitor", &call_error, nullptr, "asu", 0, 0u) < 0 ||
+      sd_bus_add_filter(bus_, nullptr, on_message, this) < 0) {
+    *error = std::string("the recorder cannot monitor the bus: ") + or_empty(call_error.message);
+    sd_bus_error_free(&call_error);
+    return false;
+  }
+  return true;
+}
+
+// Every message is taken as handled, so that sd-bus answers none of them: the recorder only
+// listens, and a monitor that sends anything is disconnected by the bus.
 int Recorder::on_message(sd_bus_message* m, void* self, sd_bus_error*) {
-  if (std::string_view(or_empty(sd_bus_message_get_sender(m))) == "org.freedesktop.DBus") {
-    return 0;
+  uint8_t type = type_of(m);
+  if ((type != SD_BUS_MESSAGE_SIGNAL && type != SD_BUS_MESSAGE_METHOD_CALL) ||
+      or_empty(sd_bus_message_get_sender(m)) == std::string_view(kBusName) ||
+      or_empty(sd_bus_message_get_destination(m)) == std::string_view(kBusName)) {
+    return 1;
   }
   Recorded r;
-  r.signal = type_of(m) == SD_BUS_MESSAGE_SIGNAL;
+  r.signal = type == SD_BUS_MESSAGE_SIGNAL;
   r.destination = or_empty(sd_bus_message_get_destination(m));
   r.path = or_empty(sd_bus_message_get_path(m));
   r.interface = or_empty(sd_bus_message_get_interface(m));
@@ -270,7 +292,6 @@ int Recorder::on_message(sd_bus_message* m, void* self, sd_bus_error*) {
     r.args.push_back(arg);
   }
   static_cast<Recorder*>(self)->recorded_.push_back(std::move(r));
-  // Method calls are only recorded; nobody waits for an answer from the recorder.
   return 1;
 }
 
@@ -295,16 +316,16 @@ const std::vector<Recorded>& Recorder::wait_for(size_t count, int timeout_ms) {
   return recorded_;
 }
 
-std::vector<Recorded> Recorder::wait_for_marker(int timeout_ms) {
+std::vector<Recorded> Recorder::wait_before(const std::string& member, int timeout_ms) {
   auto marker = recorded_.end();
   auto found = [&] {
     marker = std::find_if(recorded_.begin(), recorded_.end(),
-                          [](const Recorded& r) { return r.member == kMarkerMember; });
+                          [&](const Recorded& r) { return r.member == member; });
     return marker != recorded_.end();
   };
   if (!wait_until(found, timeout_ms)) {
     Recorded missing;
-    missing.member = "no marker arrived";
+    missing.member = "no " + member + " arrived";
     return {missing};
   }
   std::vector<Recorded> before(recorded_.begin(), marker);

@@ -12,7 +12,8 @@
 
 namespace testbus {
 
-// A dbus-daemon of our own, listening on a unix socket in a temporary directory.
+// A dbus-daemon of our own that allows everything, listening on a unix socket in a temporary
+// directory or at a path the caller gives.
 class PrivateBus {
  public:
   PrivateBus() = default;
@@ -20,8 +21,10 @@ class PrivateBus {
   PrivateBus& operator=(const PrivateBus&) = delete;
   ~PrivateBus() { stop(); }
 
-  // Starts the daemon; false with *error when it cannot be started.
-  bool start(std::string* error);
+  // Starts the daemon listening on socket_path, or on a socket in its own temporary directory
+  // when that is empty (the directory of socket_path must exist); false with *error when it
+  // cannot be started.
+  bool start(std::string* error, const std::string& socket_path = {});
   // Stops the daemon and removes its directory.
   void stop();
   const std::string& address() const { return address_; }
@@ -34,8 +37,9 @@ class PrivateBus {
   pid_t pid_ = -1;
 };
 
-// One message as the recorder saw it. Arguments are given as text: basic values as the sending
-// library writes them, a variant as its content, an array as [a,b], a dict as {k=v,k=v}.
+// One signal or method call as the recorder saw it (replies are not recorded). Arguments are given
+// as text: basic values as the sending library writes them, a variant as its content, an array as
+// [a,b], a dict as {k=v,k=v}.
 struct Recorded {
   bool signal = false;
   std::string destination;
@@ -50,7 +54,9 @@ struct Recorded {
 inline constexpr char kMarkerText[] = "/org/tessard/Test org.tessard.Test.Marker";
 inline constexpr char kMarkerMember[] = "Marker";
 
-// A client connection that records every signal on the bus and every message sent to its name.
+// A client connection that records every signal on the bus and every method call sent to its
+// name; or, as a monitor, every signal and method call on the bus. Traffic to and from the bus
+// itself (Hello, name changes) is left out.
 class Recorder {
  public:
   Recorder() = default;
@@ -59,13 +65,21 @@ class Recorder {
   ~Recorder();
 
   bool connect(const std::string& address, const char* name, std::string* error);
+  // Connects as a monitor of the whole bus (which the bus allows to root and its own user only).
+  // A monitor only listens: it owns no name and sends nothing.
+  bool monitor(const std::string& address, std::string* error);
   // Waits until at least count messages have been recorded or timeout_ms has passed, and
   // returns all recorded so far.
   const std::vector<Recorded>& wait_for(size_t count, int timeout_ms = 5000);
   // Waits for the marker signal (kMarkerText, sent by the code under test's own connection after
   // whatever it sent before) and returns what was recorded before it, dropping both. Since one
   // connection's messages arrive in order, this shows that nothing else was sent in between.
-  std::vector<Recorded> wait_for_marker(int timeout_ms = 5000);
+  std::vector<Recorded> wait_for_marker(int timeout_ms = 5000) {
+    return wait_before(kMarkerMember, timeout_ms);
+  }
+  // The same for the first message of the given member: returns what was recorded before it and
+  // drops both; a single entry with the member "no <member> arrived" on time-out.
+  std::vector<Recorded> wait_before(const std::string& member, int timeout_ms = 5000);
   void clear() { recorded_.clear(); }
 
  private:
@@ -99,7 +113,8 @@ class ServiceChild {
   pid_t pid_ = -1;
 };
 
-// Connects a client to the bus at address; nullptr on failure.
-sd_bus* open_client(const std::string& address);
+// Connects a client to the bus at address (in sd-bus's monitor mode, which neither filters nor
+// answers what arrives, when monitor is set); nullptr on failure.
+sd_bus* open_client(const std::string& address, bool monitor = false);
 
 }  // namespace testbus

@@ -10,12 +10,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "mapping/setters_testutil.h"
+#include "mapping/signal_targets_testutil.h"
 
 namespace tessard::test {
 namespace {
@@ -266,53 +268,19 @@ TEST_F(SetterCommandTest, NoCommandInUpgradeModeOrWhenDisabledOrNotDue) {
 // Processes to signal: the small test program, started under names of this test's own.
 class SetterSignalTest : public AnnounceTest {
  protected:
+  void SetUp() override {
+    AnnounceTest::SetUp();
+    targets_ = std::make_unique<SignalTargets>(SIGNAL_TARGET_PROGRAM, dir_);
+  }
   void TearDown() override {
-    for (pid_t pid : pids_) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
+    targets_.reset();
     AnnounceTest::TearDown();
   }
 
-  // Starts the program as `name`; returns the name, unique to this test process.
-  std::string start(const char* name) {
-    std::string unique = "tsig" + std::to_string(getpid()) + name;
-    int fds[2];
-    EXPECT_EQ(pipe(fds), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-      dup2(fds[1], 1);
-      std::string out = dir_ + "/" + unique;
-      execl(SIGNAL_TARGET_PROGRAM, ("/some/dir/" + unique).c_str(), out.c_str(), nullptr);
-      _exit(127);
-    }
-    close(fds[1]);
-    char ready[6] = {};
-    EXPECT_EQ(read(fds[0], ready, 5), 5) << "the signal target did not start";
-    close(fds[0]);
-    pids_.push_back(pid);
-    names_.push_back(unique);
-    return unique;
-  }
+  std::string start(const char* name) { return targets_->start(name); }
+  std::vector<std::string> received() { return targets_->received(); }
 
-  // The signals each started process received, in order, once all sent so far have arrived:
-  // a final SIGSYS (31) is handled after every lower signal already pending.
-  std::vector<std::string> received() {
-    std::vector<std::string> result;
-    for (size_t i = 0; i < pids_.size(); ++i) {
-      kill(pids_[i], SIGSYS);
-      std::string text;
-      for (int tries = 0; tries < 500 && text.find("31\n") == std::string::npos; ++tries) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        text = read_file(names_[i]);
-      }
-      result.push_back(text.substr(0, text.find("31\n")));
-    }
-    return result;
-  }
-
-  std::vector<pid_t> pids_;
-  std::vector<std::string> names_;
+  std::unique_ptr<SignalTargets> targets_;
 };
 
 TEST_F(SetterSignalTest, OneSignalWordServesEveryNameAndEachProcessGetsItOnce) {

@@ -262,8 +262,20 @@ void SandboxTest::SetUp() {
   ASSERT_TRUE(log_.Start("/dev/log", &error)) << error;
 }
 
+void SandboxTest::StartSystemBus() {
+  // An address inherited from whoever runs the tests would lead the daemon to another bus.
+  unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+  std::string error;
+  ASSERT_TRUE(make_dir("/run/dbus", &error)) << error;
+  ASSERT_TRUE(system_bus_.start(&error, kSystemBusSocket)) << error;
+  bus_recorder_ = std::make_unique<testbus::Recorder>();
+  ASSERT_TRUE(bus_recorder_->monitor(system_bus_.address(), &error)) << error;
+}
+
 void SandboxTest::TearDown() {
   StopDaemon();
+  bus_recorder_.reset();
+  system_bus_.stop();
   log_.Stop();
   UnmountAll();
   if (!dir_.empty() && getenv("TESSARD_KEEP_SANDBOX") == nullptr) {

@@ -1,10 +1,11 @@
 // A private world for running the real tessard binary.
 //
 // Each test gets a mount namespace of its own (entered once per test process) in which /etc, /usr
-// and /dev are overlays whose upper layers live in the test's temporary directory, and /run and /tmp
-// are fresh tmpfs mounts. The daemon therefore uses its real fixed paths while the host never
+// and /dev are overlays whose upper layers live in the test's temporary directory, and /run and
+// /tmp are fresh tmpfs mounts. The daemon therefore uses its real fixed paths while the host never
 // changes. Test users and groups are added to the overlaid /etc/passwd and /etc/group, and a
-// datagram socket at /dev/log records every syslog line with its priority and pid.
+// datagram socket at /dev/log records every syslog line with its priority and pid. A test may
+// also give the daemon a system bus of its own, with a monitor that records what is sent on it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,10 +13,13 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "dbussend/testbus.h"
 
 namespace tessard::test {
 
@@ -101,6 +105,14 @@ class SandboxTest : public ::testing::Test {
   static void Put16(std::vector<unsigned char>* out, int value);
   static void PutText(std::vector<unsigned char>* out, const std::string& text);
 
+  // Starts the daemon's system bus: a dbus-daemon that allows everything, listening on
+  // kSystemBusSocket in the sandbox's /run, the daemon's default system bus address; and a
+  // monitor recording every signal and method call on it (bus()). Call it before the daemon
+  // starts. Fails the test when either cannot start; both stop at TearDown.
+  void StartSystemBus();
+  testbus::Recorder& bus() { return *bus_recorder_; }
+  static constexpr char kSystemBusSocket[] = "/run/dbus/system_bus_socket";
+
   LogCapture& log() { return log_; }
   const std::string& dir() const { return dir_; }
   pid_t daemon_pid() const { return daemon_pid_; }
@@ -113,6 +125,8 @@ class SandboxTest : public ::testing::Test {
   std::string dir_;
   std::vector<std::string> mounted_;
   LogCapture log_;
+  testbus::PrivateBus system_bus_;
+  std::unique_ptr<testbus::Recorder> bus_recorder_;
   pid_t daemon_pid_ = -1;
 };
 
