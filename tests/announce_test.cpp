@@ -1,0 +1,418 @@
+// What the running daemon tells the rest of the device and how it fetches values: D-Bus messages
+// on a system bus of the sandbox, setter commands, signals to named processes and getters, also
+// with -blockdbusonstart and -upgrade.
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <tessard/tessclient.h>
+#include "mapping/signal_targets_testutil.h"
+#include "tests/harness/sandbox.h"
+
+namespace tessard::test {
+namespace {
+
+using Messages = std::vector<std::string>;
+
+constexpr char kBacking[] = "/etc/announce.conf";
+constexpr char kSignalPrefix[] = "/org/tessard/Test org.tessard.Test.";
+// Bounds of dbustype parameters come from this service.
+constexpr char kLimits[] = "org.tessard.Limits";
+constexpr char kLimitQueries[] =
+    "int,MIN:--dest=org.tessard.Limits /org/tessard/Limits org.tessard.Limits.Min"
+    ",MAX:--dest=org.tessard.Limits /org/tessard/Limits org.tessard.Limits.Max";
+
+// One Standard-parser parameter at key `key` of the backing file, with further options.
+std::string Param(const std::string& name, const std::string& key, const std::string& options) {
+  return "  param " + name + " { mount = \"Standard{Root}{" + key + "}\" " + options + " }\n";
+}
+
+std::string Group(const std::string& name, const std::string& body) {
+  return "group " + name + " {\n  parser = Standardparser\n  file = \"" + kBacking + "\"\n" + body +
+         "}\n";
+}
+
+std::string Option(const std::string& name, const std::string& value) {
+  return name + " = \"" + value + "\" ";
+}
+
+// A message as "Member(signature) arg|arg", enough to tell every message of these tests apart.
+std::string Summary(const testbus::Recorded& r) {
+  std::string text = r.member + "(" + r.signature + ")";
+  for (size_t i = 0; i < r.args.size(); ++i) text += (i == 0 ? " " : "|") + r.args[i];
+  return text;
+}
+
+Messages Summaries(const std::vector<testbus::Recorded>& recorded) {
+  Messages out;
+  for (const testbus::Recorded& r : recorded) out.push_back(Summary(r));
+  return out;
+}
+
+class AnnounceTest : public SandboxTest {
+ protected:
+  void TearDown() override {
+    targets_.reset();
+    limits_.stop();
+    SandboxTest::TearDown();
+  }
+
+  void Serve(const std::string& config, const std::string& backing,
+             std::vector<std::string> extra = {}) {
+    WriteFile("/etc/tessard.conf", "accessControl = \":3\"\n" + config);
+    WriteFile(kBacking, backing);
+    std::vector<std::string> args = {"/etc/tessard.conf", "0"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    StartServing(args);
+  }
+
+  // The system bus with the service that answers the bounds of dbustype parameters.
+  void StartBusAndLimits(const std::string& min, const std::string& max) {
+    StartSystemBus();
+    if (HasFatalFailure()) return;
+    std::string error;
+    ASSERT_TRUE(limits_.start(std::string("unix:path=") + kSystemBusSocket, kLimits,
+                              {{"Min", min}, {"Max", max}}, &error))
+        << error;
+  }
+
+  static int Set(const std::string& path, const std::string& value, int sync) {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return -1;
+    int status = tessclient_set(client, path.c_str(), value.c_str(), sync);
+    tessclient_close(client);
+    return status;
+  }
+
+  static int Sync(int mode) {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return -1;
+    int status = tessclient_sync(client, mode);
+    tessclient_close(client);
+    return status;
+  }
+
+  static int Get(const std::string& path, std::string* value) {
+    TessClient* client = nullptr;
+    if (tessclient_connect(nullptr, &client) != 0) return -1;
+    char* text = nullptr;
+    int status = tessclient_get(client, path.c_str(), &text);
+    *value = text != nullptr ? text : "";
+    free(text);
+    tessclient_close(client);
+    return status;
+  }
+
+  // Waits until the file holds `lines` lines, then a little longer so that a line too many would
+  // show too (setter commands run detached); returns its lines sorted.
+  static Messages SettledLines(const std::string& path, size_t lines) {
+    auto count = [&] {
+      std::string text = ReadFile(path);
+      return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    };
+    for (int tries = 0; tries < 500 && count() < lines; ++tries) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    Messages out;
+    std::istringstream in(ReadFile(path));
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    std::sort(out.begin(), out.end());
+    return out;
+  }
+
+  // The lines of the daemon's log that hold `needle`, as "priority:message", once `expected` of
+  // them have arrived (or after five seconds).
+  std::vector<std::string> LogWith(const std::string& needle, size_t expected) {
+    std::vector<std::string> out;
+    for (int tries = 0; tries < 500 && out.size() < expected; ++tries) {
+      if (tries > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      out.clear();
+      for (const LogLine& line : log().Lines()) {
+        if (line.message.find(needle) != std::string::npos) {
+          out.push_back(std::to_string(line.priority) + ":" + line.message);
+        }
+      }
+    }
+    return out;
+  }
+
+  testbus::ServiceChild limits_;
+  std::unique_ptr<SignalTargets> targets_;
+};
+
+// ---- D-Bus messages -------------------------------------------------------------------------
+
+std::string MessagesConfig() {
+  std::string place =
+      Option("dbus", std::string(kSignalPrefix) + "Place string:'x $NAME $GROUPNUM $GROUP'");
+  return Group("I3", Param("Place", "place", place)) +
+         Group("Limits", Param("Level", "level", Option("dbustype", kLimitQueries))) +
+         Group("Network",
+               Param("Place", "place", place) +
+                   Param("Owner", "owner",
+                         Option("dbus", std::string(kSignalPrefix) +
+                                            "Owner string:'$VALUE' string:'$NAME'")) +
+                   Param("Secret", "secret",
+                         Option("type", "password") +
+                             Option("dbus",
+                                    "--type=method_call --print-reply --dest=org.tessard.Nobody "
+                                    "/org/tessard/Nobody org.tessard.Nobody.Set string:'$VALUE' "
+                                    "string:after"))) +
+         // Sorted last, so its message closes the start-up messages; set again it closes later
+         // ones.
+         Group("Zz", Param("Marker", "marker",
+                           Option("dbus", std::string(testbus::kMarkerText) + " string:'$VALUE'")));
+}
+constexpr char kMessagesBacking[] =
+    "place here\nlevel 150\nowner Smith\nsecret hunter2\nmarker m\n";
+
+class DbusMessagesTest : public AnnounceTest {
+ protected:
+  void SetUp() override {
+    AnnounceTest::SetUp();
+    if (HasFatalFailure()) return;
+    StartBusAndLimits("int32:0", "int32:100");
+  }
+
+  // Everything the daemon sent before the marker that a SET of Marker makes it send now.
+  Messages SentSoFar(const std::string& marker_value) {
+    EXPECT_EQ(Set("root.Zz.Marker", marker_value, 10), TESSCLIENT_OK);
+    return Summaries(bus().wait_for_marker());
+  }
+};
+
+TEST_F(DbusMessagesTest, StartUpSendsEachParameterMessageWithItsGroupPlaceholders) {
+  Serve(MessagesConfig(), kMessagesBacking);
+  std::vector<testbus::Recorded> sent = bus().wait_for_marker();
+  EXPECT_EQ(
+      Summaries(sent),
+      (Messages{"Min()", "Max()", "Place(s) x $NAME 3 I3", "Place(s) x root.Network.Place  Network",
+                "Owner(ss) Smith|root.Network.Owner", "Set(ss) hunter2|after"}));
+  ASSERT_GE(sent.size(), 3u);
+  EXPECT_EQ(sent[0].destination, kLimits);
+  EXPECT_EQ(sent[0].path, "/org/tessard/Limits");
+  EXPECT_TRUE(sent[2].signal);
+  EXPECT_EQ(sent[2].path, "/org/tessard/Test");
+  EXPECT_EQ(sent[2].interface, "org.tessard.Test");
+}
+
+TEST_F(DbusMessagesTest, ChangedValueIsSentWithItsQuoteIntact) {
+  Serve(MessagesConfig(), kMessagesBacking);
+  bus().wait_for_marker();
+  ASSERT_EQ(Set("root.Network.Owner", "O'Brien", 10), TESSCLIENT_OK);
+  EXPECT_EQ(SentSoFar("m2"), Messages{"Owner(ss) O'Brien|root.Network.Owner"});
+}
+
+TEST_F(DbusMessagesTest, DbustypeRepliesBoundTheLoadedValue) {
+  Serve(MessagesConfig(), kMessagesBacking);
+  std::string value;
+  EXPECT_EQ(Get("root.Limits.Level", &value), TESSCLIENT_OK);
+  EXPECT_EQ(value, "100") << "150 from the file, bounded by the service's 0 and 100";
+  EXPECT_EQ(LogWith("out of range", 1),
+            std::vector<std::string>{std::to_string(LOG_INFO) + ":Level received a value out of "
+                                                                "range when defined."});
+}
+
+TEST_F(DbusMessagesTest, BlockDbusOnStartPostponesStartUpMessagesToTheNextSetterRun) {
+  Serve(MessagesConfig(), kMessagesBacking, {"-blockdbusonstart"});
+  ASSERT_EQ(Set("root.Network.Owner", "Jones", 10), TESSCLIENT_OK);
+  // Nothing at start-up, no bounds queried; the setter run of Network sends its parameters'
+  // postponed messages with the changed one; I3 stays postponed.
+  EXPECT_EQ(SentSoFar("m2"),
+            (Messages{"Place(s) x root.Network.Place  Network",
+                      "Owner(ss) Jones|root.Network.Owner", "Set(ss) hunter2|after"}));
+  std::string value;
+  EXPECT_EQ(Get("root.Limits.Level", &value), TESSCLIENT_OK);
+  EXPECT_EQ(value, "150");
+}
+
+TEST_F(DbusMessagesTest, FailedSendIsLoggedWithThePasswordMasked) {
+  Serve(MessagesConfig(), kMessagesBacking);
+  std::vector<std::string> failures = LogWith("Could not send dbus message", 1);
+  ASSERT_EQ(failures.size(), 1u);
+  std::string masked = std::to_string(LOG_INFO) +
+                       ":Could not send dbus message: --type=method_call --print-reply "
+                       "--dest=org.tessard.Nobody /org/tessard/Nobody org.tessard.Nobody.Set "
+                       "string:'*****' : ";
+  EXPECT_EQ(failures[0].substr(0, masked.size()), masked);
+  EXPECT_NE(failures[0].find("org.freedesktop.DBus.Error.ServiceUnknown"), std::string::npos)
+      << failures[0];
+  EXPECT_EQ(failures[0].find("hunter2"), std::string::npos);
+  EXPECT_EQ(failures[0].find("after"), std::string::npos) << "nothing behind the value";
+}
+
+// ---- Setter commands and signals ------------------------------------------------------------
+
+constexpr char kSetterScript[] =
+    "#!/bin/sh\n"
+    "printf '%s:%s\\n' \"$1\" \"$(env | grep '^root_' | sort | tr '\\n' ' ')\" >> "
+    "/tmp/setter.runs\n";
+
+class SetterRunsTest : public AnnounceTest {
+ protected:
+  void SetUp() override {
+    AnnounceTest::SetUp();
+    if (HasFatalFailure()) return;
+    WriteFile("/tmp/setter.sh", kSetterScript, 0755);
+    targets_ = std::make_unique<SignalTargets>(SIGNAL_TARGET_PROGRAM, "/tmp");
+    a_ = targets_->start("a");
+    b_ = targets_->start("b");
+    std::string both = Option("daemon", a_ + ", " + b_);
+    Serve(Group("Cam", Param("One", "one", Option("setter", "/tmp/setter.sh shared")) +
+                           Param("Two", "two", Option("setter", "/tmp/setter.sh shared")) +
+                           Param("Three", "three", Option("setter", "/tmp/setter.sh own"))) +
+              Group("Procs",
+                    Param("Usr1", "usr1", both + Option("signal", "USR1")) +
+                        Param("Usr1Too", "usr1too", both + Option("signal", "USR1")) +
+                        Param("Forty", "forty", Option("daemon", a_) + Option("signal", "40"))),
+          "one 0\ntwo 0\nthree 0\nusr1 0\nusr1too 0\nforty 0\n");
+  }
+
+  std::string a_;
+  std::string b_;
+};
+
+struct SetterCase {
+  const char* name;
+  std::vector<std::string> params;  // set to "1", "2", ... and synchronised together
+  Messages runs;                    // the runs' lines, sorted
+};
+
+void PrintTo(const SetterCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
+class SetterCommandTest : public SetterRunsTest, public testing::WithParamInterface<SetterCase> {};
+
+TEST_P(SetterCommandTest, EachSetterTextRunsOnceWithEveryChangedParameter) {
+  const SetterCase& c = GetParam();
+  for (size_t i = 0; i < c.params.size(); ++i) {
+    ASSERT_EQ(Set("root.Cam." + c.params[i], std::to_string(i + 1), 0), TESSCLIENT_OK);
+  }
+  ASSERT_EQ(Sync(10), TESSCLIENT_OK);
+  EXPECT_EQ(SettledLines("/tmp/setter.runs", c.runs.size()), c.runs);
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, SetterCommandTest,
+                         testing::Values(SetterCase{"SameText",
+                                                    {"One", "Two"},
+                                                    {"shared:root_Cam_One=1 root_Cam_Two=2 "}},
+                                         SetterCase{"DifferentTexts",
+                                                    {"One", "Three"},
+                                                    {"own:root_Cam_One=1 root_Cam_Three=2 ",
+                                                     "shared:root_Cam_One=1 root_Cam_Three=2 "}}),
+                         [](const testing::TestParamInfo<SetterCase>& info) {
+                           return info.param.name;
+                         });
+
+TEST_F(SetterRunsTest, NamedProcessesGetEachSignalOncePerSynchronisation) {
+  ASSERT_EQ(Set("root.Procs.Usr1", "1", 0), TESSCLIENT_OK);
+  ASSERT_EQ(Set("root.Procs.Usr1Too", "1", 0), TESSCLIENT_OK);
+  ASSERT_EQ(Sync(10), TESSCLIENT_OK);
+  EXPECT_EQ(targets_->received(), (Messages{"10\n", "10\n"})) << "nothing at start-up either";
+  ASSERT_EQ(Set("root.Procs.Forty", "1", 10), TESSCLIENT_OK);
+  EXPECT_EQ(targets_->received(), (Messages{"1\n", ""})) << "signal 40 is sent as 1";
+}
+
+// ---- Getters --------------------------------------------------------------------------------
+
+class GetterTest : public AnnounceTest {
+ protected:
+  void SetUp() override {
+    AnnounceTest::SetUp();
+    if (HasFatalFailure()) return;
+    WriteFile("/tmp/seven.sh", "#!/bin/sh\necho 7\nexit 1\n", 0755);
+    Serve(Group("Fetch", Param("Const", "c",
+                               Option("getter", "echo 5; echo run >> /tmp/const.runs") +
+                                   Option("type", "const:string")) +
+                             Param("Seven", "s", Option("getter", "/tmp/seven.sh")) +
+                             Param("Failing", "f",
+                                   Option("getter", "echo run >> /tmp/failing.runs; false"))),
+          "");
+  }
+};
+
+TEST_F(GetterTest, ConstantGetterRunsOnce) {
+  std::string value;
+  for (int read = 0; read < 2; ++read) {
+    EXPECT_EQ(Get("root.Fetch.Const", &value), TESSCLIENT_OK);
+    EXPECT_EQ(value, "5\n");
+  }
+  EXPECT_EQ(ReadFile("/tmp/const.runs"), "run\n");
+}
+
+TEST_F(GetterTest, FailingScriptStillGivesItsOutput) {
+  std::string value;
+  EXPECT_EQ(Get("root.Fetch.Seven", &value), TESSCLIENT_OK);
+  EXPECT_EQ(value, "7\n");
+  EXPECT_EQ(LogWith("Script", 1),
+            std::vector<std::string>{std::to_string(LOG_INFO) +
+                                     ":Script '/tmp/seven.sh' for param 'root.Fetch.Seven' "
+                                     "failed. Exit status: 256"});
+}
+
+TEST_F(GetterTest, FailingEchoCommandIsTriedThreeTimesAndGivesNoValue) {
+  std::string value;
+  EXPECT_EQ(Get("root.Fetch.Failing", &value), TESSCLIENT_NO_PARAM);
+  EXPECT_EQ(ReadFile("/tmp/failing.runs"), "run\nrun\nrun\n");
+  std::string line =
+      ":Script 'echo run >> /tmp/failing.runs; false' for param "
+      "'root.Fetch.Failing' failed. Exit status: 256";
+  std::string info = std::to_string(LOG_INFO) + line;
+  EXPECT_EQ(LogWith("Script", 4),
+            (std::vector<std::string>{info, info, info, std::to_string(LOG_WARNING) + line}));
+}
+
+// ---- Upgrade --------------------------------------------------------------------------------
+
+// The same daemon with and without -upgrade: a parameter with a message and a setter command,
+// a getter, and a dbustype parameter without a value, whose bounds a SET queries in either mode
+// (its first query closes what the daemon sent before).
+class UpgradeTest : public AnnounceTest, public testing::WithParamInterface<bool> {
+ protected:
+  void SetUp() override {
+    AnnounceTest::SetUp();
+    if (HasFatalFailure()) return;
+    WriteFile("/tmp/setter.sh", kSetterScript, 0755);
+    StartBusAndLimits("int32:0", "int32:9");
+    if (HasFatalFailure()) return;
+    std::vector<std::string> extra;
+    if (GetParam()) extra.push_back("-upgrade");
+    Serve(Group("Net", Param("Owner", "owner",
+                             Option("dbus", std::string(kSignalPrefix) + "Owner string:'$VALUE'") +
+                                 Option("setter", "/tmp/setter.sh upgrade")) +
+                           Param("Fence", "fence", Option("dbustype", kLimitQueries))) +
+              Group("Up",
+                    Param("Time", "t", Option("getter", "echo up; echo run >> /tmp/getter.runs"))),
+          "owner Smith\n", extra);
+  }
+};
+
+TEST_P(UpgradeTest, UpgradeRunsNoSetterCommandNoGetterAndSendsNoParameterMessage) {
+  bool upgrade = GetParam();
+  ASSERT_EQ(Set("root.Net.Owner", "Jones", 10), TESSCLIENT_OK);
+  std::string value;
+  EXPECT_EQ(Get("root.Up.Time", &value), TESSCLIENT_OK);
+  EXPECT_EQ(value, upgrade ? "" : "up\n") << "the value a getter parameter is declared with";
+  ASSERT_EQ(Set("root.Net.Fence", "1", 0), TESSCLIENT_OK);
+  EXPECT_EQ(Summaries(bus().wait_before("Min")),
+            upgrade ? Messages{} : (Messages{"Owner(s) Smith", "Owner(s) Jones"}));
+  EXPECT_EQ(SettledLines("/tmp/setter.runs", upgrade ? 0 : 1),
+            upgrade ? Messages{} : Messages{"upgrade:root_Net_Owner=Jones "});
+  EXPECT_EQ(ReadFile("/tmp/getter.runs"), upgrade ? "" : "run\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Modes, UpgradeTest, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& info) {
+                           return info.param ? "Upgrade" : "Normal";
+                         });
+
+}  // namespace
+}  // namespace tessard::test
