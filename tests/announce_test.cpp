@@ -6,13 +6,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <tessard/tessclient.h>
 #include "mapping/signal_targets_testutil.h"
+#include "tests/clientcalls.h"
 #include "tests/harness/sandbox.h"
 
 namespace tessard::test {
@@ -42,6 +43,14 @@ std::string Option(const std::string& name, const std::string& value) {
   return name + " = \"" + value + "\" ";
 }
 
+// A group without parameters whose removal is announced.
+std::string RemovableGroup(const std::string& name) {
+  return "group " + name + " { " +
+         Option("dbusgroupdel",
+                std::string(kSignalPrefix) + "Removed string:'$NAME|$GROUPNUM|$GROUP'") +
+         "}\n";
+}
+
 // A message as "Member(signature) arg|arg", enough to tell every message of these tests apart.
 std::string Summary(const testbus::Recorded& r) {
   std::string text = r.member + "(" + r.signature + ")";
@@ -65,7 +74,7 @@ class AnnounceTest : public SandboxTest {
 
   void Serve(const std::string& config, const std::string& backing,
              std::vector<std::string> extra = {}) {
-    WriteFile("/etc/tessard.conf", "accessControl = \":3\"\n" + config);
+    WriteFile("/etc/tessard.conf", "accessControl = \":f\"\n" + config);
     WriteFile(kBacking, backing);
     std::vector<std::string> args = {"/etc/tessard.conf", "0"};
     args.insert(args.end(), extra.begin(), extra.end());
@@ -80,33 +89,6 @@ class AnnounceTest : public SandboxTest {
     ASSERT_TRUE(limits_.start(std::string("unix:path=") + kSystemBusSocket, kLimits,
                               {{"Min", min}, {"Max", max}}, &error))
         << error;
-  }
-
-  static int Set(const std::string& path, const std::string& value, int sync) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return -1;
-    int status = tessclient_set(client, path.c_str(), value.c_str(), sync);
-    tessclient_close(client);
-    return status;
-  }
-
-  static int Sync(int mode) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return -1;
-    int status = tessclient_sync(client, mode);
-    tessclient_close(client);
-    return status;
-  }
-
-  static int Get(const std::string& path, std::string* value) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return -1;
-    char* text = nullptr;
-    int status = tessclient_get(client, path.c_str(), &text);
-    *value = text != nullptr ? text : "";
-    free(text);
-    tessclient_close(client);
-    return status;
   }
 
   // Waits until the file holds `lines` lines, then a little longer so that a line too many would
@@ -165,6 +147,7 @@ std::string MessagesConfig() {
                                     "--type=method_call --print-reply --dest=org.tessard.Nobody "
                                     "/org/tessard/Nobody org.tessard.Nobody.Set string:'$VALUE' "
                                     "string:after"))) +
+         "group Rules {\n" + RemovableGroup("R7") + "}\n" +
          // Sorted last, so its message closes the start-up messages; set again it closes later
          // ones.
          Group("Zz", Param("Marker", "marker",
@@ -212,9 +195,7 @@ TEST_F(DbusMessagesTest, ChangedValueIsSentWithItsQuoteIntact) {
 
 TEST_F(DbusMessagesTest, DbustypeRepliesBoundTheLoadedValue) {
   Serve(MessagesConfig(), kMessagesBacking);
-  std::string value;
-  EXPECT_EQ(Get("root.Limits.Level", &value), TESSCLIENT_OK);
-  EXPECT_EQ(value, "100") << "150 from the file, bounded by the service's 0 and 100";
+  EXPECT_EQ(Get("root.Limits.Level"), "100") << "150 from the file, bounded by 0 and 100";
   EXPECT_EQ(LogWith("out of range", 1),
             std::vector<std::string>{std::to_string(LOG_INFO) + ":Level received a value out of "
                                                                 "range when defined."});
@@ -228,9 +209,7 @@ TEST_F(DbusMessagesTest, BlockDbusOnStartPostponesStartUpMessagesToTheNextSetter
   EXPECT_EQ(SentSoFar("m2"),
             (Messages{"Place(s) x root.Network.Place  Network",
                       "Owner(ss) Jones|root.Network.Owner", "Set(ss) hunter2|after"}));
-  std::string value;
-  EXPECT_EQ(Get("root.Limits.Level", &value), TESSCLIENT_OK);
-  EXPECT_EQ(value, "150");
+  EXPECT_EQ(Get("root.Limits.Level"), "150");
 }
 
 TEST_F(DbusMessagesTest, FailedSendIsLoggedWithThePasswordMasked) {
@@ -247,6 +226,31 @@ TEST_F(DbusMessagesTest, FailedSendIsLoggedWithThePasswordMasked) {
   EXPECT_EQ(failures[0].find("hunter2"), std::string::npos);
   EXPECT_EQ(failures[0].find("after"), std::string::npos) << "nothing behind the value";
 }
+
+struct RemovalCase {
+  int sync;
+  Messages sent;
+};
+
+void PrintTo(const RemovalCase& c, std::ostream* os) {
+  *os << "sync " << c.sync;
+}
+
+class GroupRemovalTest : public DbusMessagesTest,
+                         public testing::WithParamInterface<RemovalCase> {};
+
+TEST_P(GroupRemovalTest, DeletedGroupIsAnnouncedUnlessItsModeIsSilent) {
+  Serve(MessagesConfig(), kMessagesBacking);
+  bus().wait_for_marker();
+  ASSERT_EQ(Delete("root.Rules.R7", GetParam().sync), TESSCLIENT_OK);
+  EXPECT_EQ(SentSoFar("m2"), GetParam().sent);
+}
+
+const Messages kRemoved = {"Removed(s) root.Rules.R7|7|R7"};
+INSTANTIATE_TEST_SUITE_P(Modes, GroupRemovalTest,
+                         testing::Values(RemovalCase{TESSCLIENT_NO_SYNC_BYTE, kRemoved},
+                                         RemovalCase{10, kRemoved}, RemovalCase{9, {}},
+                                         RemovalCase{12, {}}));
 
 // ---- Setter commands and signals ------------------------------------------------------------
 
@@ -340,18 +344,13 @@ class GetterTest : public AnnounceTest {
 };
 
 TEST_F(GetterTest, ConstantGetterRunsOnce) {
-  std::string value;
-  for (int read = 0; read < 2; ++read) {
-    EXPECT_EQ(Get("root.Fetch.Const", &value), TESSCLIENT_OK);
-    EXPECT_EQ(value, "5\n");
-  }
+  EXPECT_EQ(Get("root.Fetch.Const"), "5\n");
+  EXPECT_EQ(Get("root.Fetch.Const"), "5\n");
   EXPECT_EQ(ReadFile("/tmp/const.runs"), "run\n");
 }
 
 TEST_F(GetterTest, FailingScriptStillGivesItsOutput) {
-  std::string value;
-  EXPECT_EQ(Get("root.Fetch.Seven", &value), TESSCLIENT_OK);
-  EXPECT_EQ(value, "7\n");
+  EXPECT_EQ(Get("root.Fetch.Seven"), "7\n");
   EXPECT_EQ(LogWith("Script", 1),
             std::vector<std::string>{std::to_string(LOG_INFO) +
                                      ":Script '/tmp/seven.sh' for param 'root.Fetch.Seven' "
@@ -359,8 +358,7 @@ TEST_F(GetterTest, FailingScriptStillGivesItsOutput) {
 }
 
 TEST_F(GetterTest, FailingEchoCommandIsTriedThreeTimesAndGivesNoValue) {
-  std::string value;
-  EXPECT_EQ(Get("root.Fetch.Failing", &value), TESSCLIENT_NO_PARAM);
+  EXPECT_EQ(Get("root.Fetch.Failing"), "<status 16>");
   EXPECT_EQ(ReadFile("/tmp/failing.runs"), "run\nrun\nrun\n");
   std::string line =
       ":Script 'echo run >> /tmp/failing.runs; false' for param "
@@ -373,8 +371,8 @@ TEST_F(GetterTest, FailingEchoCommandIsTriedThreeTimesAndGivesNoValue) {
 // ---- Upgrade --------------------------------------------------------------------------------
 
 // The same daemon with and without -upgrade: a parameter with a message and a setter command,
-// a getter, and a dbustype parameter without a value, whose bounds a SET queries in either mode
-// (its first query closes what the daemon sent before).
+// a getter, a group whose removal is announced, and a dbustype parameter without a value, whose
+// bounds a SET queries in either mode (its first query closes what the daemon sent before).
 class UpgradeTest : public AnnounceTest, public testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
@@ -390,20 +388,21 @@ class UpgradeTest : public AnnounceTest, public testing::WithParamInterface<bool
                                  Option("setter", "/tmp/setter.sh upgrade")) +
                            Param("Fence", "fence", Option("dbustype", kLimitQueries))) +
               Group("Up",
-                    Param("Time", "t", Option("getter", "echo up; echo run >> /tmp/getter.runs"))),
+                    Param("Time", "t", Option("getter", "echo up; echo run >> /tmp/getter.runs"))) +
+              RemovableGroup("Gone"),
           "owner Smith\n", extra);
   }
 };
 
-TEST_P(UpgradeTest, UpgradeRunsNoSetterCommandNoGetterAndSendsNoParameterMessage) {
+TEST_P(UpgradeTest, UpgradeRunsNoSetterCommandNoGetterAndSendsOnlyGroupMessages) {
   bool upgrade = GetParam();
   ASSERT_EQ(Set("root.Net.Owner", "Jones", 10), TESSCLIENT_OK);
-  std::string value;
-  EXPECT_EQ(Get("root.Up.Time", &value), TESSCLIENT_OK);
-  EXPECT_EQ(value, upgrade ? "" : "up\n") << "the value a getter parameter is declared with";
+  EXPECT_EQ(Get("root.Up.Time"), upgrade ? "" : "up\n") << "the empty value it is declared with";
+  ASSERT_EQ(Delete("root.Gone", 10), TESSCLIENT_OK);
   ASSERT_EQ(Set("root.Net.Fence", "1", 0), TESSCLIENT_OK);
+  Messages removed = {"Removed(s) root.Gone||Gone"};
   EXPECT_EQ(Summaries(bus().wait_before("Min")),
-            upgrade ? Messages{} : (Messages{"Owner(s) Smith", "Owner(s) Jones"}));
+            upgrade ? removed : (Messages{"Owner(s) Smith", "Owner(s) Jones", removed[0]}));
   EXPECT_EQ(SettledLines("/tmp/setter.runs", upgrade ? 0 : 1),
             upgrade ? Messages{} : Messages{"upgrade:root_Net_Owner=Jones "});
   EXPECT_EQ(ReadFile("/tmp/getter.runs"), upgrade ? "" : "run\n");

@@ -25,6 +25,15 @@ inline int Sync(int mode) {
   return status;
 }
 
+// DELETE_GROUP; sync may be TESSCLIENT_NO_SYNC_BYTE.
+inline int Delete(const std::string& path, int sync = TESSCLIENT_NO_SYNC_BYTE) {
+  TessClient* client = nullptr;
+  if (tessclient_connect(nullptr, &client) != 0) return -1;
+  int status = tessclient_delete_group(client, path.c_str(), sync);
+  tessclient_close(client);
+  return status;
+}
+
 // The value in text form, or "<status N>" when the request failed.
 inline std::string Get(const std::string& path) {
   TessClient* client = nullptr;

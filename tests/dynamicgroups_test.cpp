@@ -114,14 +114,6 @@ class DynamicGroupRequestsTest : public DynamicGroupsDaemonTest {
     return result;
   }
 
-  static int Delete(const std::string& path, int sync = TESSCLIENT_NO_SYNC_BYTE) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return -1;
-    int status = tessclient_delete_group(client, path.c_str(), sync);
-    tessclient_close(client);
-    return status;
-  }
-
   // The names of the group headers of a group file, in file order.
   static std::vector<std::string> Headers(const std::string& text) {
     std::vector<std::string> names;
