@@ -123,16 +123,30 @@ void serveGetRequest(int fd, const unsigned char* payload, int length) {
   sendStatus(fd, STATUS_FAILED);
 }
 
-void serveGetParamInfo(int fd, const unsigned char* payload, int length) {
+namespace {
+
+// Reads the case byte, the group path and the index of an information request and finds the
+// group. False when a status has been answered already.
+bool read_indexed_request(int fd, const unsigned char* payload, int length, std::string* path,
+                          int* index, Group** group) {
   RequestReader reader{payload, length, 0};
+  if (!read_case_byte(&reader) || getPath(&reader, path) != 0 ||
+      read_int_16(&reader, index) != 0) {
+    sendStatus(fd, STATUS_MALFORMED);
+    return false;
+  }
+  *group = map_getGroupByPath(path->c_str());
+  if (*group == nullptr) sendStatus(fd, STATUS_NO_GROUP);
+  return *group != nullptr;
+}
+
+}  // namespace
+
+void serveGetParamInfo(int fd, const unsigned char* payload, int length) {
   std::string path;
   int index = 0;
-  if (!read_case_byte(&reader) || getPath(&reader, &path) != 0 ||
-      read_int_16(&reader, &index) != 0) {
-    return sendStatus(fd, STATUS_MALFORMED);
-  }
-  Group* group = map_getGroupByPath(path.c_str());
-  if (group == nullptr) return sendStatus(fd, STATUS_NO_GROUP);
+  Group* group = nullptr;
+  if (!read_indexed_request(fd, payload, length, &path, &index, &group)) return;
   Param* param = map_getParamByIndex(group, index);
   if (param == nullptr) param = map_getParamByPath(path.c_str());
   if (param == nullptr) return sendStatus(fd, STATUS_NO_PARAM);
@@ -148,15 +162,10 @@ void serveGetParamInfo(int fd, const unsigned char* payload, int length) {
 }
 
 void serveGetGroupInfo(int fd, const unsigned char* payload, int length) {
-  RequestReader reader{payload, length, 0};
   std::string path;
   int index = 0;
-  if (!read_case_byte(&reader) || getPath(&reader, &path) != 0 ||
-      read_int_16(&reader, &index) != 0) {
-    return sendStatus(fd, STATUS_MALFORMED);
-  }
-  Group* group = map_getGroupByPath(path.c_str());
-  if (group == nullptr) return sendStatus(fd, STATUS_NO_GROUP);
+  Group* group = nullptr;
+  if (!read_indexed_request(fd, payload, length, &path, &index, &group)) return;
   Group* child = map_getChildGroupByIndex(group, index);
   if (child == nullptr) return sendStatus(fd, STATUS_NO_SUBGROUP);
   int path_len = static_cast<int>(strlen(child->path));
