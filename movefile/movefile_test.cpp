@@ -15,6 +15,8 @@
 #include <sstream>
 #include <string>
 
+#include "movefile/handles.h"
+
 namespace {
 
 struct Owner {
@@ -69,11 +71,15 @@ class MoveFileTest : public ::testing::Test {
     std::filesystem::remove_all(root_, ignored);
   }
 
-  // Mounts a fresh tmpfs on DIR in a private mount namespace of this process, so that renames
-  // into it fail with EXDEV. Needs root; the test fails if it cannot be done.
-  void mount_tmpfs(const std::string& dir) {
+  // Moves this process into a private mount namespace. Needs root; the test fails if it cannot.
+  static void enter_mount_namespace() {
     ASSERT_EQ(unshare(CLONE_NEWNS), 0) << "cannot make a mount namespace: " << strerror(errno);
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
+  }
+
+  // Mounts a fresh tmpfs on DIR (inside the private namespace), so that renames into it fail
+  // with EXDEV.
+  void mount_tmpfs(const std::string& dir) {
     mkdir(dir.c_str(), 0755);
     // A test directory below DIR (a build tree in /tmp) is bound back at its own path.
     bool hides_root = root_.compare(0, dir.size() + 1, dir + "/") == 0;
@@ -190,6 +196,8 @@ class CrossFsMoveTest : public MoveFileTest {
   void SetUp() override {
     MoveFileTest::SetUp();
     other_ = root_ + "/other";
+    enter_mount_namespace();
+    if (HasFatalFailure()) return;
     mount_tmpfs(other_);
     source_ = root_ + "/source";
   }
@@ -272,21 +280,30 @@ TEST_F(CrossFsMoveTest, SameFileThroughSecondMountIsLeftAlone) {
   EXPECT_EQ(read_text(other_ + "/f"), "precious");
 }
 
+// /tmp gets a tmpfs of its own. The build tree may lie under /tmp, so the test directory stays
+// reachable through a bind mount made from a descriptor opened before /tmp was covered.
 TEST_F(CrossFsMoveTest, TempFileInTmpIsCopiedOverTarget) {
+  UniqueFd kept(open(root_.c_str(), O_PATH | O_DIRECTORY));
+  ASSERT_GE(kept.get(), 0) << strerror(errno);
   mount_tmpfs("/tmp");
-  std::string target = root_ + "/group.conf";
+  std::string dir = "/tmp/kept";
+  ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+  std::string source = "/proc/self/fd/" + std::to_string(kept.get());
+  ASSERT_EQ(mount(source.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr), 0) << strerror(errno);
+  mounts_.insert(mounts_.begin(), dir);
+  std::string target = dir + "/group.conf";
   make_file(target, "old", {1234, 5678, 0644});
-  char* path = nullptr;
-  FILE* stream = open_param_temp_file(target.c_str(), &path, 1);
+  char* raw_path = nullptr;
+  FILE* stream = open_param_temp_file(target.c_str(), &raw_path, 1);
+  CString path(raw_path);
   ASSERT_NE(stream, nullptr);
-  EXPECT_STREQ(path, "/tmp/group.conf.temp");
+  EXPECT_STREQ(path.get(), "/tmp/group.conf.temp");
   fputs("[group]\n", stream);
   ASSERT_EQ(safe_close_file(&stream, nullptr), 0);
-  ASSERT_EQ(move_file(path, target.c_str()), 0);
+  ASSERT_EQ(move_file(path.get(), target.c_str()), 0);
   EXPECT_EQ(read_text(target), "[group]\n");
   expect_owner(target, {1234, 5678, 0644});
-  EXPECT_FALSE(exists(path));
-  free(path);
+  EXPECT_FALSE(exists(path.get()));
 }
 
 }  // namespace
