@@ -57,8 +57,8 @@ struct Data {
       };
     };
   };
-  char customFlag;   // handed back with a custom value (a quote character); 0 unless given
-  const Data* mark;  // element last visited by the mapping interface's walk, or null
+  char customFlag;  // handed back with a custom value (a quote character); 0 unless given
+  Data* mark;       // element last visited by the mapping interface's walk, or null
 
   // Bookkeeping of the legacy_drep_* functions; not part of the value.
   void* last;              // DATA_LIST: last ListNode; DATA_HASH: last HashEntry
