@@ -86,9 +86,19 @@ void reply_serialised(int fd, const Param* param) {
   reply_one_item(fd, bytes.get(), length);
 }
 
+// The text of a typed scalar, or null when it has none (an "ipaddr" that was never set). Asked of
+// the scalar itself: a value a client reads must never be able to end the daemon.
+Malloced<char> scalar_text(const Data* data) {
+  int result = 0;
+  Malloced<char> text(scalar_getString(data->custom, &result));
+  if (result != 0) text.reset();
+  return text;
+}
+
 void reply_text(int fd, const Param* param, int subform) {
   if (subform != 2 || !is_custom_scalar(param->value)) return sendStatus(fd, STATUS_FAILED);
-  Malloced<char> text(legacy_drep_getCustomString(param->value, nullptr));
+  Malloced<char> text = scalar_text(param->value);
+  if (!text) return sendStatus(fd, STATUS_FAILED);
   reply_one_item(fd, text.get(), static_cast<int>(strlen(text.get())));
 }
 
@@ -250,8 +260,9 @@ class NameValueList {
       return true;
     }
     if (!is_custom_scalar(data)) return false;
-    Malloced<char> text(legacy_drep_getCustomString(data, nullptr));
-    *value = text && *text.get() != '\0' ? text.get() : "\x02";
+    Malloced<char> text = scalar_text(data);
+    if (!text) return false;
+    *value = *text.get() != '\0' ? text.get() : "\x02";
     return true;
   }
 
