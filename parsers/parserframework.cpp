@@ -1,5 +1,6 @@
 #include "parsers/parserframework.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -359,6 +360,36 @@ int pif_moreOnLine() {
   int line = fw.line;
   pif_skipWhitespace();
   return line == fw.line && !fw.end_reached ? 1 : 0;
+}
+
+int pif_skipBlanks() {
+  for (; fw.cursor < fw.input.size(); pass_char()) {
+    int c = char_at(fw.cursor);
+    if (c == '\n') {
+      return 1;
+    }
+    if (c == 0) {
+      report_nul();
+    } else if (!token_isspace(c)) {
+      return 0;
+    }
+    fw.at_line_start = false;
+  }
+  return 1;
+}
+
+std::string_view pif_unreadInput() {
+  return fw.input.substr(std::min(fw.cursor, fw.input.size()));
+}
+
+void pif_copyRest() {
+  if (copying()) {
+    fw.output->put(pif_unreadInput());
+  }
+  fw.cursor = fw.input.size();
+  fw.token.type = TOKEN_EOF;
+  fw.token_pending = false;
+  fw.end_reached = true;
 }
 
 int pif_getLineNumber() {

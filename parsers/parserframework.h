@@ -64,6 +64,18 @@ void pif_syncToken();
 void pif_skipWhitespace();
 // Skips white space; 1 when still on the same line and not at the end of the file.
 int pif_moreOnLine();
+// Passes white space up to the end of the current line (copied through like pif_skipWhitespace)
+// without passing the line break. 1 when nothing else follows on the line (a line break or the
+// end of the file is next), 0 when a token does. Lets a parser look for the rest of an entry
+// without reading into the next line, whose comments a replaced value must not take along.
+int pif_skipBlanks();
+// The input not read yet, from the cursor to the end of the file, for a parser that must know
+// what follows before it writes. Valid until the parse function returns.
+std::string_view pif_unreadInput();
+// Passes the rest of the input, copied through as it is while copy-through is on, and leaves the
+// cursor at the end of the file (TOKEN_EOF): a parse that gives up keeps the text it did not read,
+// except inside a value being replaced, whose old text is dropped as usual.
+void pif_copyRest();
 int pif_getLineNumber();
 // Switches copy-through on (1) or off (0).
 void pif_setSynchronization(int on);

@@ -96,6 +96,40 @@ TEST_F(FrameworkTest, OnlyTheSixParsersOfStartUpAreKnown) {
   EXPECT_NE(parser_find("Standardparser"), nullptr);
 }
 
+// "|" for each word that ends its line, "." for one that has more after it. On line 3 the rest of
+// the file is passed with copy-through off.
+std::string blanks_seen;
+int words_and_blanks(Token* token, const char* /*group_path*/) {
+  blanks_seen.clear();
+  for (pif_skipWhitespace(); token->type != TOKEN_EOF; pif_skipWhitespace()) {
+    pif_acceptToken(TOKEN_WORD, nullptr);
+    pif_syncToken();
+    blanks_seen += pif_skipBlanks() ? "|" : ".";
+    if (pif_getLineNumber() == 3) {
+      pif_setSynchronization(0);
+      pif_copyRest();  // dropped: copy-through is off
+    }
+  }
+  return 0;
+}
+
+int keep_rest(Token* token, const char* /*group_path*/) {
+  pif_acceptToken(TOKEN_WORD, nullptr);
+  pif_syncToken();
+  blanks_seen = std::string(pif_unreadInput());
+  pif_copyRest();
+  return token->type == TOKEN_EOF && pif_unreadInput().empty() ? 0 : 1;
+}
+
+TEST_F(FrameworkTest, BlanksStopAtTheLineEndAndTheRestIsCopied) {
+  const char kText[] = "a b \t\nc\r\n\0d \ne f\ng";
+  EXPECT_EQ(rewrite(words_and_blanks, std::string(kText, sizeof kText - 1)),
+            std::string("a b \t\nc\r\n\0d ", 12));
+  EXPECT_EQ(blanks_seen, ".|||");
+  EXPECT_EQ(rewrite(keep_rest, "first  rest\n# of it"), "first  rest\n# of it");
+  EXPECT_EQ(blanks_seen, "  rest\n# of it");
+}
+
 void (*misuse)();
 int run_misuse(Token*, const char*) {
   return misuse(), 0;

@@ -7,10 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 #include "init/logcapture.h"
 #include "mapping/quibmapping.h"
@@ -53,6 +56,58 @@ inline void client_sets(Param* param, const char* text) {
   map_setParamData(param, data);
   param->status = PARAMSTATUS_UPDATED;
   param->synced = 0;
+}
+
+// Texts of random bytes for robustness rounds: mostly characters of `alphabet` (those a grammar
+// cares about), now and then a NUL or any other byte; each of up to `max_length` bytes.
+class RandomText {
+ public:
+  RandomText(std::string_view alphabet, unsigned seed) : alphabet_(alphabet), seed_(seed) {}
+  std::string next(unsigned max_length) {
+    std::string text;
+    for (unsigned n = draw() % (max_length + 1); n > 0; --n) {
+      unsigned pick = draw() % 64;
+      text += pick == 0   ? '\0'
+              : pick == 1 ? static_cast<char>(draw())
+                          : alphabet_[draw() % alphabet_.size()];
+    }
+    return text;
+  }
+  // `base` with a few random edits: characters of the alphabet inserted or put in place of
+  // others, characters deleted.
+  std::string mutate(std::string_view base) {
+    std::string text(base);
+    for (unsigned edits = 1 + draw() % 4; edits > 0; --edits) {
+      size_t at = draw() % (text.size() + 1);
+      char c = alphabet_[draw() % alphabet_.size()];
+      switch (draw() % 3) {
+        case 0:
+          text.insert(at, 1, c);
+          break;
+        case 1:
+          if (at < text.size()) text.erase(at, 1);
+          break;
+        default:
+          if (at < text.size()) text[at] = c;
+      }
+    }
+    return text;
+  }
+
+ private:
+  unsigned draw() { return (seed_ = seed_ * 1103515245 + 12345) >> 16; }
+  std::string alphabet_;
+  unsigned seed_;
+};
+
+// Runs `parse` over `text` held in a heap block of exactly its size, so that a read past the end
+// of the input is caught by AddressSanitizer. Write mode when `output` is not null.
+inline int run_exact(ParseFunction parse, std::string_view text, const char* group_path,
+                     std::string* output) {
+  std::unique_ptr<char[]> exact(new char[text.size()]);
+  std::copy(text.begin(), text.end(), exact.get());
+  return parser_runOnText(parse, std::string_view(exact.get(), text.size()), "(random)", group_path,
+                          output == nullptr ? 1 : 0, output);
 }
 
 class ParserTest : public ::testing::Test {
@@ -102,6 +157,35 @@ class ParserTest : public ::testing::Test {
     while (dirent* entry = readdir(dir)) count += std::string(entry->d_name).ends_with(".temp");
     closedir(dir);
     return count;
+  }
+
+  // Robustness rounds through `parse`: random texts, or random edits of `base` when one is given.
+  // Each runs in read mode and then in write mode with `changed` (a parameter of the test's group
+  // bound into such files) set to `value` by a client. Both modes must agree; a successful write
+  // must read again and write itself unchanged once no value is changed, unless the text holds one
+  // of the `unstable` characters. Returns how many rounds parsed successfully.
+  int random_rounds(ParseFunction parse, std::string_view alphabet, Param* changed,
+                    const char* value, std::string_view base = {}, std::string_view unstable = {},
+                    int rounds = 2000) {
+    RandomText random(alphabet, 4711);
+    int succeeded = 0;
+    for (int round = 0; round < rounds && !::testing::Test::HasFailure(); ++round) {
+      std::string text = base.empty() ? random.next(80) : random.mutate(base), once, twice;
+      changed->status = PARAMSTATUS_DEFINED;
+      int read = run_exact(parse, text, group_->path, nullptr);
+      client_sets(changed, value);
+      EXPECT_EQ(run_exact(parse, text, group_->path, &once), read)
+          << ::testing::PrintToString(text);
+      mif_reset();
+      if (read != 0) continue;
+      ++succeeded;
+      if (text.find_first_of(unstable) != std::string::npos) continue;
+      changed->status = PARAMSTATUS_LOADED;
+      EXPECT_EQ(run_exact(parse, once, group_->path, &twice), 0) << ::testing::PrintToString(text);
+      EXPECT_EQ(twice, once) << ::testing::PrintToString(text);
+      mif_reset();
+    }
+    return succeeded;
   }
 
   Group* group_ = nullptr;
