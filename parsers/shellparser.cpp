@@ -1,0 +1,118 @@
+#include "parsers/shellparser.h"
+
+#include <cstdio>
+#include <string_view>
+
+#include "init/log.h"
+#include "movefile/handles.h"
+#include "parsers/mappinginterface.h"
+#include "parsers/parserframework.h"
+
+namespace {
+
+constexpr const char* kSource = "shellparser";
+// Variable names keep at most 63 characters.
+constexpr size_t kNameSize = 64;
+
+// Writes the new value of the variable `name` (changed by a client) where the old one starts:
+// right after the "=" (or the blank after the name of setenv), even when the "=" ended its line.
+// The old value that the parse reads afterwards is dropped, the old line end kept.
+void write_value(void* argument) {
+  const char* name = static_cast<const char*>(argument);
+  mif_enterSection(name);
+  mif_enterScalar("string");
+  char quote = 0;
+  CString text(dif_customScalarGetAsString(&quote));
+  pif_outputToken(TOKEN_VALUE, text != nullptr ? text.get() : "", quote);
+  mif_leaveScalar();
+  mif_notifyStored();
+  mif_leaveSection();
+}
+
+// Accepts a name or a word (which cannot fail) and writes it through. True when more follows on
+// the line.
+bool accept_on_line(int type) {
+  pif_acceptToken(type, nullptr);
+  pif_syncToken();
+  return pif_skipBlanks() == 0;
+}
+
+// The "=" of an assignment. Without it the rest of the line is copied as it is.
+bool accept_equals() {
+  if (pif_acceptToken(TOKEN_LITERAL, "=")) {
+    pif_syncToken();
+    return true;
+  }
+  if (pif_acceptToken(TOKEN_LINE, nullptr)) {
+    pif_syncToken();
+  }
+  return false;
+}
+
+// The value of `name` from the cursor to the end of the line; nothing there is the empty value.
+// False when a quoted value is not closed: the rest of the file is then kept as it is.
+bool parse_value(char* name, Token* token) {
+  mif_probeSection(name, write_value, name);
+  mif_enterSection(name);
+  mif_enterScalar("string");
+  bool ok = true;
+  if (pif_skipBlanks()) {
+    dif_customScalarSetFromString("", 0);
+  } else if (pif_acceptToken(TOKEN_VALUE, nullptr)) {
+    dif_customScalarSetFromString(token->text, token->quote);
+    pif_syncToken();
+  } else {
+    log_error(kSource, "Unreadable value of '%s' on line %d.", name, pif_getLineNumber());
+    ok = false;
+  }
+  mif_leaveScalar();
+  mif_leaveSection();
+  if (!ok) {
+    pif_copyRest();
+  }
+  return ok;
+}
+
+// One line: NAME=value, export NAME=value or setenv NAME value. Any other line is copied through
+// and maps nothing. False when the value cannot be read.
+bool parse_line(Token* token) {
+  if (!accept_on_line(TOKEN_KEY)) {
+    return true;
+  }
+  std::string_view word = token->text;
+  bool setenv = word == "setenv";
+  bool exported = word == "export";
+  if (setenv && !accept_on_line(TOKEN_WORD)) {
+    return true;
+  }
+  if (exported && !accept_on_line(TOKEN_KEY)) {
+    return true;
+  }
+  char name[kNameSize];
+  snprintf(name, sizeof name, "%s", token->text);
+  if (!setenv && !accept_equals()) {
+    return true;
+  }
+  return parse_value(name, token);
+}
+
+}  // namespace
+
+int shellparser_parse(Token* token, const char* group_path) {
+  pif_skipWhitespace();
+  mif_enterRootSection("Shell", group_path);
+  int result = 0;
+  while (token->type != TOKEN_EOF) {
+    if (!parse_line(token)) {
+      result = -1;
+      break;
+    }
+    pif_skipWhitespace();
+  }
+  mif_leaveRootSection();
+  return result;
+}
+
+int shellparser_register() {
+  return parser_registerParser(shellparser_parse, "ShellParser");
+}
