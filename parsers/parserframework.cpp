@@ -5,6 +5,11 @@
 #include <new>
 
 #include "init/log.h"
+#include "parsers/camsettingsparser.h"
+#include "parsers/resolvparser.h"
+#include "parsers/shellparser.h"
+#include "parsers/singlevalueparser.h"
+#include "parsers/standard2parser.h"
 #include "parsers/standardparser.h"
 
 namespace {
@@ -208,7 +213,8 @@ int parser_init() {
   // "ISPparser") are not registered.
   using RegisterFunction = int (*)();
   static constexpr RegisterFunction kParsers[] = {
-      standardparser_register,
+      resolvparser_register,      shellparser_register,    singlevalueparser_register,
+      camsettingsparser_register, standardparser_register, standard2parser_register,
   };
   for (RegisterFunction reg : kParsers) {
     if (reg() != 0) {

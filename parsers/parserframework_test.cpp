@@ -93,7 +93,18 @@ TEST_F(FrameworkTest, UnputCharStepsBackOverTheNewline) {
 TEST_F(FrameworkTest, OnlyTheSixParsersOfStartUpAreKnown) {
   EXPECT_EQ(parser_parseText("Passwdparser", "x", "root", 1, nullptr), 1);
   EXPECT_EQ(parser_parseText("NWparser", "x", "root", 1, nullptr), 1);
-  EXPECT_NE(parser_find("Standardparser"), nullptr);
+  EXPECT_EQ(parser_find("ISPparser"), nullptr);
+  // In registration order, which is the order of the registry's rows.
+  const ParserEntry* previous = nullptr;
+  for (const char* name : {"Resolvparser", "ShellParser", "SinglevalueParser", "Camsettingsparser",
+                           "Standardparser", "Standard2parser"}) {
+    const ParserEntry* entry = parser_find(name);
+    ASSERT_NE(entry, nullptr) << name;
+    if (previous != nullptr) {
+      EXPECT_EQ(entry - previous, 1) << name;
+    }
+    previous = entry;
+  }
 }
 
 // "|" for each word that ends its line, "." for one that has more after it. On line 3 the rest of
