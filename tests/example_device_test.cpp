@@ -76,17 +76,49 @@ struct ValueCase {
   const char* value;
 };
 
-TEST_F(ExampleDeviceTest, ServesStandardFilesAndGetter) {
+TEST_F(ExampleDeviceTest, ServesEveryBackingFileFormat) {
   const ValueCase cases[] = {
       {"Standardparser", "root.System.Time.TimeZone", "Europe/Berlin"},
       {"Standardparser", "root.System.Time.NtpEnabled", "yes"},
       {"Standardparser", "root.System.Time.NtpServer", "pool.ntp.org"},
       {"Standardparser", "root.System.Time.NtpInterval", "1024"},
+      {"SinglevalueParser", "root.Network.Hostname", "cam2100-00042"},
+      {"ShellParser", "root.Network.eth0.IPAddress", "192.168.0.90"},
+      {"ShellParser", "root.Network.eth0.MTU", "1500"},
+      {"Resolvparser", "root.Network.DNS.Search", "example.com"},
+      {"Resolvparser", "root.Network.DNS.Nameserver1", "192.168.0.2"},
+      {"Camsettingsparser", "root.Camera.Image.Resolution", "640x480"},
+      {"Camsettingsparser", "root.Camera.Overlay.Text", "Front entrance"},
+      {"Standard2parser", "root.System.Properties.SerialNumber", "A1B2-00042"},
+      {"Standard2parser", "root.System.Web.HttpsPort", "443"},
   };
   for (const ValueCase& c : cases) EXPECT_EQ(Get(c.path), c.value) << c.parser << ": " << c.path;
   std::string uptime = Get("root.System.Uptime");
   EXPECT_FALSE(uptime.empty());
   EXPECT_EQ(uptime.find_first_not_of("0123456789"), std::string::npos) << uptime;
+  for (const char* trouble : {"doesn't exist", "Error initializing", "Couldn't parse"}) {
+    EXPECT_EQ(log().Count(trouble), 0) << "the daemon logged '" << trouble << "'";
+  }
+}
+
+TEST_F(ExampleDeviceTest, RewritesShellAndStandard2Files) {
+  // A shell-file value is rewritten in place; everything else in the file is kept.
+  const std::string ifcfg = ReadFile("/etc/sysconfig/ifcfg-eth0");
+  ASSERT_EQ(SetAs(kAlice, "root.Network.eth0.IPAddress", "192.168.0.91"), TESSCLIENT_OK);
+  std::string expected = ifcfg;
+  expected.replace(expected.find("192.168.0.90"), 12, "192.168.0.91");
+  EXPECT_EQ(ReadFile("/etc/sysconfig/ifcfg-eth0"), expected);
+
+  // The password is written by admin members and read by nobody.
+  EXPECT_EQ(SetAs(kAlice, "root.System.Web.AdminPassword", "s3cret"), TESSCLIENT_OK);
+  EXPECT_NE(ReadFile("/etc/sysconfig/webserver.conf").find("password = s3cret"), std::string::npos);
+  int read = Call(&kAlice, [](TessClient* client) {
+    char* value = nullptr;
+    int rc = tessclient_get(client, "root.System.Web.AdminPassword", &value);
+    free(value);
+    return rc;
+  });
+  EXPECT_EQ(read, TESSCLIENT_ACCESS_REFUSED);
 }
 
 TEST_F(ExampleDeviceTest, AccessRulesAndLimits) {
