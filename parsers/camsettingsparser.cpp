@@ -2,11 +2,12 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "init/log.h"
-#include "movefile/handles.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 #include "values/scalar.h"
 
 namespace {
@@ -25,16 +26,8 @@ struct Entry {
 // type before them and the line end after them stay).
 void write_entry(void* argument) {
   const auto* entry = static_cast<const Entry*>(argument);
-  mif_enterSection(entry->key);
-  pif_outputString(entry->key);
-  pif_outputString(" ");
-  mif_enterScalar(entry->type);
-  char quote = 0;
-  CString text(dif_customScalarGetAsString(&quote));
-  pif_outputToken(TOKEN_STRING, text != nullptr ? text.get() : "", quote);
-  mif_leaveScalar();
-  mif_notifyStored();
-  mif_leaveSection();
+  std::string key = std::string(entry->key) + " ";
+  write_section_value(entry->key, entry->type, TOKEN_STRING, key.c_str());
 }
 
 // Gives up the parse: the rest of the file is kept as it is.

@@ -13,6 +13,7 @@ namespace {
 using tessard::test::client_sets;
 using tessard::test::count_logged;
 using tessard::test::read_file;
+using tessard::test::RewriteCase;
 using tessard::test::value_text;
 using tessard::test::write_file;
 
@@ -47,65 +48,30 @@ class CamsettingsParserTest : public tessard::test::ParserTest {
   Param* entry(const char* mount, const char* name = "p") {
     return param(name, file("settings.conf"), mount, "Camsettingsparser");
   }
-  std::string change(Param* p, const char* text) {
-    client_sets(p, text);
-    EXPECT_EQ(invoke(p, 0), 0);
-    return read_file(file("settings.conf"));
-  }
 };
 
 TEST_F(CamsettingsParserTest, ValuesTakeTheTypeOfTheirLine) {
-  const char* const kExpected[][3] = {
-      {"Camsettings{Image}{Brightness}", "50", "int"},
-      {"Camsettings{Image}{Contrast}", "50", "int"},
-      {"Camsettings{Image}{Mirror}", "off", "cenum_on_off"},
-      {"Camsettings{Image}{Resolution}", "640x480", "resolution"},
-      {"Camsettings{Image}{Address}", "192.168.0.90", "ip"},
-      {"Camsettings{Exposure}{Sensitivity}", "low", "high_low"},
-      {"Camsettings{Overlay}{ShowClock}", "yes", "yes_no"},
-      {"Camsettings{Overlay}{Text}", "Front entrance", "string"},
-      {"Camsettings{Exposure}{Empty}", "<none>", nullptr},
-      {"Camsettings{Exposure}{orphan}", "<none>", nullptr},
-      {"Camsettings{Overlay}{Brightness}", "<none>", nullptr},
-  };
-  for (const auto& [mount, value, type] : kExpected) {
-    Param* p = entry(mount);
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), value) << mount;
-    if (type != nullptr) {
-      EXPECT_STREQ(legacy_drep_getTypeName(map_getParamData(p)), type);
-    }
-  }
-  EXPECT_EQ(read_file(file("settings.conf")), kSettings);
-}
-
-struct RewriteCase {
-  const char* mount;
-  const char* value;
-  const char* old_text;
-  const char* new_text;  // null: the file is not changed
-};
-
-void PrintTo(const RewriteCase& c, std::ostream* os) {
-  *os << c.mount << "=" << c.value;
+  check_loads(file("settings.conf"), "Camsettingsparser", kSettings,
+              {
+                  {"Camsettings{Image}{Brightness}", "50", "int"},
+                  {"Camsettings{Image}{Contrast}", "50", "int"},
+                  {"Camsettings{Image}{Mirror}", "off", "cenum_on_off"},
+                  {"Camsettings{Image}{Resolution}", "640x480", "resolution"},
+                  {"Camsettings{Image}{Address}", "192.168.0.90", "ip"},
+                  {"Camsettings{Exposure}{Sensitivity}", "low", "high_low"},
+                  {"Camsettings{Overlay}{ShowClock}", "yes", "yes_no"},
+                  {"Camsettings{Overlay}{Text}", "Front entrance", "string"},
+                  {"Camsettings{Exposure}{Empty}", "<none>", nullptr},
+                  {"Camsettings{Exposure}{orphan}", "<none>", nullptr},
+                  {"Camsettings{Overlay}{Brightness}", "<none>", nullptr},
+              });
 }
 
 class CamsettingsRewriteTest : public CamsettingsParserTest,
                                public ::testing::WithParamInterface<RewriteCase> {};
 
 TEST_P(CamsettingsRewriteTest, OnlyTheChangedValueChanges) {
-  const RewriteCase& c = GetParam();
-  Param* p = entry(c.mount);
-  std::string expected = kSettings;
-  if (c.new_text != nullptr)
-    expected.replace(expected.find(c.old_text), strlen(c.old_text), c.new_text);
-  EXPECT_EQ(change(p, c.value), expected);
-  EXPECT_EQ(p->status, c.new_text != nullptr ? PARAMSTATUS_STORED : PARAMSTATUS_UPDATED);
-  if (c.new_text == nullptr) return;
-  group_ = new_group();
-  Param* again = entry(c.mount);
-  ASSERT_EQ(invoke(again, 1), 0);
-  EXPECT_EQ(value_text(again), c.value);
+  check_rewrite(GetParam(), file("settings.conf"), "Camsettingsparser", kSettings);
 }
 
 INSTANTIATE_TEST_SUITE_P(

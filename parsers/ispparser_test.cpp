@@ -43,14 +43,7 @@ const std::string kIsp = "# Dial-up providers\nusing = home\n\n" + block("home")
 // The ISP parser is not registered at start: the test registers it alone.
 class IspParserTest : public tessard::test::ParserTest {
  protected:
-  static void SetUpTestSuite() {
-    static bool started = false;
-    if (!started) {
-      token_init();
-      ispparser_register();
-    }
-    started = true;
-  }
+  static void SetUpTestSuite() { start_alone(ispparser_register); }
   void SetUp() override {
     ParserTest::SetUp();
     write_file(file("isp"), kIsp);
@@ -87,22 +80,17 @@ class IspParserTest : public tessard::test::ParserTest {
 };
 
 TEST_F(IspParserTest, LoadsTheUsingLineAndEveryBlock) {
-  const char* const kExpected[][2] = {
-      {"ISP{using}", "home"},
-      {"ISP{isps}{home}{ISPNAME}", "home"},
-      {"ISP{isps}{home}{LOGIN}", "yes"},
-      {"ISP{isps}{spare}{LOGIN}", "no"},
-      {"ISP{isps}{home}{PROMPT}", ""},
-      {"ISP{isps}{home}{PHONE2}", ""},
-      {"ISP{isps}{spare}{UPLOADPATH}", "/upload"},
-      {"ISP{isps}{spare}{USERNAMEB}", ""},
-  };
-  for (const auto& [mount, value] : kExpected) {
-    Param* p = at(mount);
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), value) << mount;
-  }
-  EXPECT_EQ(read_file(file("isp")), kIsp);
+  check_loads(file("isp"), "ISPparser", kIsp,
+              {
+                  {"ISP{using}", "home"},
+                  {"ISP{isps}{home}{ISPNAME}", "home"},
+                  {"ISP{isps}{home}{LOGIN}", "yes"},
+                  {"ISP{isps}{spare}{LOGIN}", "no"},
+                  {"ISP{isps}{home}{PROMPT}", ""},
+                  {"ISP{isps}{home}{PHONE2}", ""},
+                  {"ISP{isps}{spare}{UPLOADPATH}", "/upload"},
+                  {"ISP{isps}{spare}{USERNAMEB}", ""},
+              });
 }
 
 TEST_F(IspParserTest, ChangesAnEntryInPlace) {

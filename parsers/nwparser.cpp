@@ -4,9 +4,9 @@
 #include <string_view>
 
 #include "init/log.h"
-#include "movefile/handles.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 
 namespace {
 
@@ -51,14 +51,7 @@ const NetworkKey* find_key(const char* key) {
 // value is dropped afterwards and its line end kept.
 void write_value(void* argument) {
   const auto* row = static_cast<const NetworkKey*>(argument);
-  mif_enterSection(row->key);
-  mif_enterScalar(row->type);
-  char quote = 0;
-  CString text(dif_customScalarGetAsString(&quote));
-  pif_outputToken(TOKEN_STRING, text != nullptr ? text.get() : "", quote);
-  mif_leaveScalar();
-  mif_notifyStored();
-  mif_leaveSection();
+  write_section_value(row->key, row->type, TOKEN_STRING);
 }
 
 // Gives up the parse: the rest of the file is kept as it is.
@@ -125,18 +118,7 @@ bool parse_line(Token* token) {
 }  // namespace
 
 int nwparser_parse(Token* token, const char* group_path) {
-  pif_skipWhitespace();
-  mif_enterRootSection("Network", group_path);
-  int result = 0;
-  while (token->type != TOKEN_EOF) {
-    if (!parse_line(token)) {
-      result = -1;
-      break;
-    }
-    pif_skipWhitespace();
-  }
-  mif_leaveRootSection();
-  return result;
+  return parse_lines(token, "Network", group_path, parse_line);
 }
 
 int nwparser_register() {

@@ -33,14 +33,7 @@ const char kNetwork[] =
 // The network parser is not registered at start: the test registers it alone.
 class NetworkParserTest : public tessard::test::ParserTest {
  protected:
-  static void SetUpTestSuite() {
-    static bool started = false;
-    if (!started) {
-      token_init();
-      nwparser_register();
-    }
-    started = true;
-  }
+  static void SetUpTestSuite() { start_alone(nwparser_register); }
   void SetUp() override {
     ParserTest::SetUp();
     write_file(file("network"), kNetwork);
@@ -56,26 +49,18 @@ class NetworkParserTest : public tessard::test::ParserTest {
 };
 
 TEST_F(NetworkParserTest, LoadsKnownKeysWithTheirTypes) {
-  const char* const kExpected[][3] = {
-      {"Network{HOSTNAME}", "cam01", "string"},
-      {"Network{IP}", "192.168.0.90", "ip"},
-      {"Network{NETMASK}", "255.255.255.0", "ip"},
-      {"Network{GATEWAY}", "192.168.0.1", "ip"},
-      {"Network{BROADCAST}", "192.168.0.255", "ip"},
-      {"Network{DHCPENABLE}", "no", "yes_no"},
-      {"Network{MACADR}", "00:40:8c:12:34:56", "eth_addr"},
-      {"Network{UPNPFRIENDLYNAME}", "Front door", "string"},
-      {"Network{NAMESERVER}", "<none>", nullptr},
-  };
-  for (const auto& [mount, value, type] : kExpected) {
-    Param* p = key(mount);
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), value) << mount;
-    if (type != nullptr) {
-      EXPECT_STREQ(legacy_drep_getTypeName(map_getParamData(p)), type);
-    }
-  }
-  EXPECT_EQ(read_file(file("network")), kNetwork);
+  check_loads(file("network"), "NWparser", kNetwork,
+              {
+                  {"Network{HOSTNAME}", "cam01", "string"},
+                  {"Network{IP}", "192.168.0.90", "ip"},
+                  {"Network{NETMASK}", "255.255.255.0", "ip"},
+                  {"Network{GATEWAY}", "192.168.0.1", "ip"},
+                  {"Network{BROADCAST}", "192.168.0.255", "ip"},
+                  {"Network{DHCPENABLE}", "no", "yes_no"},
+                  {"Network{MACADR}", "00:40:8c:12:34:56", "eth_addr"},
+                  {"Network{UPNPFRIENDLYNAME}", "Front door", "string"},
+                  {"Network{NAMESERVER}", "<none>"},
+              });
 }
 
 TEST_F(NetworkParserTest, ChangesOneValueInEachForm) {

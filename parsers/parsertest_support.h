@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -57,6 +59,27 @@ inline void client_sets(Param* param, const char* text) {
   param->status = PARAMSTATUS_UPDATED;
   param->synced = 0;
 }
+
+// One value changed by a client: the parameter bound at `mount` set to `value`, after which the
+// file's text has `new_text` in place of the first `old_text`; null `new_text`: the file stays.
+struct RewriteCase {
+  const char* mount;
+  const char* value;
+  const char* old_text;
+  const char* new_text;
+};
+
+inline void PrintTo(const RewriteCase& c, std::ostream* os) {
+  *os << c.mount << "=" << ::testing::PrintToString(std::string(c.value));
+}
+
+// A value that a file holds: the parameter bound at `mount` reads `value` ("<none>": not bound),
+// as a scalar of `type` when one is given.
+struct Loaded {
+  const char* mount;
+  const char* value;
+  const char* type = nullptr;
+};
 
 // Texts of random bytes for robustness rounds: mostly characters of `alphabet` (those a grammar
 // cares about), now and then a NUL or any other byte; each of up to `max_length` bytes.
@@ -151,6 +174,52 @@ class ParserTest : public ::testing::Test {
     return p;
   }
   int invoke(Param* p, int readonly) { return parser_invokeForParam(p, group_->path, readonly); }
+  // For a parser that is not registered at start: the token types and that parser alone (call
+  // from SetUpTestSuite instead of the fixture's own).
+  static void start_alone(int (*register_parser)()) {
+    static bool started = false;
+    if (!started) {
+      token_init();
+      register_parser();
+    }
+    started = true;
+  }
+
+  // Reads every value of `expected` from the file at `path`, which holds `text`, through `parser`;
+  // the read leaves the file as it is.
+  void check_loads(const std::string& path, const char* parser, const std::string& text,
+                   std::initializer_list<Loaded> expected) {
+    for (const Loaded& loaded : expected) {
+      Param* p = param("p", path, loaded.mount, parser);
+      ASSERT_EQ(invoke(p, 1), 0) << loaded.mount;
+      EXPECT_EQ(value_text(p), loaded.value) << loaded.mount;
+      if (loaded.type != nullptr) {
+        EXPECT_STREQ(legacy_drep_getTypeName(map_getParamData(p)), loaded.type) << loaded.mount;
+      }
+    }
+    EXPECT_EQ(read_file(path), text);
+  }
+
+  // Changes a value as `c` says in the file at `path`, which holds `text`, through `parser`, and
+  // compares the whole file; a written value is then read back into a fresh parameter.
+  void check_rewrite(const RewriteCase& c, const std::string& path, const char* parser,
+                     const std::string& text) {
+    write_file(path, text);
+    Param* p = param("p", path, c.mount, parser);
+    std::string expected = text;
+    if (c.new_text != nullptr) {
+      expected.replace(expected.find(c.old_text), strlen(c.old_text), c.new_text);
+    }
+    client_sets(p, c.value);
+    EXPECT_EQ(invoke(p, 0), 0);
+    EXPECT_EQ(read_file(path), expected);
+    EXPECT_EQ(p->status, c.new_text != nullptr ? PARAMSTATUS_STORED : PARAMSTATUS_UPDATED);
+    if (c.new_text == nullptr) return;
+    group_ = new_group();
+    Param* again = param("p", path, c.mount, parser);
+    ASSERT_EQ(invoke(again, 1), 0);
+    EXPECT_EQ(value_text(again), c.value);
+  }
   int temp_files() const {
     int count = 0;
     DIR* dir = opendir(dir_.c_str());

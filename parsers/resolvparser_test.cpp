@@ -40,16 +40,15 @@ class ResolvParserTest : public tessard::test::ParserTest {
 };
 
 TEST_F(ResolvParserTest, LoadsSearchAndNameServersInOrder) {
-  const char* const kExpected[][2] = {
-      {"Search", "example.com"},   {"Nameserver0", "192.168.0.1"}, {"Nameserver1", "192.168.0.2"},
-      {"Nameserver2", "10.0.0.3"}, {"Nameserver3", "<none>"},      {"options", "<none>"},
-  };
-  for (const auto& [section, value] : kExpected) {
-    Param* p = setting(section);
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), value) << section;
-  }
-  EXPECT_EQ(read_file(file("resolv.conf")), kResolv);
+  check_loads(file("resolv.conf"), "Resolvparser", kResolv,
+              {
+                  {"Resolv{Search}", "example.com", "string"},
+                  {"Resolv{Nameserver0}", "192.168.0.1", "ipaddr"},
+                  {"Resolv{Nameserver1}", "192.168.0.2"},
+                  {"Resolv{Nameserver2}", "10.0.0.3"},
+                  {"Resolv{Nameserver3}", "<none>"},
+                  {"Resolv{options}", "<none>"},
+              });
 }
 
 TEST_F(ResolvParserTest, DefaultsWhenTheFileLacksTheLines) {

@@ -3,14 +3,12 @@
 #include <cstdio>
 #include <string_view>
 
-#include "init/log.h"
-#include "movefile/handles.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 
 namespace {
 
-constexpr const char* kSource = "shellparser";
 // Variable names keep at most 63 characters.
 constexpr size_t kNameSize = 64;
 
@@ -18,15 +16,7 @@ constexpr size_t kNameSize = 64;
 // right after the "=" (or the blank after the name of setenv), even when the "=" ended its line.
 // The old value that the parse reads afterwards is dropped, the old line end kept.
 void write_value(void* argument) {
-  const char* name = static_cast<const char*>(argument);
-  mif_enterSection(name);
-  mif_enterScalar("string");
-  char quote = 0;
-  CString text(dif_customScalarGetAsString(&quote));
-  pif_outputToken(TOKEN_VALUE, text != nullptr ? text.get() : "", quote);
-  mif_leaveScalar();
-  mif_notifyStored();
-  mif_leaveSection();
+  write_section_value(static_cast<const char*>(argument), "string", TOKEN_VALUE);
 }
 
 // Accepts a name or a word (which cannot fail) and writes it through. True when more follows on
@@ -53,24 +43,7 @@ bool accept_equals() {
 // False when a quoted value is not closed: the rest of the file is then kept as it is.
 bool parse_value(char* name, Token* token) {
   mif_probeSection(name, write_value, name);
-  mif_enterSection(name);
-  mif_enterScalar("string");
-  bool ok = true;
-  if (pif_skipBlanks()) {
-    dif_customScalarSetFromString("", 0);
-  } else if (pif_acceptToken(TOKEN_VALUE, nullptr)) {
-    dif_customScalarSetFromString(token->text, token->quote);
-    pif_syncToken();
-  } else {
-    log_error(kSource, "Unreadable value of '%s' on line %d.", name, pif_getLineNumber());
-    ok = false;
-  }
-  mif_leaveScalar();
-  mif_leaveSection();
-  if (!ok) {
-    pif_copyRest();
-  }
-  return ok;
+  return parse_string_value(token, name, TOKEN_VALUE);
 }
 
 // One line: NAME=value, export NAME=value or setenv NAME value. Any other line is copied through
@@ -99,18 +72,7 @@ bool parse_line(Token* token) {
 }  // namespace
 
 int shellparser_parse(Token* token, const char* group_path) {
-  pif_skipWhitespace();
-  mif_enterRootSection("Shell", group_path);
-  int result = 0;
-  while (token->type != TOKEN_EOF) {
-    if (!parse_line(token)) {
-      result = -1;
-      break;
-    }
-    pif_skipWhitespace();
-  }
-  mif_leaveRootSection();
-  return result;
+  return parse_lines(token, "Shell", group_path, parse_line);
 }
 
 int shellparser_register() {

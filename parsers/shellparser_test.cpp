@@ -14,6 +14,7 @@ namespace {
 using tessard::test::client_sets;
 using tessard::test::count_logged;
 using tessard::test::read_file;
+using tessard::test::RewriteCase;
 using tessard::test::value_text;
 using tessard::test::write_file;
 
@@ -57,56 +58,29 @@ class ShellParserTest : public tessard::test::ParserTest {
 };
 
 TEST_F(ShellParserTest, LoadsEveryAssignmentForm) {
-  const char* const kExpected[][2] = {
-      {"Shell{DEVICE}", "eth0"},
-      {"Shell{ONBOOT}", "yes"},
-      {"Shell{IPADDR}", "192.168.0.90"},
-      {"Shell{NETMASK}", ""},
-      {"Shell{GATEWAY}", ""},
-      {"Shell{MTU}", "1500"},
-      {"Shell{ETHTOOL_OPTS}", "autoneg on"},
-      {"Shell{HOSTNAME}", "cam01"},
-      {"Shell{MSG}", "it's"},
-      {"Shell{LAST}", "end"},
-      {"Shell{echo}", "<none>"},
-      {"Shell{if}", "<none>"},
-      {"Shell{export}", "<none>"},
-  };
-  for (const auto& [mount, value] : kExpected) {
-    Param* p = var(mount);
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), value) << mount;
-  }
-  EXPECT_EQ(read_file(file("ifcfg")), kInterface);
-}
-
-struct RewriteCase {
-  const char* mount;
-  const char* value;
-  const char* old_text;
-  const char* new_text;  // null: the file is not changed
-};
-
-void PrintTo(const RewriteCase& c, std::ostream* os) {
-  *os << c.mount << "=" << c.value;
+  check_loads(file("ifcfg"), "ShellParser", kInterface,
+              {
+                  {"Shell{DEVICE}", "eth0"},
+                  {"Shell{ONBOOT}", "yes"},
+                  {"Shell{IPADDR}", "192.168.0.90"},
+                  {"Shell{NETMASK}", ""},
+                  {"Shell{GATEWAY}", ""},
+                  {"Shell{MTU}", "1500"},
+                  {"Shell{ETHTOOL_OPTS}", "autoneg on"},
+                  {"Shell{HOSTNAME}", "cam01"},
+                  {"Shell{MSG}", "it's"},
+                  {"Shell{LAST}", "end"},
+                  {"Shell{echo}", "<none>"},
+                  {"Shell{if}", "<none>"},
+                  {"Shell{export}", "<none>"},
+              });
 }
 
 class ShellRewriteTest : public ShellParserTest,
                          public ::testing::WithParamInterface<RewriteCase> {};
 
 TEST_P(ShellRewriteTest, OnlyTheChangedValueChanges) {
-  const RewriteCase& c = GetParam();
-  Param* p = var(c.mount);
-  std::string expected = kInterface;
-  if (c.new_text != nullptr)
-    expected.replace(expected.find(c.old_text), strlen(c.old_text), c.new_text);
-  EXPECT_EQ(change(p, c.value), expected);
-  EXPECT_EQ(p->status, c.new_text != nullptr ? PARAMSTATUS_STORED : PARAMSTATUS_UPDATED);
-  if (c.new_text == nullptr) return;
-  group_ = new_group();  // read back into a fresh parameter
-  Param* again = var(c.mount);
-  ASSERT_EQ(invoke(again, 1), 0);
-  EXPECT_EQ(value_text(again), c.value);
+  check_rewrite(GetParam(), file("ifcfg"), "ShellParser", kInterface);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -2,23 +2,16 @@
 
 #include <string_view>
 
-#include "movefile/handles.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 
 namespace {
 
 // Writes the value (changed by a client) in place of the value line, without a line end: the old
 // line's end is kept.
 void write_value(void* /*argument*/) {
-  mif_enterSection("");
-  mif_enterScalar("string");
-  char quote = 0;
-  CString text(dif_customScalarGetAsString(&quote));
-  pif_outputToken(TOKEN_LINE, text != nullptr ? text.get() : "", quote);
-  mif_notifyStored();
-  mif_leaveScalar();
-  mif_leaveSection();
+  write_section_value("", "string", TOKEN_LINE);
 }
 
 // True when the parse reads another line after the current one: something other than white space

@@ -2,14 +2,12 @@
 
 #include <cstdio>
 
-#include "init/log.h"
-#include "movefile/handles.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 
 namespace {
 
-constexpr const char* kSource = "standard2parser";
 // Keys keep at most 64 characters.
 constexpr size_t kKeySize = 65;
 
@@ -23,17 +21,7 @@ struct ValueWriter {
 // the line end kept.
 void write_value(void* argument) {
   const auto* writer = static_cast<const ValueWriter*>(argument);
-  mif_enterSection(writer->key);
-  mif_enterScalar("string");
-  if (writer->add_equals) {
-    pif_outputString("= ");
-  }
-  char quote = 0;
-  CString text(dif_customScalarGetAsString(&quote));
-  pif_outputToken(TOKEN_STRING, text != nullptr ? text.get() : "", quote);
-  mif_leaveScalar();
-  mif_notifyStored();
-  mif_leaveSection();
+  write_section_value(writer->key, "string", TOKEN_STRING, writer->add_equals ? "= " : "");
 }
 
 // An entry; its key is the current token. A key alone on its line is copied through and maps
@@ -46,31 +34,13 @@ bool parse_entry(Token* token) {
   if (pif_skipBlanks()) {
     return true;
   }
-  bool missing = false;
   writer.add_equals = !pif_acceptToken(TOKEN_LITERAL, "=");
   if (!writer.add_equals) {
     pif_syncToken();
-    missing = pif_skipBlanks() != 0;
+    pif_skipBlanks();  // the blanks after the "=" stay; a new value follows them
   }
   mif_probeSection(writer.key, write_value, &writer);
-  mif_enterSection(writer.key);
-  mif_enterScalar("string");
-  bool ok = true;
-  if (missing) {
-    dif_customScalarSetFromString("", 0);
-  } else if (pif_acceptToken(TOKEN_STRING, nullptr)) {
-    dif_customScalarSetFromString(token->text, token->quote);
-    pif_syncToken();
-  } else {
-    log_error(kSource, "Unreadable value of '%s' on line %d.", writer.key, pif_getLineNumber());
-    ok = false;
-  }
-  mif_leaveScalar();
-  mif_leaveSection();
-  if (!ok) {
-    pif_copyRest();
-  }
-  return ok;
+  return parse_string_value(token, writer.key, TOKEN_STRING);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@ namespace {
 using tessard::test::client_sets;
 using tessard::test::count_logged;
 using tessard::test::read_file;
+using tessard::test::RewriteCase;
 using tessard::test::value_text;
 using tessard::test::write_file;
 
@@ -51,49 +52,28 @@ class Standard2ParserTest : public tessard::test::ParserTest {
 };
 
 TEST_F(Standard2ParserTest, LoadsBothLineFormsUnderTheirSections) {
-  const char* const kExpected[][2] = {
-      {"Standard2{Root}{model}", "CAM2100"},  {"Standard2{Root}{serial}", "A1B2-00042"},
-      {"Standard2{http}{enabled}", "yes"},    {"Standard2{http}{port}", "80"},
-      {"Standard2{http}{timeout}", "30"},     {"Standard2{http}{empty}", ""},
-      {"Standard2{admin}{user}", "admin"},    {"Standard2{admin}{password}", "change me"},
-      {"Standard2{admin}{last}", "value"},    {"Standard2{admin}{lonely}", "<none>"},
-      {"Standard2{Root}{enabled}", "<none>"}, {"Standard2{http}{model}", "<none>"},
-  };
-  for (const auto& [mount, value] : kExpected) {
-    Param* p = key(mount);
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), value) << mount;
-  }
-  EXPECT_EQ(read_file(file("web.conf")), kWebServer);
-}
-
-struct RewriteCase {
-  const char* mount;
-  const char* value;
-  const char* old_text;
-  const char* new_text;  // null: the file is not changed
-};
-
-void PrintTo(const RewriteCase& c, std::ostream* os) {
-  *os << c.mount << "=" << c.value;
+  check_loads(file("web.conf"), "Standard2parser", kWebServer,
+              {
+                  {"Standard2{Root}{model}", "CAM2100"},
+                  {"Standard2{Root}{serial}", "A1B2-00042"},
+                  {"Standard2{http}{enabled}", "yes"},
+                  {"Standard2{http}{port}", "80"},
+                  {"Standard2{http}{timeout}", "30"},
+                  {"Standard2{http}{empty}", ""},
+                  {"Standard2{admin}{user}", "admin"},
+                  {"Standard2{admin}{password}", "change me"},
+                  {"Standard2{admin}{last}", "value"},
+                  {"Standard2{admin}{lonely}", "<none>"},
+                  {"Standard2{Root}{enabled}", "<none>"},
+                  {"Standard2{http}{model}", "<none>"},
+              });
 }
 
 class Standard2RewriteTest : public Standard2ParserTest,
                              public ::testing::WithParamInterface<RewriteCase> {};
 
 TEST_P(Standard2RewriteTest, OnlyTheChangedValueChanges) {
-  const RewriteCase& c = GetParam();
-  Param* p = key(c.mount);
-  std::string expected = kWebServer;
-  if (c.new_text != nullptr)
-    expected.replace(expected.find(c.old_text), strlen(c.old_text), c.new_text);
-  EXPECT_EQ(change(p, c.value), expected);
-  EXPECT_EQ(p->status, c.new_text != nullptr ? PARAMSTATUS_STORED : PARAMSTATUS_UPDATED);
-  if (c.new_text == nullptr) return;
-  group_ = new_group();
-  Param* again = key(c.mount);
-  ASSERT_EQ(invoke(again, 1), 0);
-  EXPECT_EQ(value_text(again), c.value);
+  check_rewrite(GetParam(), file("web.conf"), "Standard2parser", kWebServer);
 }
 
 INSTANTIATE_TEST_SUITE_P(

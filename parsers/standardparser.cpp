@@ -1,11 +1,10 @@
 #include "parsers/standardparser.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
 
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 
 namespace {
 
@@ -14,15 +13,7 @@ constexpr size_t kKeySize = 65;
 // Writes the value of the parameter mounted at `key` (changed by a client) after the key, in
 // place of the old value, which the parse then drops.
 void write_value(void* argument) {
-  const char* key = static_cast<const char*>(argument);
-  mif_enterSection(key);
-  mif_enterScalar("string");
-  char quote = 0;
-  std::unique_ptr<char, decltype(&free)> text(dif_customScalarGetAsString(&quote), free);
-  pif_outputToken(TOKEN_STRING, text != nullptr ? text.get() : "", quote);
-  mif_leaveScalar();
-  mif_notifyStored();
-  mif_leaveSection();
+  write_section_value(static_cast<const char*>(argument), "string", TOKEN_STRING);
 }
 
 // An entry: the key is the current token. Only a value on the key's own line is mapped; a key

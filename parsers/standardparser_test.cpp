@@ -11,6 +11,7 @@ namespace {
 
 using tessard::test::client_sets;
 using tessard::test::read_file;
+using tessard::test::RewriteCase;
 using tessard::test::value_text;
 using tessard::test::write_file;
 
@@ -47,51 +48,24 @@ class StandardParserTest : public tessard::test::ParserTest {
 };
 
 TEST_F(StandardParserTest, LoadsValuesOfRealisticFile) {
-  const char* const kExpected[][2] = {
-      {"Standard{Root}{hostname}", "camera01"},
-      {"Standard{Root}{Description}", "Front door \"north\""},
-      {"Standard{net}{ip}", "192.168.0.90"},
-      {"Standard{net}{mode}", "manual"},
-      {"Standard{user}{full name}", "Administrator"},
-      {"Standard{user}{last}", "\xe9t\xe9"},
-      {"Standard{user}{lonely}", "<none>"},
-      {"Standard{user}{nextline}", "<none>"},
-      {"Standard{Root}{mode}", "<none>"},
-  };
-  for (const auto& [mount, value] : kExpected) {
-    Param* p = key(mount);
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), value) << mount;
-  }
-  EXPECT_EQ(read_file(file("cam.conf")), kCameraConf);
-}
-
-struct RewriteCase {
-  const char* mount;
-  const char* value;
-  const char* old_text;
-  const char* new_text;  // null: the file is not changed
-};
-
-void PrintTo(const RewriteCase& c, std::ostream* os) {
-  *os << c.mount << "=" << c.value;
+  check_loads(file("cam.conf"), "Standardparser", kCameraConf,
+              {
+                  {"Standard{Root}{hostname}", "camera01"},
+                  {"Standard{Root}{Description}", "Front door \"north\""},
+                  {"Standard{net}{ip}", "192.168.0.90"},
+                  {"Standard{net}{mode}", "manual"},
+                  {"Standard{user}{full name}", "Administrator"},
+                  {"Standard{user}{last}", "\xe9t\xe9"},
+                  {"Standard{user}{lonely}", "<none>"},
+                  {"Standard{user}{nextline}", "<none>"},
+                  {"Standard{Root}{mode}", "<none>"},
+              });
 }
 
 class RewriteTest : public StandardParserTest, public ::testing::WithParamInterface<RewriteCase> {};
 
 TEST_P(RewriteTest, OnlyTheChangedValueChanges) {
-  const RewriteCase& c = GetParam();
-  Param* p = key(c.mount);
-  std::string expected = kCameraConf;
-  if (c.new_text != nullptr)
-    expected.replace(expected.find(c.old_text), strlen(c.old_text), c.new_text);
-  EXPECT_EQ(change(p, c.value), expected);
-  EXPECT_EQ(p->status, c.new_text != nullptr ? PARAMSTATUS_STORED : PARAMSTATUS_UPDATED);
-  if (c.new_text == nullptr) return;
-  group_ = new_group();  // read back into a fresh parameter
-  Param* again = key(c.mount);
-  ASSERT_EQ(invoke(again, 1), 0);
-  EXPECT_EQ(value_text(again), c.value);
+  check_rewrite(GetParam(), file("cam.conf"), "Standardparser", kCameraConf);
 }
 
 INSTANTIATE_TEST_SUITE_P(
