@@ -124,8 +124,9 @@ TEST_F(ShellParserTest, UnclosedQuoteFailsAndKeepsTheRest) {
   EXPECT_EQ(read_file(file("ifcfg")), "A='new'\n# note\nB='open\nC='c'\n");
 }
 
-// The real shell as the oracle: whatever value the parser writes, in every assignment form,
-// sourcing the file gives exactly that value. setenv is given the meaning it has in csh.
+// The real shell as the oracle: whatever value the parser writes, in every assignment form (all
+// bound at Shell{NAME}), sourcing the file gives exactly that value. setenv is given the meaning
+// it has in csh.
 struct OracleCase {
   const char* line;  // the assignment of NAME as the file holds it before the change
   const char* value;
@@ -181,17 +182,6 @@ std::vector<OracleCase> oracle_cases() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Shell, ShellOracleTest, ::testing::ValuesIn(oracle_cases()));
-
-TEST_F(ShellParserTest, AllThreeFormsMapToTheSamePath) {
-  for (const char* line : {"IP='10.0.0.2'", "export IP='10.0.0.2'", "setenv IP '10.0.0.2'",
-                           "export IP=10.0.0.2", "setenv IP 10.0.0.2"}) {
-    write_file(file("ifcfg"), std::string(line) + "\n");
-    group_ = new_group();
-    Param* p = var("Shell{IP}");
-    ASSERT_EQ(invoke(p, 1), 0);
-    EXPECT_EQ(value_text(p), "10.0.0.2") << line;
-  }
-}
 
 // A double-quoted value ends at its closing quote and what follows it on the line is copied;
 // written back in single quotes, that rest joins the value on the next reading. Texts with a
