@@ -85,13 +85,21 @@ void set_idle_mode() {
   pif_setSynchronization(1);
 }
 
+// A changed parameter met while its file is only read keeps its new value: it is neither read
+// nor written then, and goes out with the next write of the file.
+bool producible(Param* param) {
+  return map_getParamStatus(param) == PARAMSTATUS_UPDATED && !pif_isReadonly();
+}
+
 // The mode of a parameter that has just become current, by its status.
 void set_param_mode(Param* param) {
   int status = map_getParamStatus(param);
   mif.consuming = status == PARAMSTATUS_DEFINED;
-  mif.producing = status == PARAMSTATUS_UPDATED;
+  mif.producing = producible(param);
   pif_setSynchronization(status == PARAMSTATUS_DEFINED || status == PARAMSTATUS_LOADED);
-  map_setParamSynced(param);
+  // A held change is not in step with the file: it must not count as synchronised.
+  bool held = status == PARAMSTATUS_UPDATED && !mif.producing;
+  if (!held) map_setParamSynced(param);
 }
 
 // A parameter is current but its value is neither read nor written: the parser's walk below it
@@ -344,7 +352,7 @@ int mif_probeRootSection(const char* name, const char* group_path, MappingCallba
     log_fatal(kSource, "mif_probeRootSection() called from below-root context!");
   }
   Param* param = push_mapping(name, group_path, kRootSection);
-  bool updated = param != nullptr && map_getParamStatus(param) == PARAMSTATUS_UPDATED;
+  bool updated = param != nullptr && producible(param);
   popMappingContext(kRootSection);
   if (updated && callback != nullptr) {
     callback(argument);
@@ -387,7 +395,7 @@ int mif_probeSection(const char* name, MappingCallback callback, void* argument)
     log_fatal(kSource, "mif_probeSection() called from producing code!");
   }
   Param* param = push_mapping(name, nullptr, kSection);
-  bool updated = param != nullptr && map_getParamStatus(param) == PARAMSTATUS_UPDATED;
+  bool updated = param != nullptr && producible(param);
   // A "nosync" parameter is never written by the parser; its setters still run.
   bool nosync = updated && has_nosync_type(param);
   if (nosync) {

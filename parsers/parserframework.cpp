@@ -402,6 +402,8 @@ int pif_getLineNumber() {
   return fw.line;
 }
 
+int pif_isReadonly() { return fw.active && fw.readonly ? 1 : 0; }
+
 void pif_setSynchronization(int on) {
   fw.synchronization = on != 0;
 }

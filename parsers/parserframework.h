@@ -79,6 +79,8 @@ void pif_copyRest();
 int pif_getLineNumber();
 // Switches copy-through on (1) or off (0).
 void pif_setSynchronization(int on);
+// 1 while a file is being read without being rewritten.
+int pif_isReadonly();
 // Writes `text` as a token of `type` with the quote character `quote`. Copy-through must be off
 // and the file open for writing.
 void pif_outputToken(int type, const char* text, int quote);

@@ -188,6 +188,22 @@ TEST_F(WritesTest, SerialisedValueOfAnotherKindAnswersTwo) {
   EXPECT_EQ(Get("Settings.Name"), "camera1");
 }
 
+TEST_F(WritesTest, ReadingAGroupFileAgainKeepsAPendingChange) {
+  Serve();
+  // Re-declaring the group reads its backing file without writing it, while Name waits for a sync.
+  WriteFile("/etc/dynamic/param/settings.conf", "group Settings { }\n");
+  EXPECT_EQ(Set("Settings.Name", "lobby", 0), TESSCLIENT_OK);
+  TessClient* client = nullptr;
+  ASSERT_EQ(tessclient_connect(nullptr, &client), 0);
+  EXPECT_EQ(tessclient_read_file(client, "/etc/dynamic/param/settings.conf"), TESSCLIENT_OK);
+  tessclient_close(client);
+  ASSERT_TRUE(Alive(daemon_pid()));
+  EXPECT_EQ(Get("Settings.Name"), "lobby");
+  EXPECT_EQ(Get("Settings.Level"), "50");
+  EXPECT_EQ(Sync(0), TESSCLIENT_OK);
+  EXPECT_EQ(ReadFile(kPath), FileWith("name camera1", "name lobby"));
+}
+
 // Who may write, by group membership: alice (admin, operator, staff), bob (operator, viewer,
 // staff), carol (viewer), dave (no group), sysop (system).
 struct WriterCase {
