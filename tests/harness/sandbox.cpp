@@ -110,6 +110,7 @@ void LogCapture::Run() {
       return;
     }
     if (fds[0].revents & POLLIN) {
+      std::lock_guard<std::mutex> hold(pause_);
       ssize_t got = recv(fd_, buffer, sizeof(buffer), 0);
       LogLine line;
       if (got > 0 && parse_syslog(buffer, got, &line)) {
@@ -290,8 +291,10 @@ pid_t SandboxTest::StartDaemon(const std::vector<std::string>& args,
   std::string binary = DaemonBinary();
   std::string out = dir_ + "/daemon.stdout";
   std::string err = dir_ + "/daemon.stderr";
+  log_.Pause();
   pid_t pid = fork();
   if (pid != 0) {
+    log_.Resume();
     if (pid > 0) daemon_pid_ = pid;
     return pid;
   }
@@ -358,8 +361,11 @@ void SandboxTest::StopDaemon() {
 }
 
 int SandboxTest::RunAs(const TestUser& user, const std::function<int()>& body) {
+  log_.Pause();
   pid_t pid = fork();
+  if (pid != 0) log_.Resume();
   if (pid == 0) {
+    alarm(60);  // a child that hangs fails its test instead of stalling the run
     if (initgroups(user.name, user.gid) != 0 || setgid(user.gid) != 0 || setuid(user.uid) != 0) {
       _exit(255);
     }

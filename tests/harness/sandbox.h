@@ -54,6 +54,10 @@ class LogCapture {
   // Waits until a line whose message contains `needle` (from `pid`, or any pid when 0) arrives.
   bool WaitFor(const std::string& needle, int timeout_ms, LogLine* found = nullptr, int pid = 0);
   int Count(const std::string& needle);
+  // Holds the collector between two datagrams, so that a fork() meanwhile copies no lock it
+  // holds (the child of a threaded process could otherwise hang in malloc).
+  void Pause() { pause_.lock(); }
+  void Resume() { pause_.unlock(); }
 
  private:
   void Run();
@@ -61,6 +65,7 @@ class LogCapture {
   int stop_pipe_[2] = {-1, -1};
   std::thread thread_;
   std::mutex mutex_;
+  std::mutex pause_;
   std::vector<LogLine> lines_;
 };
 
