@@ -526,6 +526,20 @@ Option* map_getParamOption(const Param* param, const char* name) {
   return param != nullptr && name != nullptr ? find_option(param->options, name) : nullptr;
 }
 
+int map_textHasFlag(const char* text, const char* word) {
+  if (text == nullptr) return 0;
+  size_t n = strlen(word);
+  for (const char* at = strstr(text, word); at != nullptr; at = strstr(at + 1, word)) {
+    if (at[n] == ':' || at[n] == '\0') return 1;
+  }
+  return 0;
+}
+
+int map_typeHasFlag(const Param* param, const char* word) {
+  const Option* type = map_getParamOption(param, "type");
+  return type != nullptr && map_textHasFlag(type->value, word);
+}
+
 Param* map_findParamByMount(const char* value) {
   return map_findParamByMountInGroup(nullptr, value);
 }

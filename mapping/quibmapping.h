@@ -126,6 +126,11 @@ Group* map_getGroupByPath(const char* path);
 Param* map_getParamByPath(const char* path);
 Option* map_getGroupOption(const Group* group, const char* name);
 Option* map_getParamOption(const Param* param, const char* name);
+// 1 when `text` (a `type` or `dbustype` value) holds the flag `word` ("readonly", "writeonly",
+// "nosync", ...) followed by ':' or by the end of the text.
+int map_textHasFlag(const char* text, const char* word);
+// map_textHasFlag on the parameter's `type` option.
+int map_typeHasFlag(const Param* param, const char* word);
 // First parameter in pre-order whose first "mount" option equals value exactly.
 Param* map_findParamByMount(const char* value);
 // The same below the group at groupPath (from the root when groupPath is null); null when the

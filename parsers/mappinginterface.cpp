@@ -224,20 +224,6 @@ void push_param_value(Param* param) {
   push_data(value);
 }
 
-bool has_nosync_type(Param* param) {
-  Option* type = map_getParamOption(param, "type");
-  if (type == nullptr || type->value == nullptr) {
-    return false;
-  }
-  for (const char* p = strstr(type->value, "nosync"); p != nullptr; p = strstr(p + 1, "nosync")) {
-    char after = p[strlen("nosync")];
-    if (after == ':' || after == 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
 void enter_section_data(const char* name) {
   Data* data = current_data();
   if (mif.consuming) {
@@ -397,7 +383,7 @@ int mif_probeSection(const char* name, MappingCallback callback, void* argument)
   Param* param = push_mapping(name, nullptr, kSection);
   bool updated = param != nullptr && producible(param);
   // A "nosync" parameter is never written by the parser; its setters still run.
-  bool nosync = updated && has_nosync_type(param);
+  bool nosync = updated && map_typeHasFlag(param, "nosync");
   if (nosync) {
     param->status = PARAMSTATUS_LOADED;
     param->setterPending = 1;

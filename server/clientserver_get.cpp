@@ -8,6 +8,7 @@
 #include "init/log.h"
 #include "mapping/getters.h"
 #include "mapping/quibmapping.h"
+#include "movefile/handles.h"
 #include "parsers/quibconfigparser.h"
 #include "server/authorization.h"
 #include "server/clientserver.h"
@@ -21,9 +22,6 @@ constexpr int kMaxOptionNameLength = 255;
 constexpr unsigned char kMaskedValue[] = {0x11, 0x00, 0x06, 0x00, 's', 't', 'r', 'i', 'n',
                                           'g',  0x05, 0x00, '*',  '*', '*', '*', '*'};
 
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
 template <typename T>
 using Malloced = std::unique_ptr<T, FreeDeleter>;
 
@@ -52,17 +50,6 @@ bool is_custom_scalar(const Data* data) {
   return data != nullptr && data->type == DATA_SCALAR && data->scalarKind == SCALAR_CUSTOM;
 }
 
-// True when the parameter's `type` option holds `word` followed by ':' or by the end.
-bool type_has_flag(const Param* param, const char* word) {
-  const Option* type = map_getParamOption(param, "type");
-  if (type == nullptr || type->value == nullptr) return false;
-  size_t n = strlen(word);
-  for (const char* at = strstr(type->value, word); at != nullptr; at = strstr(at + 1, word)) {
-    if (at[n] == ':' || at[n] == '\0') return true;
-  }
-  return false;
-}
-
 void run_getter(Param* param) {
   const Option* getter = map_getParamOption(param, "getter");
   if (getter != nullptr) map_updateRunGetter(param, getter->value);
@@ -76,7 +63,7 @@ void reply_one_item(int fd, const void* bytes, int length) {
 
 void reply_serialised(int fd, const Param* param) {
   const Data* value = param->value;
-  if (type_has_flag(param, "writeonly") && !upgradeMode) {
+  if (map_typeHasFlag(param, "writeonly") && !upgradeMode) {
     if (!is_custom_scalar(value)) return sendStatus(fd, STATUS_NO_MEMORY);
     return reply_one_item(fd, kMaskedValue, sizeof(kMaskedValue));
   }

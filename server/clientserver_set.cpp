@@ -10,6 +10,7 @@
 #include "init/log.h"
 #include "mapping/getters.h"
 #include "mapping/quibmapping.h"
+#include "movefile/handles.h"
 #include "server/authorization.h"
 #include "server/clientserver.h"
 #include "server/requests.h"
@@ -17,9 +18,6 @@
 
 namespace {
 
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
 template <typename T>
 using Malloced = std::unique_ptr<T, FreeDeleter>;
 
@@ -62,14 +60,6 @@ bool read_set_request(RequestReader* reader, SetRequest* request) {
 const char* option_text(const Param* param, const char* name) {
   const Option* option = map_getParamOption(param, name);
   return option != nullptr ? option->value : nullptr;
-}
-
-bool has_flag(const char* text, const char* word) {
-  size_t n = strlen(word);
-  for (const char* at = strstr(text, word); at != nullptr; at = strstr(at + 1, word)) {
-    if (at[n] == ':' || at[n] == '\0') return true;
-  }
-  return false;
 }
 
 // The integer range of a parameter: the "int:" part of its `type`, or bounds queried over D-Bus
@@ -190,7 +180,7 @@ int serve_set(int fd, const SetRequest& request) {
   const char* type = option_text(param, "type");
   const char* dbustype = type == nullptr ? option_text(param, "dbustype") : nullptr;
   const char* constraint = type != nullptr ? type : dbustype;
-  if (constraint != nullptr && has_flag(constraint, "readonly")) {
+  if (constraint != nullptr && map_textHasFlag(constraint, "readonly")) {
     return upgradeMode ? STATUS_OK : STATUS_READ_ONLY;
   }
   NewValue value;

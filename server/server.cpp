@@ -16,6 +16,7 @@
 
 #include "init/init.h"
 #include "init/log.h"
+#include "movefile/handles.h"
 #include "server/clientserver.h"
 #include "server/requests.h"
 
@@ -99,10 +100,6 @@ int accept_client(int listen_fd) {
   }
   return fd;
 }
-
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
 
 void serve_one_request(int fd) {
   unsigned char prefix[2];
