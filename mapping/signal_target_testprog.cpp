@@ -34,6 +34,9 @@ int main(int argc, char** argv) {
   }
   struct sigaction action = {};
   action.sa_handler = record;
+  // Signals arriving while one is being written down wait for it, so the lines keep the order
+  // of delivery (the tests' closing marker signal must come last).
+  sigfillset(&action.sa_mask);
   for (int signal = 1; signal < 32; ++signal) {
     if (signal != SIGKILL && signal != SIGSTOP && signal != SIGCHLD) {
       sigaction(signal, &action, nullptr);
