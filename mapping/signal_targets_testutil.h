@@ -61,6 +61,8 @@ class SignalTargets {
   // lower signal already pending.
   std::vector<std::string> received() {
     std::vector<std::string> result;
+    // Lets signals sent a moment ago reach a target that the scheduler has not run yet.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     for (size_t i = 0; i < pids_.size(); ++i) {
       std::string path = dir_ + "/" + names_[i];
       kill(pids_[i], SIGSYS);
