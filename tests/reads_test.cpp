@@ -371,9 +371,10 @@ TEST_F(ReadsTest, Sigusr1RebuildsTheUserCacheBetweenRequests) {
   };
   EXPECT_EQ(read_as_frank(), TESSCLIENT_ACCESS_REFUSED);
   EXPECT_TRUE(log().WaitFor("Uid: 2007 wasn't found in user list.", 1000));
+  // The rebuild happens between requests: at the latest before the next one is served.
   kill(daemon_pid(), SIGUSR1);
-  EXPECT_TRUE(log().WaitFor("Got SIGUSR1, reinitializing authorization data.", 3000));
   EXPECT_EQ(read_as_frank(), TESSCLIENT_OK);
+  EXPECT_TRUE(log().WaitFor("Got SIGUSR1, reinitializing authorization data.", 3000));
 }
 
 }  // namespace
