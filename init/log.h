@@ -9,6 +9,10 @@
 #define TESSARD_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
 
 void log_open();
+// Where messages go instead of syslog, with their syslog priority (LOG_ERR, ...); null for syslog
+// again. For programs that run the daemon's code outside the daemon and report what it says.
+using LogSink = void (*)(int priority, const char* message);
+void log_setSink(LogSink sink);
 void log_info(const char* source, const char* format, ...) TESSARD_PRINTF(2, 3);
 void log_warning(const char* source, const char* format, ...) TESSARD_PRINTF(2, 3);
 void log_error(const char* source, const char* format, ...) TESSARD_PRINTF(2, 3);

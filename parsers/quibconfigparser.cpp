@@ -8,6 +8,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,7 +47,11 @@ struct ParseState {
   Token token;
   Group* group = nullptr;
   int additive = 1;
-  const char* file_name = nullptr;  // the file given to config_parseFile, also inside includes
+  const char* file_name = nullptr;    // the file given to config_parseFile, also inside includes
+  const char* source_name = nullptr;  // the file being read: file_name or an included file
+  int line = 1;                       // of the current character in source_name
+  int token_line = 1;                 // where the current token begins
+  ConfigReport* report = nullptr;     // null: grammar errors are fatal
 };
 
 // --- Tokenizer ----------------------------------------------------------------------------------
@@ -60,6 +65,7 @@ void load_char(ParseState* state) {
 }
 
 void advance(ParseState* state) {
+  if (state->current == '\n') state->line++;
   state->source->position++;
   load_char(state);
 }
@@ -119,12 +125,13 @@ void read_punctuation(ParseState* state, int code) {
 // Any other character makes no token: the previous token stays current and the position does not
 // move, so values that do not begin with a letter must be quoted.
 void config_nextToken(ParseState* state) {
-  if (!skip_blanks(state)) {
+  if (!skip_blanks(state)) {  // an error at the end names the line of the last token
     state->end_of_input = true;
     state->token.kind = kEndOfInput;
     state->token.text.clear();
     return;
   }
+  state->token_line = state->line;
   char c = state->current;
   if (is_letter(c)) {
     read_identifier(state);
@@ -139,8 +146,10 @@ void config_nextToken(ParseState* state) {
   }
 }
 
-void start_source(ParseState* state, InputSource* source) {
+void start_source(ParseState* state, InputSource* source, const char* name) {
   state->source = source;
+  state->source_name = name;
+  state->line = 1;
   state->end_of_input = false;
   load_char(state);
   state->token.text.reserve(kTokenMinCapacity);
@@ -157,6 +166,33 @@ bool is_string(const ParseState& state) {
 
 const char* token_text(const ParseState& state) {
   return state.token.text.c_str();
+}
+
+// Keeps the first error of a parse with a report, at the current token.
+void record_error(ParseState* state, const char* message) {
+  if (state->report == nullptr || !state->report->error.message.empty()) return;
+  state->report->error = {state->source_name, state->token_line, message};
+}
+
+// A grammar error: fatal for the daemon; with a report, logged as an error and recorded (the
+// first one only: the items that enclose it fail in turn). Returns false for the caller to return.
+bool grammar_error(ParseState* state, const char* format, ...) TESSARD_PRINTF(2, 3);
+bool grammar_error(ParseState* state, const char* format, ...) {
+  char message[1024];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(message, sizeof message, format, args);
+  va_end(args);
+  if (state->report == nullptr) log_fatal(kSource, "%s", message);
+  log_error(kSource, "%s", message);
+  record_error(state, message);
+  return false;
+}
+
+void note_declaration(ParseState* state, const Param* param) {
+  if (state->report != nullptr) {
+    state->report->params.push_back({param->path, state->source_name, state->token_line});
+  }
 }
 
 // --- Items --------------------------------------------------------------------------------------
@@ -197,18 +233,18 @@ bool enter_group(ParseState* state) {
 
 bool parse_group(ParseState* state) {
   config_nextToken(state);
-  if (!is_string(*state)) log_fatal(kSource, "%s: Expected groupname!", state->file_name);
+  if (!is_string(*state)) return grammar_error(state, "%s: Expected groupname!", state->file_name);
   Group* enclosing = state->group;
   bool redeclared = enter_group(state);
   Group* group = state->group;
   config_nextToken(state);
   if (!is_punctuation(*state, kOpen)) {
-    log_fatal(kSource, "%s: Expected '{' after group %s!", state->file_name, group->path);
+    return grammar_error(state, "%s: Expected '{' after group %s!", state->file_name, group->path);
   }
   config_nextToken(state);
-  if (!parse_body(state)) log_fatal(kSource, "Error in group members!");
+  if (!parse_body(state)) return grammar_error(state, "Error in group members!");
   if (!is_punctuation(*state, kClose)) {
-    log_fatal(kSource, "%s: Expected '}' to end group %s!", state->file_name, group->path);
+    return grammar_error(state, "%s: Expected '}' to end group %s!", state->file_name, group->path);
   }
   config_nextToken(state);
   if (redeclared) reload_group(group);
@@ -230,22 +266,24 @@ Param* enter_param(ParseState* state) {
 
 bool parse_param(ParseState* state) {
   config_nextToken(state);
-  if (!is_string(*state)) log_fatal(kSource, "%s: Expected paramname!", state->file_name);
+  if (!is_string(*state)) return grammar_error(state, "%s: Expected paramname!", state->file_name);
   Param* param = enter_param(state);
+  note_declaration(state, param);
   config_nextToken(state);
   if (!is_punctuation(*state, kOpen)) {
-    log_fatal(kSource, "%s: Expected '{' after param %s!", state->file_name, param->path);
+    return grammar_error(state, "%s: Expected '{' after param %s!", state->file_name, param->path);
   }
   config_nextToken(state);
   while (is_string(*state)) {
     std::string name = state->token.text;
     config_nextToken(state);
     if (!is_punctuation(*state, kEquals)) {
-      log_fatal(kSource, "%s: Expected '=' after param %s optionname %s.", state->file_name,
-                param->path, name.c_str());
+      return grammar_error(state, "%s: Expected '=' after param %s optionname %s.",
+                           state->file_name, param->path, name.c_str());
     }
     config_nextToken(state);
-    if (!is_string(*state)) log_fatal(kSource, "%s: Expected option value.", state->file_name);
+    if (!is_string(*state))
+      return grammar_error(state, "%s: Expected option value.", state->file_name);
     if (map_setParamOption(name.c_str(), token_text(*state), param) != 0) {
       log_fatal(kSource, "Couldn't add option to parameter!");
     }
@@ -253,7 +291,7 @@ bool parse_param(ParseState* state) {
   }
   if (map_getParamOption(param, "getter") != nullptr && map_applyGetter(param) != 0) return false;
   if (!is_punctuation(*state, kClose)) {
-    log_fatal(kSource, "%s: Expected '}' to end param %s!", state->file_name, param->path);
+    return grammar_error(state, "%s: Expected '}' to end param %s!", state->file_name, param->path);
   }
   config_nextToken(state);
   return true;
@@ -273,6 +311,8 @@ struct ListFile {
   std::string prefix;  // the parser name without its "parser" suffix
   Group* home;         // the group that was current at the paramfile
   Group* group;        // the group of the last section line
+  ConfigReport* report;
+  int line;  // of the line being read
 };
 
 void add_list_param(ListFile* list, const std::string& type, const std::string& name) {
@@ -287,6 +327,8 @@ void add_list_param(ListFile* list, const std::string& type, const std::string& 
   set_list_option(param, "parser", list->parser);
   set_list_option(param, "mount", mount);
   set_list_option(param, "type", type.c_str());
+  if (list->report != nullptr)
+    list->report->params.push_back({param->path, list->path, list->line});
 }
 
 void enter_list_section(ListFile* list, const std::string& line) {
@@ -314,6 +356,7 @@ void read_list_line(ListFile* list, const std::string& line, int number) {
               kListLineMax);
     return;
   }
+  list->line = number;
   if (line[0] == '[') {
     enter_list_section(list, line);
   } else if (line[0] != '#' && line[0] != ';') {
@@ -321,7 +364,7 @@ void read_list_line(ListFile* list, const std::string& line, int number) {
   }
 }
 
-void read_param_list(const char* path, const char* parser, Group* home) {
+void read_param_list(const char* path, const char* parser, Group* home, ConfigReport* report) {
   if (strcmp(parser, "Camsettingsparser") != 0) {
     puts("ERROR: Only Camsettingsparser supported for paramfile!");
     return;
@@ -331,7 +374,8 @@ void read_param_list(const char* path, const char* parser, Group* home) {
     printf("Failed to open %s\n", path);
     return;
   }
-  ListFile list{path, parser, std::string(parser, strlen(parser) - strlen("parser")), home, home};
+  ListFile list{path,   parser, std::string(parser, strlen(parser) - strlen("parser")), home, home,
+                report, 0};
   char* buffer = nullptr;
   size_t capacity = 0;
   ssize_t length;
@@ -351,7 +395,8 @@ bool parse_paramfile(ParseState* state) {
   const char* group_path = state->group->path;
   config_nextToken(state);
   if (!is_punctuation(*state, kOpen)) {
-    log_fatal(kSource, "%s: Expected '{'after paramfile %s!", state->file_name, group_path);
+    return grammar_error(state, "%s: Expected '{'after paramfile %s!", state->file_name,
+                         group_path);
   }
   config_nextToken(state);
   char file[kParamFileFieldSize] = "";
@@ -360,12 +405,12 @@ bool parse_paramfile(ParseState* state) {
     std::string name = state->token.text;
     config_nextToken(state);
     if (!is_punctuation(*state, kEquals)) {
-      log_fatal(kSource, "%s: Expected '=' after paramfile %s optionname.", state->file_name,
-                group_path);
+      return grammar_error(state, "%s: Expected '=' after paramfile %s optionname.",
+                           state->file_name, group_path);
     }
     config_nextToken(state);
     if (!is_string(*state)) {
-      log_fatal(kSource, "%s: Expected option value in %s.", state->file_name, group_path);
+      return grammar_error(state, "%s: Expected option value in %s.", state->file_name, group_path);
     }
     if (name == "file") {
       copy_field(file, state->token.text);
@@ -376,9 +421,10 @@ bool parse_paramfile(ParseState* state) {
     }
     config_nextToken(state);
   }
-  read_param_list(file, parser, state->group);
+  read_param_list(file, parser, state->group, state->report);
   if (!is_punctuation(*state, kClose)) {
-    log_fatal(kSource, "%s: Expected '}' to end paramfile %s!", state->file_name, group_path);
+    return grammar_error(state, "%s: Expected '}' to end paramfile %s!", state->file_name,
+                         group_path);
   }
   config_nextToken(state);
   return true;
@@ -394,6 +440,9 @@ ItemsResult parse_items(ParseState* state) {
     if (!is_string(*state)) {
       log_error(kSource, "%s: Expected token string before reading group members.",
                 state->file_name);
+      std::string message =
+          std::string(state->file_name) + ": Expected token string before reading group members.";
+      record_error(state, message.c_str());
       return ItemsResult::kNotAnItem;
     }
     if (!parse_body(state)) return ItemsResult::kFailed;
@@ -408,19 +457,21 @@ bool parse_include(ParseState* state) {
   std::string path = state->token.text;
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (fd.get() < 0)
-    log_fatal(kSource, "Couldn't open included configuration file: %s!", path.c_str());
+    return grammar_error(state, "Couldn't open included configuration file: %s!", path.c_str());
   InputSource* included = mmap_fd(fd.get());
   if (included == nullptr) {
     log_error(kSource, "Could not map file '%s' into memory (%m)", path.c_str());
+    record_error(state, ("Could not map file '" + path + "' into memory").c_str());
     return false;
   }
-  InputSource* including = state->source;
-  char current = state->current;
-  start_source(state, included);
+  ParseState including = *state;
+  start_source(state, included, path.c_str());
   bool ok = parse_items(state) == ItemsResult::kDone;
   config_unmapSource(included);
-  state->source = including;
-  state->current = current;
+  state->source = including.source;
+  state->current = including.current;
+  state->source_name = including.source_name;
+  state->line = including.line;
   return ok;
 }
 
@@ -430,11 +481,12 @@ bool parse_group_option(ParseState* state) {
   std::string name = state->token.text;
   config_nextToken(state);
   if (!is_punctuation(*state, kEquals)) {
-    log_fatal(kSource, "%s: Expected '=' after group %s optionname.", state->file_name,
-              state->group->path);
+    return grammar_error(state, "%s: Expected '=' after group %s optionname.", state->file_name,
+                         state->group->path);
   }
   config_nextToken(state);
-  if (!is_string(*state)) log_fatal(kSource, "%s: Expected option value.", state->file_name);
+  if (!is_string(*state))
+    return grammar_error(state, "%s: Expected option value.", state->file_name);
   if (map_setGroupOption(name.c_str(), token_text(*state), state->group, 0) != 0) {
     log_fatal(kSource, "Couldn't add option to group!");
   }
@@ -469,15 +521,22 @@ bool parse_body(ParseState* state) {
   return true;
 }
 
-int parse_mapped_file(InputSource* source, const char* path, int additive) {
+ItemsResult parse_source(InputSource* source, const char* path, int additive,
+                         ConfigReport* report) {
   ParseState state;
   state.group = map_getRootGroup();
   state.additive = additive;
   state.file_name = path;
-  start_source(&state, source);
+  state.report = report;
+  start_source(&state, source, path);
   ItemsResult result = parse_items(&state);
   if (result == ItemsResult::kFailed)
     log_error(kSource, "Couldn't parse configuration file: %s!", path);
+  return result;
+}
+
+int parse_mapped_file(InputSource* source, const char* path, int additive, ConfigReport* report) {
+  ItemsResult result = parse_source(source, path, additive, report);
   if (config_unmapSource(source) != 0 && result == ItemsResult::kDone) {
     log_error(kSource, "Unmapping file '%s' failed! (%m)", path);
   }
@@ -512,6 +571,16 @@ int config_unmapSource(InputSource* source) {
 }
 
 int config_parseFile(const char* path, int additive) {
+  return config_parseFileReporting(path, additive, nullptr);
+}
+
+int config_parseText(std::string_view text, const char* name, int additive, ConfigReport* report) {
+  if (name == nullptr || map_getRootGroup() == nullptr) return 1;
+  InputSource source{text.data(), text.size(), 0};
+  return parse_source(&source, name, additive, report) == ItemsResult::kDone ? 0 : 1;
+}
+
+int config_parseFileReporting(const char* path, int additive, ConfigReport* report) {
   if (path == nullptr || map_getRootGroup() == nullptr) return 1;
   if (strcmp(path, "/dev/null") == 0) return 0;
   UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
@@ -529,7 +598,7 @@ int config_parseFile(const char* path, int additive) {
   }
   int result = 1;
   if (InputSource* source = mmap_fd(fd.get())) {
-    result = parse_mapped_file(source, path, additive);
+    result = parse_mapped_file(source, path, additive, report);
   } else {
     log_error(kSource, "Could not map file '%s' into memory (%m)", path);
   }

@@ -183,25 +183,45 @@ TEST_F(ConfigTest, ParamFileNeedsCamsettingsAndAReadableList) {
 struct FatalCase {
   const char* text;
   const char* message;  // %s stands for the configuration file's path
+  int line = 1;         // of the error; 0: fatal even with a report (not a grammar error)
+  const char* reported = nullptr;  // the message of a report, when it names the cause better
 };
 
-class FatalTest : public ConfigTest, public ::testing::WithParamInterface<FatalCase> {};
+class FatalTest : public ConfigTest, public ::testing::WithParamInterface<FatalCase> {
+ protected:
+  std::string Message(const std::string& path) const {
+    std::string message = GetParam().message;
+    size_t at = message.find("%s");
+    return at == std::string::npos ? message : message.replace(at, 2, path);
+  }
+};
 
 TEST_P(FatalTest, EndsTheProcessWithTheMessage) {
   std::string path = write("main.conf", GetParam().text);
-  std::string message = GetParam().message;
-  size_t at = message.find("%s");
-  std::string pattern = at == std::string::npos
-                            ? escape_regex(message)
-                            : escape_regex(message.substr(0, at)) + escape_regex(path) +
-                                  escape_regex(message.substr(at + 2));
-  EXPECT_EXIT(config_parseFile(path.c_str(), 1), ::testing::ExitedWithCode(1), pattern);
+  EXPECT_EXIT(config_parseFile(path.c_str(), 1), ::testing::ExitedWithCode(1),
+              escape_regex(Message(path)));
+}
+
+TEST_P(FatalTest, WithAReportIsAnErrorAtItsLine) {
+  std::string path = write("main.conf", GetParam().text);
+  ConfigReport report;
+  if (GetParam().line == 0) {
+    EXPECT_EXIT(config_parseFileReporting(path.c_str(), 1, &report), ::testing::ExitedWithCode(1),
+                "");
+    return;
+  }
+  EXPECT_EQ(config_parseFileReporting(path.c_str(), 1, &report), 1);
+  EXPECT_EQ(report.error.message, GetParam().reported ? GetParam().reported : Message(path));
+  EXPECT_EQ(report.error.file, path);
+  EXPECT_EQ(report.error.line, GetParam().line);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Grammar, FatalTest,
     ::testing::Values(
         FatalCase{"type = 10\n", "%s: Expected option value."},
+        FatalCase{"group g {\n  a = \"1\"\n  param p {\n v = 5 }\n}\n",
+                  "%s: Expected option value.", 4},
         FatalCase{"param p { v = /tmp/x }\n", "%s: Expected option value."},
         FatalCase{"group { }\n", "%s: Expected groupname!"},
         FatalCase{"group g x\n", "%s: Expected '{' after group root.g!"},
@@ -219,9 +239,10 @@ INSTANTIATE_TEST_SUITE_P(
         FatalCase{"paramfile { file = x\n", "%s: Expected '}' to end paramfile root!"},
         FatalCase{"include \"/nonexistent/x\"\n",
                   "Couldn't open included configuration file: /nonexistent/x!"},
-        FatalCase{"group g { include \"/dev/null\" }\n", "Error in group members!"},
+        FatalCase{"group g { include \"/dev/null\" }\n", "Error in group members!", 1,
+                  "Could not map file '/dev/null' into memory"},
         FatalCase{"group g { param p { } ", "%s: Expected '}' to end group root.g!"},
-        FatalCase{"group \"\" { }\n", "Couldn't create group: !"}));
+        FatalCase{"group \"\" { }\n", "Couldn't create group: !", 0}));
 
 TEST_F(ConfigTest, IncludeInsideAGroupEndsTheGroupBody) {
   std::string included = write("inc.conf", "param p { }\n");

@@ -41,6 +41,7 @@ TEST_F(InstallTest, PutsEveryPieceUnderThePrefix) {
   const Piece pieces[] = {
       {"sbin/tessard", true},
       {"bin/tessctl", true},
+      {"share/bash-completion/completions/tessctl", false},
       {libdir + "/libtessard_client.a", false},
       {libdir + "/pkgconfig/tessard-client.pc", false},
       {"include/tessard/tessclient.h", false},
@@ -55,6 +56,18 @@ TEST_F(InstallTest, PutsEveryPieceUnderThePrefix) {
     ASSERT_EQ(stat((prefix_ + "/" + piece.path).c_str(), &st), 0) << piece.path << " is missing";
     EXPECT_TRUE(S_ISREG(st.st_mode)) << piece.path;
     EXPECT_EQ((st.st_mode & 0111) != 0, piece.executable) << piece.path;
+  }
+}
+
+// Rendered as a reader's man renders them; groff names every construct it cannot lay out.
+TEST_F(InstallTest, ManualPagesRenderWithoutWarnings) {
+  for (const char* page :
+       {"man8/tessard.8", "man1/tessctl.1", "man1/tessard-check.1", "man5/tessard.conf.5"}) {
+    const std::string path = prefix_ + "/share/man/" + page;
+    std::string out;
+    EXPECT_EQ(run_command("(man --warnings -E UTF-8 -l '" + path + "' >/dev/null)", &out), 0)
+        << page;
+    EXPECT_EQ(out, "") << page;
   }
 }
 

@@ -18,6 +18,9 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/tessctl_explain.h"
+#include "tools/tessctl_json.h"
+
 namespace {
 
 constexpr int kExitOk = 0;
@@ -101,23 +104,6 @@ std::optional<int> parse_number(std::string_view text, int low, int high) {
     return std::nullopt;
   }
   return value;
-}
-
-std::string json_string(std::string_view text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char escaped[8];
-      snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out + "\"";
 }
 
 // Takes a malloc'd text from the client library.
@@ -210,6 +196,19 @@ class Command {
     });
     if (options_.json) out_ += "]\n";
     return exit;
+  }
+
+  int params(const Args& args) {
+    return walk_members(TESSCLIENT_GETPARAMINFO, full_path(args[0]), [&](const Member& param) {
+      out_ += param.path + "\n";
+      return kExitOk;
+    });
+  }
+
+  int explain(const Args& args) {
+    std::string path = full_path(args[0]);
+    ExplainResult result = tessctl_explain(client_, path, options_.json, &out_);
+    return finish(path, result.request, result.status);
   }
 
   int tree(const Args& args) {
@@ -395,9 +394,13 @@ const CommandSpec kCommands[] = {
      "print path, name and type of a group's parameter"},
     {"groups", 1, 1, 0, {}, &Command::groups, "GROUP",
      "print the paths of the subgroups of a group"},
+    {"params", 1, 1, 0, {}, &Command::params, "GROUP",
+     "print the paths of the parameters of a group"},
     {"tree", 0, 1, 0, {}, &Command::tree, "[GROUP]",
      "print the groups and parameters below GROUP (root)"},
     {"option", 2, 2, 0, {}, &Command::option, "PATH NAME", "print an option of a parameter"},
+    {"explain", 1, 1, 0, {}, &Command::explain, "PATH",
+     "show what decides how a parameter behaves, and your rights"},
     {"read-file", 1, 1, 0, {}, &Command::read_file, "FILE", "load a group file into the tree"},
     {"create", 2, 2, kTakesSync | kTakesNumber, {}, &Command::create, "PARENT TEMPLATE",
      "create a group from a template, print its name"},

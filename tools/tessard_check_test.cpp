@@ -1,0 +1,213 @@
+// tessard-check on copies of the example device, each with one planted fault, read below --root
+// so that nothing outside the copy is looked at.
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* kConfig = "/etc/tessard/tessard.conf";
+constexpr uid_t kNobody = 65534;
+
+struct Outcome {
+  int exit = -1;
+  std::string out;
+};
+
+bool operator==(const Outcome& a, const Outcome& b) {
+  return a.exit == b.exit && a.out == b.out;
+}
+
+void PrintTo(const Outcome& o, std::ostream* os) {
+  *os << "exit " << o.exit << ", out \"" << o.out << "\"";
+}
+
+std::string read_pipe(int fd) {
+  std::string text;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = read(fd, buffer, sizeof buffer)) > 0) text.append(buffer, got);
+  close(fd);
+  return text;
+}
+
+class CheckTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = std::string(TESSARD_BUILD_DIR) + "/checkXXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    root_ = pattern;
+    ASSERT_EQ(system(("cp -r '" TESSARD_EXAMPLE_DIR "/.' '" + root_ + "' && chmod -R a+rX '" +
+                      root_ + "'")
+                         .c_str()),
+              0);
+  }
+  void TearDown() override {
+    if (!root_.empty()) {
+      EXPECT_EQ(system(("rm -rf '" + root_ + "'").c_str()), 0);
+    }
+  }
+
+  std::string Read(const std::string& path) const {
+    std::ifstream in(root_ + path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+  // Replaces the first `find` in the copy's file by `replace`.
+  void Plant(const std::string& path, const std::string& find, const std::string& replace) {
+    std::string text = Read(path);
+    size_t at = text.find(find);
+    ASSERT_NE(at, std::string::npos) << find << " not in " << path;
+    std::ofstream(root_ + path) << text.replace(at, find.size(), replace);
+  }
+
+  // Runs tessard-check --root COPY ARGS as `uid`; standard error is not kept.
+  Outcome Check(const std::vector<std::string>& args, uid_t uid = 0) {
+    int out[2];
+    if (pipe(out) != 0) return {};
+    pid_t pid = fork();
+    if (pid == 0) {
+      dup2(out[1], 1);
+      int null = open("/dev/null", O_WRONLY);
+      dup2(null, 2);
+      // LeakSanitizer reads /proc at exit, which is not below the copy's root.
+      setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+      if (uid != 0 && (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
+                       setresuid(uid, uid, uid) != 0)) {
+        _exit(126);
+      }
+      std::vector<std::string> all{TESSARD_CHECK_BINARY, "--root", root_};
+      all.insert(all.end(), args.begin(), args.end());
+      std::vector<char*> argv;
+      for (std::string& arg : all) argv.push_back(arg.data());
+      argv.push_back(nullptr);
+      execv(TESSARD_CHECK_BINARY, argv.data());
+      _exit(127);
+    }
+    close(out[1]);
+    Outcome outcome{-1, read_pipe(out[0])};
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFEXITED(status)) outcome.exit = WEXITSTATUS(status);
+    return outcome;
+  }
+
+  std::string root_;
+};
+
+struct Fault {
+  const char* name;
+  const char* file;  // of the copy
+  const char* find;  // replaced by `replace`; null: the file is removed
+  const char* replace;
+  Outcome expected;
+};
+
+void PrintTo(const Fault& f, std::ostream* os) {
+  *os << f.name;
+}
+
+const Fault kFaults[] = {
+    {"Clean", kConfig, "", "", {0, ""}},
+    {"GrammarError",
+     kConfig,
+     R"(type = "int:min=576,max=9000")",
+     "type = 576",
+     {1,
+      "/etc/tessard/tessard.conf:40: grammar: /etc/tessard/tessard.conf: Expected option "
+      "value.\n"}},
+    {"MissingFile",
+     "/etc/hostname",
+     nullptr,
+     nullptr,
+     {1,
+      "/etc/tessard/tessard.conf:19: file: Backing file /etc/hostname of root.Network.Hostname "
+      "does not exist; the daemon would create it empty\n"}},
+    {"UnknownParser",
+     kConfig,
+     "SinglevalueParser",
+     "SingleValueParser",
+     {1,
+      "/etc/tessard/tessard.conf:19: parser: Specified parser (SingleValueParser) for "
+      "'root.Network.Hostname' doesn't exist!\n"}},
+    {"UnboundMount",
+     kConfig,
+     "Standard{ntp}{server}",
+     "Standard{ntp}{servers}",
+     {1,
+      "/etc/tessard/tessard.conf:107: mount: root.System.Time.NtpServer: mount "
+      "Standard{ntp}{servers} is found nowhere in /etc/sysconfig/time.conf\n"}},
+    {"DuplicateBinding",
+     kConfig,
+     "Shell{GATEWAY}",
+     "Shell{NETMASK}",
+     {1,
+      "/etc/tessard/tessard.conf:39: binding: root.Network.eth0.Gateway is bound to the same "
+      "place as root.Network.eth0.SubnetMask (/etc/sysconfig/ifcfg-eth0, mount Shell{NETMASK})\n"}},
+    {"ConstraintBreach",
+     "/etc/sysconfig/time.conf",
+     "interval 1024",
+     "interval 10",
+     {1,
+      "/etc/tessard/tessard.conf:108: constraint: NtpInterval received a value out of range when "
+      "defined. (/etc/sysconfig/time.conf holds 10, the daemon would store 64)\n"}},
+    {"NonIdempotentFile",
+     "/etc/sysconfig/time.conf",
+     "server \"pool.ntp.org\"",
+     "server pool.ntp.org",
+     {1,
+      "/etc/sysconfig/time.conf:9: roundtrip: the first write changes this file although no "
+      "value changed\n"
+      "--- /etc/sysconfig/time.conf\n"
+      "+++ /etc/sysconfig/time.conf (as the daemon writes it)\n"
+      "@@ -6,6 +6,6 @@\n \n [ntp]\n enabled yes\n-server pool.ntp.org\n+server \"pool.ntp.org\"\n"
+      " # Seconds between two queries\n interval 1024\n"}},
+    {"TemplateError",
+     "/usr/etc/sysconfig/template/eventrule_grp.conf",
+     "maxGroups = \"8\"",
+     "maxGroups = 8",
+     {1,
+      "/usr/etc/sysconfig/template/eventrule_grp.conf:3: template: "
+      "/usr/etc/sysconfig/template/eventrule_grp.conf: Expected option value.\n"}},
+    {"NoConfiguration", kConfig, nullptr, nullptr, {2, ""}},
+};
+
+class CheckFaultTest : public CheckTest, public ::testing::WithParamInterface<Fault> {};
+
+TEST_P(CheckFaultTest, ReportsTheFaultWhereItIs) {
+  const Fault& fault = GetParam();
+  if (fault.find == nullptr) {
+    ASSERT_EQ(unlink((root_ + fault.file).c_str()), 0) << fault.file;
+  } else {
+    Plant(fault.file, fault.find, fault.replace);
+  }
+  std::string before = Read("/etc/sysconfig/time.conf");
+  EXPECT_EQ(Check({kConfig}), fault.expected);
+  EXPECT_EQ(Read("/etc/sysconfig/time.conf"), before) << "a backing file was written";
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, CheckFaultTest, ::testing::ValuesIn(kFaults),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(CheckTest, RootWorksForAnOrdinaryUser) {
+  EXPECT_EQ(Check({kConfig}, kNobody), (Outcome{0, ""}));
+  Plant("/etc/sysconfig/time.conf", "interval 1024", "interval 99999");
+  EXPECT_EQ(Check({kConfig, "--json"}, kNobody),
+            (Outcome{1,
+                     "{\"findings\":[{\"kind\":\"constraint\",\"file\":\"/etc/tessard/"
+                     "tessard.conf\",\"line\":108,\"message\":\"NtpInterval received a value out "
+                     "of range when defined. (/etc/sysconfig/time.conf holds 99999, the daemon "
+                     "would store 86400)\"}]}\n"}));
+}
+
+}  // namespace
