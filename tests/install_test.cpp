@@ -41,6 +41,7 @@ TEST_F(InstallTest, PutsEveryPieceUnderThePrefix) {
   const Piece pieces[] = {
       {"sbin/tessard", true},
       {"bin/tessctl", true},
+      {"bin/tessard-check", true},
       {"share/bash-completion/completions/tessctl", false},
       {libdir + "/libtessard_client.a", false},
       {libdir + "/pkgconfig/tessard-client.pc", false},

@@ -40,13 +40,25 @@ group Net {
 group Closed {
   param Key { parser = Standardparser file = "/etc/net.conf" mount = "Standard{Root}{model}" }
 }
+group Sys {
+  accessControl = ":1;admin:3"
+  param Uptime { getter = "echo 42" type = "const:string" }
+  param Zone {
+    parser = Standardparser file = "/etc/net.conf" mount = "Standard{sys}{zone}"
+    setter = "/bin/true" dbus = "dbus-send --system /t t.Zone string:'$VALUE'"
+  }
+  param Pass {
+    parser = Standardparser file = "/etc/net.conf" mount = "Standard{sys}{pass}"
+    type = "writeonly:password:maxlen=8" accessControl = "admin:2"
+  }
+}
 )";
 
 // Every value is written as a rewrite writes it (quoted unless it is letters and digits only), so
 // that a rewrite changes nothing but the value that was set.
 constexpr char kNetFile[] =
     "# network\nhost cam1\nmodel \"X 100\"\nsecret s3cret\n"
-    "[eth0]\naddress \"10.0.0.5\"\nmtu 1500\n";
+    "[eth0]\naddress \"10.0.0.5\"\nmtu 1500\n[sys]\nzone UTC\npass hidden\n";
 
 constexpr char kRuleGroupTemplate[] = R"(group REPLACE_GROUP {
   accessControl = ":1;admin:f"
@@ -180,7 +192,7 @@ const ReadCase kReadCases[] = {
      kDave,
      {"info", "Nope", "0"},
      {18, "", "tessctl: root.Nope: no such group\n"}},
-    {"Groups", kDave, {"groups", "root"}, {0, "root.Cam\nroot.Closed\nroot.Net\n", ""}},
+    {"Groups", kDave, {"groups", "root"}, {0, "root.Cam\nroot.Closed\nroot.Net\nroot.Sys\n", ""}},
     {"GroupsOfNoGroup", kDave, {"groups", "Nope"}, {18, "", "tessctl: root.Nope: no such group\n"}},
     {"Tree",
      kDave,
@@ -196,6 +208,116 @@ const ReadCase kReadCases[] = {
     {"OptionOfNoParameter",
      kDave,
      {"option", "Net.Nothing", "type"},
+     {1, "", "tessctl: root.Net.Nothing: no such parameter\n"}},
+    {"ExplainPlain",
+     kDave,
+     {"explain", "Net.Host"},
+     {0,
+      "root.Net.Host\n"
+      "  value          cam1\n"
+      "  type           string:maxlen=8: a text of at most 8 characters\n"
+      "  flags          none\n"
+      "  read           yes, granted by \":1\"\n"
+      "  write          no, no entry of \":1;admin:3\" grants it to you\n"
+      "  accessControl  :1;admin:3\n"
+      "  file           /etc/net.conf\n"
+      "  parser         Standardparser\n"
+      "  mount          Standard{Root}{host}\n"
+      "  on change      nothing is announced\n",
+      ""}},
+    {"ExplainReadOnly",
+     kAlice,
+     {"explain", "Net.Model"},
+     {0,
+      "root.Net.Model\n"
+      "  value          X 100\n"
+      "  type           readonly:string: a text\n"
+      "  flags          readonly\n"
+      "  read           yes, granted by \":1\"\n"
+      "  write          no, the parameter is read-only\n"
+      "  accessControl  :1;admin:3\n"
+      "  file           /etc/net.conf\n"
+      "  parser         Standardparser\n"
+      "  mount          Standard{Root}{model}\n"
+      "  on change      nothing is announced\n",
+      ""}},
+    {"ExplainWriteOnly",
+     kSysop,
+     {"explain", "Sys.Pass"},
+     {0,
+      "root.Sys.Pass\n"
+      "  value          ***** (write-only)\n"
+      "  type           writeonly:password:maxlen=8: a password of at most 8 characters\n"
+      "  flags          writeonly\n"
+      "  read           yes, as a member of system\n"
+      "  write          yes, as a member of system\n"
+      "  accessControl  admin:2\n"
+      "  file           /etc/net.conf\n"
+      "  parser         Standardparser\n"
+      "  mount          Standard{sys}{pass}\n"
+      "  on change      nothing is announced\n",
+      ""}},
+    {"ExplainNotReadable",
+     kAlice,
+     {"--json", "explain", "Sys.Pass"},
+     {0,
+      "{\"path\":\"root.Sys.Pass\",\"value\":null,\"masked\":true,\"constraint\":\"a password of "
+      "at most 8 "
+      "characters\",\"flags\":[\"writeonly\"],\"read\":{\"allowed\":false,\"reason\":\"no entry of "
+      "\\\"admin:2\\\" grants it to you\"},\"write\":{\"allowed\":true,\"reason\":\"granted by "
+      "\\\"admin:2\\\"\"},\"options\":{\"type\":\"writeonly:password:maxlen=8\",\"accessControl\":"
+      "\"admin:2\",\"file\":\"/etc/"
+      "net.conf\",\"parser\":\"Standardparser\",\"mount\":\"Standard{sys}{pass}\"}}\n",
+      ""}},
+    {"ExplainGetter",
+     kDave,
+     {"explain", "Sys.Uptime"},
+     {0,
+      "root.Sys.Uptime\n"
+      "  value          42\\n\n"
+      "  type           const:string: a text\n"
+      "  flags          const\n"
+      "  read           yes, granted by \":1\"\n"
+      "  write          no, no entry of \":1;admin:3\" grants it to you\n"
+      "  accessControl  :1;admin:3\n"
+      "  getter         echo 42\n"
+      "  source         the getter's output, not a file\n",
+      ""}},
+    {"ExplainSetterWithDbus",
+     kCarol,
+     {"explain", "Sys.Zone"},
+     {0,
+      "root.Sys.Zone\n"
+      "  value          UTC\n"
+      "  type           a text\n"
+      "  flags          none\n"
+      "  read           yes, granted by \":1\"\n"
+      "  write          no, no entry of \":1;admin:3\" grants it to you\n"
+      "  accessControl  :1;admin:3\n"
+      "  file           /etc/net.conf\n"
+      "  parser         Standardparser\n"
+      "  mount          Standard{sys}{zone}\n"
+      "  dbus           dbus-send --system /t t.Zone string:'$VALUE'\n"
+      "  setter         /bin/true\n",
+      ""}},
+    {"ExplainClosed",
+     kRoot,
+     {"explain", "Closed.Key"},
+     {0,
+      "root.Closed.Key\n"
+      "  value          (not readable by you)\n"
+      "  type           a text\n"
+      "  flags          none\n"
+      "  read           no, no accessControl: closed to every client\n"
+      "  write          no, no accessControl: closed to every client\n"
+      "  file           /etc/net.conf\n"
+      "  parser         Standardparser\n"
+      "  mount          Standard{Root}{model}\n"
+      "  on change      nothing is announced\n",
+      ""}},
+    {"ExplainMissing",
+     kDave,
+     {"explain", "Net.Nothing"},
      {1, "", "tessctl: root.Net.Nothing: no such parameter\n"}},
     {"OptionNameRefused",
      kDave,
@@ -276,6 +398,20 @@ TEST_F(TessctlDaemonTest, CreateAndDeleteARule) {
   EXPECT_EQ(Tessctl(kAlice, {"create", "Cam.Rules", "rule"}), (Outcome{0, "R0\n", ""}));
   EXPECT_EQ(ReadFile(kRuleValues), "#Created by tessard\n[Cam.Rules.R0]\nname rule\n");
   EXPECT_EQ(Tessctl(kDave, {"get", "Cam.Rules.R0.Name"}), (Outcome{0, "rule\n", ""}));
+  EXPECT_EQ(Tessctl(kDave, {"explain", "Cam.Rules.R0.Name"}),
+            (Outcome{0,
+                     "root.Cam.Rules.R0.Name\n"
+                     "  value          rule\n"
+                     "  type           a text\n"
+                     "  flags          none\n"
+                     "  read           yes, granted by \":1\"\n"
+                     "  write          no, no entry of \":1;admin:f\" grants it to you\n"
+                     "  accessControl  :1;admin:f\n"
+                     "  file           /etc/dynamic/cam_rules.conf\n"
+                     "  parser         Standardparser\n"
+                     "  mount          Standard{Cam.Rules.R0}{name}\n"
+                     "  on change      nothing is announced\n",
+                     ""}));
   EXPECT_EQ(Tessctl(kDave, {"groups", "Cam.Rules"}), (Outcome{0, "root.Cam.Rules.R0\n", ""}));
   EXPECT_EQ(Tessctl(kAlice, {"create", "--number", "0", "Cam.Rules", "rule"}),
             (Outcome{6, "", "tessctl: root.Cam.Rules: group limit reached\n"}));
@@ -288,6 +424,42 @@ TEST_F(TessctlDaemonTest, CreateAndDeleteARule) {
             (Outcome{16, "", "tessctl: root.Cam.Rules.R0.Name: no such parameter\n"}));
   EXPECT_EQ(Tessctl(kAlice, {"delete", "Cam.Rules.R0"}),
             (Outcome{1, "", "tessctl: root.Cam.Rules.R0: group could not be deleted\n"}));
+}
+
+// The completion function driven as bash drives it: the words typed so far, the last being
+// completed, and the candidates it offers, asked of the daemon one group at a time.
+TEST_F(TessctlDaemonTest, CompletesCommandsOptionsAndPaths) {
+  struct Completion {
+    std::vector<std::string> words;
+    std::string expected;  // one candidate per line
+  };
+  const Completion completions[] = {
+      {{"ex"}, "explain\n"},
+      {{"--j"}, "--json\n"},
+      {{"get", ""}, "Cam.\nClosed.\nNet.\nSys.\n"},
+      {{"--quiet", "get", "Net."}, "Net.Eth0.\nNet.Host\nNet.Model\nNet.Secret\n"},
+      {{"get", "root.net.e"}, "root.Net.Eth0.\n"},
+      {{"list", "Net."}, "Net.Eth0.\n"},
+      {{"option", "Net.Host", "acc"}, "accessControl\n"},
+      {{"get", "Nope."}, ""},
+  };
+  for (const Completion& c : completions) {
+    std::string words = "'" TESSCTL_BINARY "'";
+    for (const std::string& word : c.words) words += " '" + word + "'";
+    std::string script = "source '" TESSCTL_COMPLETION "'; COMP_WORDS=(" + words +
+                         "); COMP_CWORD=" + std::to_string(c.words.size()) +
+                         "; _tessctl; printf '%s\\n' \"${COMPREPLY[@]}\" | sed '/^$/d'";
+    unlink(kOutFile);
+    int exit = RunAs(kDave, [&] {
+      int out = open(kOutFile, O_WRONLY | O_CREAT | O_EXCL, 0644);
+      if (out < 0 || dup2(out, 1) < 0) return 254;
+      alarm(kTimeLimitSeconds);
+      execl("/bin/bash", "bash", "-c", script.c_str(), nullptr);
+      return 253;
+    });
+    EXPECT_EQ(exit, 0) << words;
+    EXPECT_EQ(ReadFile(kOutFile), c.expected) << words;
+  }
 }
 
 }  // namespace

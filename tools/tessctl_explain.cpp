@@ -108,8 +108,11 @@ struct Explanation {
 
 void append_text_line(std::string* out, std::string_view label, std::string_view text) {
   std::string line = "  " + std::string(label);
-  line.resize(14, ' ');
-  *out += line + std::string(text) + "\n";
+  line.resize(17, ' ');
+  for (char c : text) {
+    line += c == '\n' ? std::string("\\n") : std::string(1, c);  // one line per item
+  }
+  *out += line + "\n";
 }
 
 std::string flag_list(const std::string& type, const char* separator) {
