@@ -19,6 +19,8 @@ TEST(DemoTest, TourCompletesWithoutATerminal) {
         "3. alice (admin) sets the time zone", "4. Rules and limits",
         "5. Dynamic groups: alice creates an event rule and deletes it again",
         "6. D-Bus messages seen on the system bus",
+        "7. tessard-check: the configuration checked without a daemon",
+        "8. tessctl explain: why a parameter behaves as it does",
         "The tour is complete: every step behaved as shown."}) {
     EXPECT_NE(output.find(step), std::string::npos) << "missing step: " << step;
   }
