@@ -30,8 +30,9 @@
 namespace {
 
 constexpr const char* kTemplateDirs[] = {"/usr/etc/sysconfig/template", "/etc/sysconfig/template"};
-constexpr const char* kGroupTemplateSuffix = "_grp.conf";
-constexpr const char* kCheckGroupPath = "Check.T0";
+constexpr std::string_view kGroupTemplateSuffix = "_grp.conf";
+constexpr std::string_view kValueTemplateSuffix = "_par.conf";
+constexpr int kFirstCheckGroup = 9000;  // checked templates become root.T9000, root.T9001, ...
 constexpr const char* kCheckValueFile = "/etc/dynamic/check.conf";
 
 // What the daemon's code logged since the last take_log().
@@ -94,12 +95,14 @@ class Checker {
   bool check_binding(Param* param, const std::string& path);
   void read_value(Param* param, Group* group, const std::string& path);
   void check_group_template(const std::string& path);
+  void check_value_template(const std::string& path, const std::string& group_path);
 
   std::vector<Finding>* findings_;
   std::map<std::string, Location> declarations_;  // parameter path: first declaration
   std::map<std::string, std::string> bindings_;   // file and mount: the first parameter's path
   std::set<std::string> bad_files_;               // reported once, not read
   std::map<std::string, Param*> files_;           // readable backing files: a parameter of each
+  int templates_ = 0;                             // checked so far
 };
 
 Location Checker::declared(const Param* param) const {
@@ -290,25 +293,37 @@ void Checker::check_round_trips() {
   }
 }
 
-// A group template as the daemon substitutes it for a new group, through the configuration
-// parser. The substitution adds one marker line behind the REPLACE_GROUP line; lines are counted
-// in the template itself.
-void Checker::check_group_template(const std::string& path) {
+// The template at path substituted as the daemon substitutes it for the group at group_path
+// (without "root."); file_name is given for group templates. False after a finding.
+bool substituted(const std::string& path, const std::string& group_path, const char* file_name,
+                 std::string* text) {
   char* buffer = nullptr;
   size_t size = 0;
   FILE* out = open_memstream(&buffer, &size);
-  if (out == nullptr) return;
-  int merged = merge_text(out, path, path, kCheckGroupPath, kCheckValueFile);
+  if (out == nullptr) return false;
+  int merged = merge_text(out, path, path, group_path, file_name);
   fclose(out);
-  std::string text(buffer, size);
+  text->assign(buffer, size);
   free(buffer);
-  if (merged != 0) {
+  return merged == 0;
+}
+
+// A group template through the configuration parser, into a group of its own. The substitution
+// adds one marker line behind the REPLACE_GROUP line; lines are counted in the template itself.
+void Checker::check_group_template(const std::string& path) {
+  std::string group_path = "Check.T" + std::to_string(kFirstCheckGroup + templates_++);
+  std::string text;
+  take_log();
+  if (!substituted(path, group_path, kCheckValueFile, &text)) {
     add("template", {path, 0}, joined(take_log()));
     return;
   }
   ConfigReport report;
-  take_log();
-  if (config_parseText(text, path.c_str(), 1, &report) == 0) return;
+  if (config_parseText(text, path.c_str(), 1, &report) == 0) {
+    std::string values = path.substr(0, path.size() - kGroupTemplateSuffix.size());
+    check_value_template(values + std::string(kValueTemplateSuffix), group_path);
+    return;
+  }
   std::string original;
   read_text(path, &original);
   size_t group_at = original.find("REPLACE_GROUP");
@@ -317,6 +332,38 @@ void Checker::check_group_template(const std::string& path) {
   int line = report.error.line;
   if (group_at != std::string::npos && line > group_line) --line;
   add("template", {path, line}, report.error.message);
+}
+
+// The first values of a new group: its value template must give every parameter of the group
+// template a value, through the parser the parameters name.
+void Checker::check_value_template(const std::string& path, const std::string& group_path) {
+  std::string text;
+  if (access(path.c_str(), F_OK) != 0 || !substituted(path, group_path, nullptr, &text)) {
+    add("template", {path, 0}, "the value template cannot be read: " + joined(take_log()));
+    return;
+  }
+  std::string own = group_path.substr(group_path.rfind('.') + 1);
+  Group* group = map_getGroupByPath(("root." + own).c_str());
+  if (group == nullptr || group->params == nullptr) return;
+  Option* parser_name = map_getParamOption(group->params, "parser");
+  const ParserEntry* parser = parser_find(parser_name ? parser_name->value : nullptr);
+  if (parser == nullptr) return;  // reported with the group's parameters when one is created
+  if (parser_runOnText(parser->parse, text, path.c_str(), group->path, 1, nullptr) != 0) {
+    mif_reset();
+    add("template", {path, 0},
+        "the parser could not read the value template: " + joined(take_log()));
+    return;
+  }
+  for (Param* param = group->params; param != nullptr; param = param->next) {
+    Option* mount = map_getParamOption(param, "mount");
+    if (param->hasGetter || param->synced || mount == nullptr) continue;
+    std::string shown = mount->value;  // as the template writes it
+    for (size_t at; (at = shown.find(group_path)) != std::string::npos;) {
+      shown.replace(at, group_path.size(), "REPLACE");
+    }
+    add("template", {path, 0},
+        std::string(param->name) + ": mount " + shown + " is not in the value template");
+  }
 }
 
 void Checker::check_templates() {

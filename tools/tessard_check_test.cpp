@@ -179,6 +179,13 @@ const Fault kFaults[] = {
      {1,
       "/usr/etc/sysconfig/template/eventrule_grp.conf:3: template: "
       "/usr/etc/sysconfig/template/eventrule_grp.conf: Expected option value.\n"}},
+    {"ValueTemplateLacksAValue",
+     "/usr/etc/sysconfig/template/eventrule_par.conf",
+     "duration 10",
+     "duration",
+     {1,
+      "/usr/etc/sysconfig/template/eventrule_par.conf: template: Duration: mount "
+      "Standard{REPLACE}{duration} is not in the value template\n"}},
     {"NoConfiguration", kConfig, nullptr, nullptr, {2, ""}},
 };
 
