@@ -99,10 +99,11 @@ class Checker {
 
   std::vector<Finding>* findings_;
   std::map<std::string, Location> declarations_;  // parameter path: first declaration
-  std::map<std::string, std::string> bindings_;   // file and mount: the first parameter's path
-  std::set<std::string> bad_files_;               // reported once, not read
-  std::map<std::string, Param*> files_;           // readable backing files: a parameter of each
-  int templates_ = 0;                             // checked so far
+  // Per backing file: each mount bound so far and the path of the parameter bound to it.
+  std::map<std::string, std::vector<std::pair<std::string, std::string>>> bindings_;
+  std::set<std::string> bad_files_;      // reported once, not read
+  std::map<std::string, Param*> files_;  // readable backing files: a parameter of each
+  int templates_ = 0;                    // checked so far
 };
 
 Location Checker::declared(const Param* param) const {
@@ -179,28 +180,48 @@ bool Checker::usable_backing_file(Param* param, std::string* path) {
     return true;
   }
   bad_files_.insert(*path);
-  if (errno == ENOENT) {
+  int error = errno;
+  std::string dir = path->substr(0, path->rfind('/') + 1);
+  struct stat st;
+  if (error == ENOENT &&
+      (stat(dir.empty() ? "." : dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))) {
+    add("file", declared(param),
+        "Backing file " + *path + " of " + param->path +
+            " does not exist, and the daemon cannot create it: its directory is missing");
+  } else if (error == ENOENT) {
     add("file", declared(param),
         "Backing file " + *path + " of " + param->path +
             " does not exist; the daemon would create it empty");
   } else {
     add("file", declared(param),
-        "Couldn't open file '" + *path + "' for input!: " + errno_text(errno));
+        "Couldn't open file '" + *path + "' for input!: " + errno_text(error));
   }
   return false;
 }
 
-// False for a parameter bound to the place of an earlier one (reported): that one takes the
-// value, so this one would never get it.
+// Whether the place `inner` lies within `outer` (or is it): its mount continues outer's with
+// further sections.
+bool within(std::string_view inner, std::string_view outer) {
+  return inner.starts_with(outer) && (inner.size() == outer.size() || inner[outer.size()] == '{');
+}
+
+// False for a parameter bound to the place of an earlier one, or to a place inside it or around
+// it (reported): only one of them can take the value there.
 bool Checker::check_binding(Param* param, const std::string& path) {
   Option* mount = map_getParamOption(param, "mount");
   if (mount == nullptr) return true;
-  auto [first, added] = bindings_.try_emplace(path + "\n" + mount->value, param->path);
-  if (added) return true;
-  add("binding", declared(param),
-      std::string(param->path) + " is bound to the same place as " + first->second + " (" + path +
-          ", mount " + mount->value + ")");
-  return false;
+  auto& bound = bindings_[path];
+  for (const auto& [other, other_path] : bound) {
+    if (!within(mount->value, other) && !within(other, mount->value)) continue;
+    std::string how = other == mount->value ? " is bound to the same place as "
+                                            : " is bound to a place inside or around that of ";
+    add("binding", declared(param),
+        std::string(param->path) + how + other_path + " (" + path + ", mount " + mount->value +
+            (other == mount->value ? "" : " and " + other) + ")");
+    return false;
+  }
+  bound.emplace_back(mount->value, param->path);
+  return true;
 }
 
 std::string value_text(const Param* param) {
