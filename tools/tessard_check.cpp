@@ -4,6 +4,7 @@
 // instead of created, and the round trip runs a parser's write mode into memory only.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,6 +49,56 @@ constexpr std::string_view kFatalMarker = "Last error fatal. Exit.";
 std::vector<Finding>* current_findings = nullptr;
 void (*on_fatal)(const std::vector<Finding>&) = nullptr;
 
+// The configuration parser prints its complaints about parameter list files on standard output.
+// While it runs, standard output goes to memory; the lines become findings.
+class StdoutCapture {
+ public:
+  StdoutCapture() {
+    fflush(stdout);
+    memory_ = memfd_create("tessard-check-stdout", MFD_CLOEXEC);
+    saved_ = memory_ >= 0 ? dup(STDOUT_FILENO) : -1;
+    if (saved_ >= 0) dup2(memory_, STDOUT_FILENO);
+    active() = this;
+  }
+  ~StdoutCapture() {
+    restore();
+    if (memory_ >= 0) close(memory_);
+    active() = nullptr;
+  }
+  StdoutCapture(const StdoutCapture&) = delete;
+  StdoutCapture& operator=(const StdoutCapture&) = delete;
+
+  void restore() {
+    fflush(stdout);
+    if (saved_ < 0) return;
+    dup2(saved_, STDOUT_FILENO);
+    close(saved_);
+    saved_ = -1;
+  }
+  // What was printed, one line per element.
+  std::vector<std::string> lines() {
+    restore();
+    std::vector<std::string> lines;
+    std::unique_ptr<FILE, int (*)(FILE*)> in(memory_ >= 0 ? fdopen(dup(memory_), "r") : nullptr,
+                                             fclose);
+    if (!in) return lines;
+    rewind(in.get());
+    char line[1024];
+    while (fgets(line, sizeof line, in.get()) != nullptr) {
+      lines.emplace_back(line, strcspn(line, "\n"));
+    }
+    return lines;
+  }
+  static StdoutCapture*& active() {
+    static StdoutCapture* capture = nullptr;
+    return capture;
+  }
+
+ private:
+  int memory_ = -1;
+  int saved_ = -1;
+};
+
 // log_fatal logs its message and then the marker, and exits when the sink returns.
 void collect(int /*priority*/, const char* message) {
   if (message != kFatalMarker || current_findings == nullptr) {
@@ -56,6 +107,7 @@ void collect(int /*priority*/, const char* message) {
   }
   std::string last = logged().empty() ? "" : logged().back();
   current_findings->push_back({"fatal", "", 0, last + " (the daemon would end here)", ""});
+  if (StdoutCapture::active() != nullptr) StdoutCapture::active()->restore();
   if (on_fatal != nullptr) on_fatal(*current_findings);
 }
 
@@ -154,8 +206,10 @@ void Checker::load_dir(const std::string& dir) {
 }
 
 void Checker::load(const CheckRequest& request) {
+  StdoutCapture printed;
   load_file(request.config);
   for (const std::string& dir : request.dirs) load_dir(dir);
+  for (const std::string& line : printed.lines()) add("file", {}, line);
 }
 
 // Whether the parameter's backing file can be read; reports why not (once per file).
