@@ -41,18 +41,24 @@ std::string read_pipe(int fd) {
 
 class CheckTest : public ::testing::Test {
  protected:
+  // The copy and the program in a directory of their own that every user may enter, so that an
+  // ordinary user runs them whatever the build tree's permissions are.
   void SetUp() override {
-    std::string pattern = std::string(TESSARD_BUILD_DIR) + "/checkXXXXXX";
+    const char* tmp = getenv("TMPDIR");
+    std::string pattern = std::string(tmp != nullptr ? tmp : "/tmp") + "/tessard_check_test.XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
-    ASSERT_EQ(system(("cp -r '" TESSARD_EXAMPLE_DIR "/.' '" + root_ + "' && chmod -R a+rX '" +
-                      root_ + "'")
+    dir_ = pattern;
+    root_ = dir_ + "/root";
+    binary_ = dir_ + "/tessard-check";
+    ASSERT_EQ(system(("cp -r '" TESSARD_EXAMPLE_DIR "' '" + root_ +
+                      "' && cp '" TESSARD_CHECK_BINARY "' '" + binary_ + "' && chmod -R a+rX '" +
+                      dir_ + "'")
                          .c_str()),
               0);
   }
   void TearDown() override {
-    if (!root_.empty()) {
-      EXPECT_EQ(system(("rm -rf '" + root_ + "'").c_str()), 0);
+    if (!dir_.empty()) {
+      EXPECT_EQ(system(("rm -rf '" + dir_ + "'").c_str()), 0);
     }
   }
 
@@ -86,12 +92,12 @@ class CheckTest : public ::testing::Test {
                        setresuid(uid, uid, uid) != 0)) {
         _exit(126);
       }
-      std::vector<std::string> all{TESSARD_CHECK_BINARY, "--root", root_};
+      std::vector<std::string> all{binary_, "--root", root_};
       all.insert(all.end(), args.begin(), args.end());
       std::vector<char*> argv;
       for (std::string& arg : all) argv.push_back(arg.data());
       argv.push_back(nullptr);
-      execv(TESSARD_CHECK_BINARY, argv.data());
+      execv(binary_.c_str(), argv.data());
       _exit(127);
     }
     close(out[1]);
@@ -102,7 +108,9 @@ class CheckTest : public ::testing::Test {
     return outcome;
   }
 
-  std::string root_;
+  std::string dir_;
+  std::string root_;    // the copy of the example device
+  std::string binary_;  // tessard-check
 };
 
 struct Fault {
