@@ -16,7 +16,6 @@ constexpr const char* kSource = "mappinginterface";
 constexpr int kRootSection = 1;
 constexpr int kSection = 2;
 constexpr size_t kFragmentSize = 65;
-constexpr size_t kSectionNameMax = 62;
 
 struct MappingContextEntry {
   MappingContextEntry* next;

@@ -1,0 +1,31 @@
+// Shared set-up of the fuzz targets. Linking it also replaces syslog() for the whole program: the
+// lines are dropped (printed to standard error when TESSARD_FUZZ_LOG is set), so that millions of
+// inputs do not flood the host's log.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tessard::fuzz {
+
+// A new scratch directory below $TMPDIR (or /tmp), removed when the process exits normally. Also
+// points the D-Bus addresses into it, so that no message of a fuzzed input reaches a real bus.
+std::string scratch_dir();
+
+void write_file(const std::string& path, std::string_view text);
+
+// The token types and the six registered parsers, once per process.
+void start_parsers();
+
+// The example device below `dir` (its master configuration with the paths moved into `dir`,
+// without setters, getters and D-Bus messages), started as the daemon starts it up to the server
+// loop: dynamic directories, parsers, mapping interface, the tree read and synchronised, the user
+// cache. Calling it again puts every file back and rebuilds the tree.
+void start_example_device(const std::string& dir);
+
+// Runs `body`; a fatal error inside it (log_fatal) returns false instead of ending the process.
+// What the interrupted code held open (descriptors, mappings) is released. Only for code whose
+// fatal errors are by design, such as grammar errors of the master configuration.
+bool run_catching_fatal(void (*body)(const std::string&), const std::string& argument);
+
+}  // namespace tessard::fuzz
