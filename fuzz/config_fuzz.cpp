@@ -9,7 +9,9 @@
 
 namespace {
 
-void load(const std::string& path) { map_init(path.c_str()); }
+void load(const std::string& path) {
+  map_init(path.c_str());
+}
 
 }  // namespace
 

@@ -137,8 +137,8 @@ void release_leftovers(const std::set<int>& fds_before, const std::set<uintptr_t
 
 std::string scratch_dir() {
   const char* base = getenv("TMPDIR");
-  std::string dir = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                    "/tessard-fuzz.XXXXXX";
+  std::string dir =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tessard-fuzz.XXXXXX";
   if (mkdtemp(dir.data()) == nullptr) {
     perror("mkdtemp");
     abort();

@@ -113,9 +113,10 @@ TEST_F(CrashConsistencyTest, KilledDaemonKeepsEveryAcknowledgedWrite) {
     ASSERT_EQ(WaitExit(pid), 128 + SIGKILL);
     leftovers += leftover_files() > 0;
   }
-  printf("crash test: %d kills, %d SETs sent, %d values torn, empty or older, %d kills left a "
-         "temporary file behind\n",
-         kills, next.load(), torn_or_old, leftovers);
+  printf(
+      "crash test: %d kills, %d SETs sent, %d values torn, empty or older, %d kills left a "
+      "temporary file behind\n",
+      kills, next.load(), torn_or_old, leftovers);
 }
 
 }  // namespace
