@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz/fuzz_support.h"
 #include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
@@ -17,6 +18,7 @@ std::unique_ptr<unsigned char, FreeDeleter> bytes_of(const Data* data, int* leng
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  tessard::fuzz::silence_log();
   int error = 0;
   legacy_drep_byteToIntChecked(data, size, &error);
   int consumed = 0;

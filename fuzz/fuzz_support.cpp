@@ -1,24 +1,15 @@
 #include "fuzz/fuzz_support.h"
 
-#include <dirent.h>
-#include <sanitizer/lsan_interface.h>
-#include <sys/mman.h>
-#include <syslog.h>
-#include <unistd.h>
-
-#include <csetjmp>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
 #include <sstream>
 #include <vector>
 
 #include "dynamic/dynamic.h"
+#include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
@@ -29,12 +20,8 @@ namespace fs = std::filesystem;
 namespace tessard::fuzz {
 namespace {
 
-jmp_buf* fatal_trap = nullptr;
-
-void print_line(const char* format, va_list args) {
-  if (getenv("TESSARD_FUZZ_LOG") == nullptr) return;
-  vfprintf(stderr, format, args);
-  fputc('\n', stderr);
+void print_line(int /*priority*/, const char* message) {
+  if (getenv("TESSARD_FUZZ_LOG") != nullptr) fprintf(stderr, "%s\n", message);
 }
 
 std::vector<std::string>& scratch_dirs() {
@@ -89,53 +76,14 @@ std::map<std::string, std::string> example_files(const std::string& dir) {
   return files;
 }
 
-std::set<int> open_descriptors() {
-  std::set<int> fds;
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return fds;
-  while (const dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') fds.insert(atoi(entry->d_name));
-  }
-  fds.erase(dirfd(dir));
-  closedir(dir);
-  return fds;
-}
-
-// Read-only shared mappings (the configuration parser maps its files so), as start addresses.
-std::set<uintptr_t> shared_mappings() {
-  std::set<uintptr_t> starts;
-  std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) {
-    uintptr_t start = 0, end = 0;
-    char perms[5] = {};
-    if (sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, perms) == 3 &&
-        strcmp(perms, "r--s") == 0) {
-      starts.insert(start);
-    }
-  }
-  return starts;
-}
-
-void release_leftovers(const std::set<int>& fds_before, const std::set<uintptr_t>& maps_before) {
-  for (int fd : open_descriptors()) {
-    if (fds_before.count(fd) == 0) close(fd);
-  }
-  std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) {
-    uintptr_t start = 0, end = 0;
-    char perms[5] = {};
-    if (sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, perms) == 3 &&
-        strcmp(perms, "r--s") == 0 && maps_before.count(start) == 0) {
-      munmap(reinterpret_cast<void*>(start), end - start);
-    }
-  }
-}
-
 }  // namespace
 
+void silence_log() {
+  log_setSink(print_line);
+}
+
 std::string scratch_dir() {
+  silence_log();
   const char* base = getenv("TMPDIR");
   std::string dir =
       std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tessard-fuzz.XXXXXX";
@@ -159,6 +107,7 @@ void start_parsers() {
   static bool started = false;
   if (started) return;
   started = true;
+  silence_log();
   parser_init();
   mif_init();
 }
@@ -189,39 +138,4 @@ void start_example_device(const std::string& dir) {
   map_sync(0, 1);
 }
 
-bool run_catching_fatal(void (*body)(const std::string&), const std::string& argument) {
-  static const std::set<uintptr_t> maps_before = shared_mappings();
-  const std::set<int> fds_before = open_descriptors();
-  jmp_buf trap;
-  // What the interrupted code allocated is not a leak of its own making.
-  __lsan_disable();
-  if (setjmp(trap) != 0) {
-    fatal_trap = nullptr;
-    __lsan_enable();
-    release_leftovers(fds_before, maps_before);
-    return false;
-  }
-  fatal_trap = &trap;
-  body(argument);
-  fatal_trap = nullptr;
-  __lsan_enable();
-  return true;
-}
-
 }  // namespace tessard::fuzz
-
-extern "C" void vsyslog(int /*priority*/, const char* format, va_list args) {
-  tessard::fuzz::print_line(format, args);
-}
-
-// log_fatal ends with this line before it calls exit(): a trap set by run_catching_fatal
-// returns there instead.
-extern "C" void syslog(int /*priority*/, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  tessard::fuzz::print_line(format, args);
-  va_end(args);
-  if (tessard::fuzz::fatal_trap != nullptr && strcmp(format, "Last error fatal. Exit.") == 0) {
-    longjmp(*tessard::fuzz::fatal_trap, 1);
-  }
-}

@@ -1,6 +1,4 @@
-// Shared set-up of the fuzz targets. Linking it also replaces syslog() for the whole program: the
-// lines are dropped (printed to standard error when TESSARD_FUZZ_LOG is set), so that millions of
-// inputs do not flood the host's log.
+// Shared set-up of the fuzz targets.
 #pragma once
 
 #include <string>
@@ -8,8 +6,13 @@
 
 namespace tessard::fuzz {
 
+// Drops what the code under test logs (prints it to standard error when TESSARD_FUZZ_LOG is set),
+// so that millions of inputs do not flood the host's log.
+void silence_log();
+
 // A new scratch directory below $TMPDIR (or /tmp), removed when the process exits normally. Also
-// points the D-Bus addresses into it, so that no message of a fuzzed input reaches a real bus.
+// points the D-Bus addresses into it, so that no message of a fuzzed input reaches a real bus,
+// and silences the log.
 std::string scratch_dir();
 
 void write_file(const std::string& path, std::string_view text);
@@ -22,10 +25,5 @@ void start_parsers();
 // loop: dynamic directories, parsers, mapping interface, the tree read and synchronised, the user
 // cache. Calling it again puts every file back and rebuilds the tree.
 void start_example_device(const std::string& dir);
-
-// Runs `body`; a fatal error inside it (log_fatal) returns false instead of ending the process.
-// What the interrupted code held open (descriptors, mappings) is released. Only for code whose
-// fatal errors are by design, such as grammar errors of the master configuration.
-bool run_catching_fatal(void (*body)(const std::string&), const std::string& argument);
 
 }  // namespace tessard::fuzz
