@@ -53,9 +53,9 @@ class OutputText {
     ++pos_;
   }
   void put(std::string_view s) {
-    for (char c : s) {
-      put(c);
-    }
+    size_t over = std::min(s.size(), text_.size() - pos_);
+    text_.replace(pos_, over, s.data(), s.size());
+    pos_ += s.size();
   }
   void unput() {
     if (pos_ > 0) {
@@ -137,19 +137,21 @@ void report_nul() {
   log_error(kSource, "Possible corruption in configuration file: %s", fw.path.c_str());
 }
 
-// A "#" line: every character up to and including the newline.
+// A "#" line: every character up to and including the newline, copied through at once.
 void pass_comment() {
-  while (fw.cursor < fw.input.size()) {
-    char c = fw.input[fw.cursor];
-    if (c == 0) {
-      report_nul();
-    }
-    pass_char();
-    if (c == '\n') {
-      ++fw.line;
-      fw.at_line_start = true;
-      return;
-    }
+  std::string_view rest = fw.input.substr(fw.cursor);
+  size_t end = rest.find('\n');
+  std::string_view line = rest.substr(0, end == std::string_view::npos ? rest.size() : end + 1);
+  if (line.find('\0') != std::string_view::npos) {
+    report_nul();
+  }
+  if (copying()) {
+    fw.output->put(line);
+  }
+  fw.cursor += line.size();
+  if (end != std::string_view::npos) {
+    ++fw.line;
+    fw.at_line_start = true;
   }
 }
 
@@ -288,6 +290,16 @@ void ctok_newChar() {
   fw.current = char_at(fw.cursor + static_cast<size_t>(fw.position));
 }
 
+void ctok_newCharsWhile(bool (*keep)(int)) {
+  size_t offset = fw.cursor + static_cast<size_t>(fw.position);
+  const size_t size = fw.input.size();
+  while (offset < size && keep(static_cast<unsigned char>(fw.input[offset]))) {
+    ++offset;
+  }
+  fw.position = static_cast<int>(offset - fw.cursor);
+  fw.current = char_at(offset);
+}
+
 int pif_acceptToken(int type, const char* expected) {
   HandlerNode* handler = find_handler(type);
   if (handler == nullptr || !fw.active) {
@@ -402,7 +414,9 @@ int pif_getLineNumber() {
   return fw.line;
 }
 
-int pif_isReadonly() { return fw.active && fw.readonly ? 1 : 0; }
+int pif_isReadonly() {
+  return fw.active && fw.readonly ? 1 : 0;
+}
 
 void pif_setSynchronization(int on) {
   fw.synchronization = on != 0;

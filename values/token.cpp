@@ -16,11 +16,43 @@ constexpr const char* kSource = "token";
 constexpr int kStrongQuotedMax = 1024;
 constexpr int kScratchSize = 100;
 
-bool is_high(int ch) {
-  return ch >= 161;
-}
 bool is_digit(int ch) {
-  return ch >= 0 && ch <= 255 && isdigit(ch);
+  return ch >= '0' && ch <= '9';
+}
+
+// Character classes as a table: a call into the C library per character was a large part of
+// reading and rewriting a file.
+enum CharClass : uint8_t { kGraph = 1, kAlnum = 2, kSpace = 4 };
+
+constexpr uint8_t class_of(int ch) {
+  uint8_t c = 0;
+  if ((ch > ' ' && ch < 127) || ch >= 161) c |= kGraph;
+  if ((ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'Z') || (ch >= 'a' && ch <= 'z') ||
+      ch >= 161) {
+    c |= kAlnum;
+  }
+  if (ch == ' ' || (ch >= '\t' && ch <= '\r')) c |= kSpace;
+  return c;
+}
+
+struct ClassTable {
+  uint8_t classes[256];
+  constexpr ClassTable() : classes() {
+    for (int ch = 0; ch < 256; ++ch) classes[ch] = class_of(ch);
+  }
+};
+
+constexpr ClassTable kClasses;
+
+bool in_class(int ch, uint8_t mask) {
+  return ch >= 0 && ch <= 255 && (kClasses.classes[ch] & mask) != 0;
+}
+
+bool word_char(int ch) {
+  return ch != 0 && !in_class(ch, kSpace);
+}
+bool key_char(int ch) {
+  return ch != 0 && ch != '=' && !in_class(ch, kSpace);
 }
 bool is_line_break(int ch) {
   return ch == '\n' || ch == '\r';
@@ -101,25 +133,19 @@ int acceptStringToken(Token* token, const int* ch, const char* const* buffer, co
   if (!token_isgraph(*ch)) {
     return -1;
   }
-  while (token_isgraph(*ch)) {
-    ctok_newChar();
-  }
+  ctok_newCharsWhile(token_isgraph);
   return finish_quoted(token, consumed(buffer, count), expected, 0);
 }
 
-int acceptWordToken(Token* token, const int* ch, const char* const* buffer, const int* count,
+int acceptWordToken(Token* token, const int* /*ch*/, const char* const* buffer, const int* count,
                     const char* expected) {
-  while (*ch != 0 && !token_isspace(*ch)) {
-    ctok_newChar();
-  }
+  ctok_newCharsWhile(word_char);
   return finish(token, consumed(buffer, count), expected);
 }
 
-int acceptKeyToken(Token* token, const int* ch, const char* const* buffer, const int* count,
+int acceptKeyToken(Token* token, const int* /*ch*/, const char* const* buffer, const int* count,
                    const char* expected) {
-  while (*ch != 0 && *ch != '=' && !token_isspace(*ch)) {
-    ctok_newChar();
-  }
+  ctok_newCharsWhile(key_char);
   return finish(token, consumed(buffer, count), expected);
 }
 
@@ -206,9 +232,7 @@ int acceptIntegerToken(Token* token, const int* ch, const char* const* buffer, c
   if (!is_digit(*ch)) {
     return -1;
   }
-  while (is_digit(*ch)) {
-    ctok_newChar();
-  }
+  ctok_newCharsWhile(is_digit);
   std::string digits(consumed(buffer, count));
   if (finish(token, digits, expected) != 0) {
     return -1;
@@ -232,11 +256,9 @@ bool parse_octet(std::string_view text, size_t* pos, uint8_t* octet) {
   return *pos > start;
 }
 
-int acceptIpaddrToken(Token* token, const int* ch, const char* const* buffer, const int* count,
+int acceptIpaddrToken(Token* token, const int* /*ch*/, const char* const* buffer, const int* count,
                       const char* expected) {
-  while (*ch != 0 && !token_isspace(*ch)) {
-    ctok_newChar();
-  }
+  ctok_newCharsWhile(word_char);
   std::string_view text = consumed(buffer, count);
   uint8_t octets[4];
   size_t pos = 0;
@@ -300,15 +322,16 @@ void putSectionToken(Token* token) {
 
 void putValueToken(Token* token) {
   token->quote = '\'';
-  ctok_putChar('\'');
+  std::string out = "'";
   for (const char* p = text_of(token); *p != 0; ++p) {
     if (*p == '\'') {
-      ctok_putString("'\\''");
+      out += "'\\''";
     } else {
-      ctok_putChar(static_cast<unsigned char>(*p));
+      out += *p;
     }
   }
-  ctok_putChar('\'');
+  out += '\'';
+  ctok_putString(out.c_str());
 }
 
 bool is_bare_word(const char* text) {
@@ -332,14 +355,16 @@ void putStringToken(Token* token) {
   if (token->quote == 0) {
     token->quote = '"';
   }
-  ctok_putChar(token->quote);
+  // Built whole and written at once; a quote character of 0 cannot occur here.
+  std::string out(1, static_cast<char>(token->quote));
   for (; *text != 0; ++text) {
     if (*text == '"' || *text == '\\') {
-      ctok_putChar('\\');
+      out += '\\';
     }
-    ctok_putChar(static_cast<unsigned char>(*text));
+    out += *text;
   }
-  ctok_putChar(token->quote);
+  out += static_cast<char>(token->quote);
+  ctok_putString(out.c_str());
 }
 
 // Gives up an owned buffer after a failed allocation.
@@ -356,13 +381,13 @@ int out_of_memory(Token* token, const char* message) {
 }  // namespace
 
 bool token_isgraph(int ch) {
-  return is_high(ch) || (ch >= 0 && ch <= 255 && isgraph(ch));
+  return in_class(ch, kGraph);
 }
 bool token_isalnum(int ch) {
-  return is_high(ch) || (ch >= 0 && ch <= 255 && isalnum(ch));
+  return in_class(ch, kAlnum);
 }
 bool token_isspace(int ch) {
-  return ch >= 0 && ch <= 255 && isspace(ch);
+  return in_class(ch, kSpace);
 }
 
 int token_set_str(Token* token, const char* bytes, int length) {

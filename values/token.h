@@ -4,8 +4,8 @@
 // Parsers never call the accept functions themselves: they ask the parser framework
 // (parsers/parserframework.h) with pif_acceptToken(type, expected), and the framework dispatches
 // to the handler registered here by token_init. Accept functions move through the input with
-// ctok_newChar; output functions write with ctok_putString / ctok_putChar. Those three live in
-// the parser framework, which every program that uses tokens links.
+// ctok_newChar (or ctok_newCharsWhile for a run); output functions write with ctok_putString /
+// ctok_putChar. Those live in the parser framework, which every program that uses tokens links.
 #pragma once
 
 #include <cstdint>
@@ -58,7 +58,8 @@ void token_clear(Token* token);
 // Registers the accept and output functions of the nine token types with the parser framework.
 void token_init();
 
-// Character classes: the locale's, with every byte of 161 or more graphic and alphanumeric.
+// Character classes of the C locale (the daemon never changes its locale), with every byte of 161
+// or more graphic and alphanumeric. Anything outside 0..255 is in no class.
 bool token_isgraph(int ch);
 bool token_isalnum(int ch);
 bool token_isspace(int ch);
@@ -66,5 +67,7 @@ bool token_isspace(int ch);
 // Provided by the parser framework (parsers/parserframework.cpp).
 int ctok_registerTokenHandlers(int type, AcceptFunction accept, OutputFunction output);
 void ctok_newChar();
+// ctok_newChar as long as keep(current character) holds; keep(0) must be false.
+void ctok_newCharsWhile(bool (*keep)(int));
 void ctok_putString(const char* text);
 void ctok_putChar(int ch);
