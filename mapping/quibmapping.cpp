@@ -163,14 +163,14 @@ int set_option(Option** list, const char* name, const char* value) {
 }
 
 // A copy of the list whose records point at the source's texts (see Option::shareCount).
-Option* copy_options(Option* source) {
+Option* copy_options(const Option* source) {
   Option* head = nullptr;
   Option** tail = &head;
-  for (Option* option = source; option != nullptr; option = option->next) {
+  for (const Option* option = source; option != nullptr; option = option->next) {
     Option* copy = new (std::nothrow) Option{nullptr, option->name, option->value, 0, 0, 0};
     if (copy == nullptr) log_fatal(kSource, "Out of memory!");
     // Saturating: a count that wrapped to 0 would let a shared text be overwritten.
-    if (option->shareCount < INT16_MAX) option->shareCount++;
+    if (option->shareCount < INT16_MAX) const_cast<Option*>(option)->shareCount++;
     *tail = copy;
     tail = &copy->next;
   }
@@ -203,6 +203,54 @@ void remove_options(Option** list, const char* name) {
       link = &option->next;
     }
   }
+}
+
+}  // namespace
+
+struct OptionSnapshot {
+  OptionSnapshot* older;
+  Option* options;
+};
+
+namespace {
+
+// The options a new parameter of group inherits: the group's newest snapshot, taken now when
+// the group's options changed since the last one.
+Option* share_group_options(Group* group) {
+  if (group->options == nullptr) return nullptr;
+  if (!group->snapshotValid) {
+    auto* snapshot = new (std::nothrow) OptionSnapshot{group->snapshots, nullptr};
+    if (snapshot == nullptr) log_fatal(kSource, "Out of memory!");
+    snapshot->options = copy_options(group->options);
+    group->snapshots = snapshot;
+    group->snapshotValid = 1;
+  }
+  return group->snapshots->options;
+}
+
+void free_snapshots(Group* group) {
+  while (OptionSnapshot* snapshot = group->snapshots) {
+    group->snapshots = snapshot->older;
+    free_options(snapshot->options);
+    delete snapshot;
+  }
+}
+
+// The first option named name among the parameter's inherited and own options.
+Option* find_param_option(const Param* param, const char* name) {
+  Option* option = find_option(param->inherited, name);
+  return option != nullptr ? option : find_option(param->options, name);
+}
+
+// Gives param copies of its inherited options, ahead of its own, before one of them changes.
+void own_inherited(Param* param) {
+  if (param->inherited == nullptr) return;
+  Option* copies = copy_options(param->inherited);
+  Option** tail = &copies;
+  while (*tail != nullptr) tail = &(*tail)->next;
+  *tail = param->options;
+  param->options = copies;
+  param->inherited = nullptr;
 }
 
 // --- Groups -------------------------------------------------------------------------------------
@@ -275,6 +323,7 @@ void free_group(Group* group) {
     param = next;
   }
   free_options(group->options);
+  free_snapshots(group);
   free(group->path);
   delete group;
 }
@@ -322,14 +371,41 @@ Param* next_param_in_preorder(const Param* param, const Group* top) {
   return after != nullptr ? first_param_from(after, top) : nullptr;
 }
 
+// The memo's record for path, found with find when the memo does not hold it.
+template <typename Record, typename Find>
+Record* remembered(PathMemo<Record>* memo, const char* path, Find find) {
+  const MapState& state = map_state();
+  if (memo->version == state.treeVersion && memo->caseSensitive == caseSensitive &&
+      memo->path == path) {
+    return memo->record;
+  }
+  Record* record = find(path);
+  *memo = {path, caseSensitive, state.treeVersion, record};
+  return record;
+}
+
+Param* find_param_by_path(const char* path) {
+  const char* dot = strrchr(path, '.');
+  if (dot == nullptr) return nullptr;
+  Group* group = map_state().root != nullptr
+                     ? map_index().find_group(std::string_view(path, dot - path))
+                     : nullptr;
+  if (group == nullptr) return nullptr;
+  const char* name = dot + 1;
+  if (strlen(name) > kMapNameMax) return nullptr;
+  return map_index().find_param(group, name);
+}
+
 void print_group(const Group* group) {
   int& indent = map_state().printIndent;
   printf("%*s[%s]\n", indent, "", group->name);
   indent += 2;
   for (const Param* param = group->params; param != nullptr; param = param->next) {
     printf("%*s%s: ", indent, "", param->name);
-    for (const Option* option = param->options; option != nullptr; option = option->next) {
-      printf("%s=%s ", option->name, option->value);
+    for (const Option* list : {param->inherited, param->options}) {
+      for (const Option* option = list; option != nullptr; option = option->next) {
+        printf("%s=%s ", option->name, option->value);
+      }
     }
     putchar('\n');
   }
@@ -400,7 +476,7 @@ int map_createParam(const char* name, Group* group, Param** out) {
   param->status = PARAMSTATUS_DEFINED;
   param->dbusAtStart = 1;
   param->value = legacy_drep_createData();
-  param->options = copy_options(group->options);
+  param->inherited = share_group_options(group);
   copy_name(param->groupName, group->name);
   param->group = group;
   param->serial = map_state().nextSerial++;
@@ -419,13 +495,13 @@ int map_createParam(const char* name, Group* group, Param** out) {
 Param* map_findParamInGroup(const char* name, Group* group) {
   if (name == nullptr || group == nullptr || group->removed) return nullptr;
   if (strlen(name) > kMapNameMax) return nullptr;  // stored names are never longer
-  std::string key = std::string(group->path) + "." + name;
-  return map_index().find_param(group, key, name);
+  return map_index().find_param(group, name);
 }
 
 int map_setParamOption(const char* name, const char* value, Param* param) {
   bool indexed = strcmp(name, "mount") == 0 && is_indexed(param);
   if (indexed) map_index().remove_mount(param);
+  if (find_option(param->inherited, name) != nullptr) own_inherited(param);
   int result = set_option(&param->options, name, value);
   if (indexed) map_index().add_mount(param);
   return result;
@@ -437,16 +513,18 @@ int map_setGroupOption(const char* name, const char* value, Group* group, int ke
     Option* existing = find_option(group->options, name);
     if (existing != nullptr && existing->valueSize > 0) return 0;
   }
+  group->snapshotValid = 0;
   return set_option(&group->options, name, value);
 }
 
 int map_applyGetter(Param* param) {
-  if (find_option(param->options, "getter") == nullptr) return 0;
+  if (find_param_option(param, "getter") == nullptr) return 0;
   // A getter whose value is "disabled" is still a getter parameter: the exemption meant for it
   // looked at the option's name and so never applied; its getter simply never runs.
   param->hasGetter = 1;
   param->getterDone = 0;
   if (is_indexed(param)) map_index().remove_mount(param);
+  own_inherited(param);
   for (const char* name : kGetterStrippedOptions) remove_options(&param->options, name);
   const Data* value = param->value;
   if (value->type == DATA_SCALAR && value->scalarKind == SCALAR_CUSTOM &&
@@ -502,20 +580,13 @@ Group* map_getRootGroup() {
 
 Group* map_getGroupByPath(const char* path) {
   if (path == nullptr || map_state().root == nullptr) return nullptr;
-  return map_index().find_group(path);
+  return remembered(&map_state().groupMemo, path,
+                    [](const char* p) { return map_index().find_group(p); });
 }
 
 Param* map_getParamByPath(const char* path) {
   if (path == nullptr) return nullptr;
-  const char* dot = strrchr(path, '.');
-  if (dot == nullptr) return nullptr;
-  Group* group = map_state().root != nullptr
-                     ? map_index().find_group(std::string_view(path, dot - path))
-                     : nullptr;
-  if (group == nullptr) return nullptr;
-  const char* name = dot + 1;
-  if (strlen(name) > kMapNameMax) return nullptr;
-  return map_index().find_param(group, path, name);
+  return remembered(&map_state().paramMemo, path, find_param_by_path);
 }
 
 Option* map_getGroupOption(const Group* group, const char* name) {
@@ -523,7 +594,7 @@ Option* map_getGroupOption(const Group* group, const char* name) {
 }
 
 Option* map_getParamOption(const Param* param, const char* name) {
-  return param != nullptr && name != nullptr ? find_option(param->options, name) : nullptr;
+  return param != nullptr && name != nullptr ? find_param_option(param, name) : nullptr;
 }
 
 int map_textHasFlag(const char* text, const char* word) {
@@ -546,9 +617,12 @@ Param* map_findParamByMount(const char* value) {
 
 Param* map_findParamByMountInGroup(const char* groupPath, const char* value) {
   if (value == nullptr) return nullptr;
+  // Most texts a parser asks for (its root and section names) are no parameter's mount.
+  const MountKey* key = map_index().find_mount(value);
+  if (key == nullptr) return nullptr;
   Group* top = groupPath != nullptr ? map_getGroupByPath(groupPath) : map_state().root;
   if (top == nullptr) return nullptr;
-  return map_index().find_by_mount(top, value);
+  return map_index().find_by_mount(top, key);
 }
 
 Param* map_getParamByIndex(Group* group, int index) {

@@ -28,6 +28,8 @@ constexpr int32_t PARAMSTATUS_LOADED = 3;   // loaded from its file, constraints
 constexpr int kMapNameMax = 32;
 
 struct Param;
+struct MountKey;        // mapping/quibmapping_index.h
+struct OptionSnapshot;  // mapping/quibmapping.cpp
 
 struct Option {
   Option* next;
@@ -48,8 +50,13 @@ struct Group {
   char* path;
   Option* options;
   // --- bookkeeping
-  Group* parent;          // null for the root and for a removed subtree's top group
-  Param* lastParam;       // tail of params
+  Group* parent;     // null for the root and for a removed subtree's top group
+  Param* lastParam;  // tail of params
+  void* paramIndex;  // the index's tables of the group's parameters
+  // Copies of the group's options that its parameters share, the newest first; the newest is
+  // handed to new parameters while the group's options stay as they were.
+  OptionSnapshot* snapshots;
+  uint8_t snapshotValid;
   uint8_t listed;         // in the updated-group list
   uint8_t childrenMoved;  // children were reordered with map_moveChildGroup
 };
@@ -68,9 +75,16 @@ struct Param {
   char groupName[kMapNameMax + 1];
   Data* value;
   // --- bookkeeping
-  Group* group;     // owning group
-  uint64_t serial;  // creation order: a group's params are in ascending serial order
-  uint8_t listed;   // in the updated-parameter list
+  Group* group;  // owning group
+  // The group's options at the creation, shared with the group's other parameters and never
+  // changed: they come before `options` (read both through map_getParamOption). A parameter
+  // that changes or removes one of them gets copies of its own first.
+  Option* inherited;
+  uint64_t serial;     // creation order: a group's params are in ascending serial order
+  MountKey* mountKey;  // the value of the first "mount" option while indexed, else null
+  Param* mountPrev;    // the other indexed parameters with the same mount value
+  Param* mountNext;
+  uint8_t listed;  // in the updated-parameter list
 };
 
 // Entries of the change lists; new entries are pushed at the head.

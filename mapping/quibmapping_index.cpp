@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <functional>
@@ -28,6 +29,24 @@ bool sibling_before(const Group* a, const Group* b) {
 const char* first_mount(const Param* param) {
   const Option* option = map_getParamOption(param, "mount");
   return option != nullptr ? option->value : nullptr;
+}
+
+size_t fold_hash(std::string_view text) {
+  // Folds as strcasecmp does in the C locale the daemon runs in.
+  uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : text) {
+    hash ^= (c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c;
+    hash *= 1099511628211ull;
+  }
+  return hash;
+}
+
+// Spreads the bits of a hash or an address over the low bits a table index takes.
+size_t spread(uint64_t h) {
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdull;
+  h ^= h >> 33;
+  return h;
 }
 
 template <typename Map, typename Record>
@@ -82,23 +101,67 @@ bool map_groupBefore(const Group* a, const Group* b) {
   return sibling_before(up_a, up_b);
 }
 
-size_t TreeIndex::FoldHash::operator()(std::string_view text) const {
-  // Folds as strcasecmp does in the C locale the daemon runs in.
-  uint64_t hash = 14695981039346656037ull;
-  for (unsigned char c : text) {
-    hash ^= (c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c;
-    hash *= 1099511628211ull;
+template <typename Record, size_t (*Hash)(const Record*)>
+void RecordTable<Record, Hash>::place(Record* record) {
+  size_t mask = slots_.size() - 1;
+  size_t i = Hash(record) & mask;
+  while (slots_[i] != nullptr) i = (i + 1) & mask;
+  slots_[i] = record;
+}
+
+template <typename Record, size_t (*Hash)(const Record*)>
+void RecordTable<Record, Hash>::insert(Record* record) {
+  if ((count_ + 1) * 2 > slots_.size()) {
+    std::vector<Record*> old(std::max<size_t>(16, slots_.size() * 2), nullptr);
+    old.swap(slots_);
+    for (Record* moved : old) {
+      if (moved != nullptr) place(moved);
+    }
   }
-  return hash;
+  place(record);
+  count_++;
+}
+
+template <typename Record, size_t (*Hash)(const Record*)>
+void RecordTable<Record, Hash>::erase(const Record* record) {
+  if (slots_.empty()) return;
+  size_t mask = slots_.size() - 1;
+  size_t hole = Hash(record) & mask;
+  for (; slots_[hole] != record; hole = (hole + 1) & mask) {
+    if (slots_[hole] == nullptr) return;
+  }
+  // Later records of the run move into the hole unless their home lies after it (cyclically
+  // within (hole, j]), so that every record stays reachable from its home.
+  for (size_t j = (hole + 1) & mask; slots_[j] != nullptr; j = (j + 1) & mask) {
+    size_t home = Hash(slots_[j]) & mask;
+    bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+    if (!stays) {
+      slots_[hole] = slots_[j];
+      hole = j;
+    }
+  }
+  slots_[hole] = nullptr;
+  count_--;
+}
+
+size_t TreeIndex::FoldHash::operator()(std::string_view text) const {
+  return fold_hash(text);
+}
+
+size_t TreeIndex::name_hash(const Param* param) {
+  return spread(fold_hash(param->name));
+}
+
+size_t TreeIndex::mount_hash(const Param* param) {
+  return spread(reinterpret_cast<uintptr_t>(param->mountKey));
+}
+
+TreeIndex::GroupParams* TreeIndex::params_of(const Group* group) {
+  return static_cast<GroupParams*>(group->paramIndex);
 }
 
 bool TreeIndex::FoldEqual::operator()(std::string_view a, std::string_view b) const {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-size_t TreeIndex::OwnerMountHash::operator()(const OwnerMount& key) const {
-  uint64_t owner = reinterpret_cast<uintptr_t>(key.first) * 0x9e3779b97f4a7c15ull;
-  return std::hash<std::string_view>()(key.second) ^ (owner >> 17) ^ owner;
 }
 
 bool TreeIndex::NameLess::operator()(const char* a, const char* b) const {
@@ -135,40 +198,53 @@ Group** TreeIndex::child_link(Group* parent, const char* name) const {
 
 void TreeIndex::add_group(Group* group) {
   groups_.emplace(group->path, group);
+  group->paramIndex = new GroupParams();
 }
 
+// The group's parameters are taken out of the index right after it; their tables go now.
 void TreeIndex::remove_group(Group* group) {
   erase_entry(&groups_, group->path, group);
+  delete params_of(group);
+  group->paramIndex = nullptr;
 }
 
 void TreeIndex::add_param(Param* param) {
-  params_.emplace(param->path, param);
+  params_of(param->group)->by_name.insert(param);
   add_mount(param);
 }
 
 void TreeIndex::remove_param(Param* param) {
   remove_mount(param);
-  erase_entry(&params_, param->path, param);
+  if (GroupParams* tables = params_of(param->group)) tables->by_name.erase(param);
 }
 
 void TreeIndex::add_mount(Param* param) {
   const char* mount = first_mount(param);
   if (mount == nullptr) return;
   auto it = mounts_.find(std::string_view(mount));
-  if (it == mounts_.end()) it = mounts_.emplace(mount, ParamSet()).first;
-  it->second.insert(param);
-  owner_mounts_.emplace(OwnerMount(param->group, mount), param);
+  if (it == mounts_.end()) it = mounts_.emplace(mount, MountKey{mount, nullptr}).first;
+  MountKey* key = &it->second;
+  param->mountKey = key;
+  param->mountPrev = nullptr;
+  param->mountNext = key->params;
+  if (key->params != nullptr) key->params->mountPrev = param;
+  key->params = param;
+  params_of(param->group)->by_mount.insert(param);
 }
 
 void TreeIndex::remove_mount(Param* param) {
-  const char* mount = first_mount(param);
-  if (mount == nullptr) return;
-  auto it = mounts_.find(std::string_view(mount));
-  if (it != mounts_.end()) {
-    it->second.erase(param);
-    if (it->second.empty()) mounts_.erase(it);
+  MountKey* key = param->mountKey;
+  if (key == nullptr) return;
+  if (GroupParams* tables = params_of(param->group)) tables->by_mount.erase(param);
+  if (param->mountPrev != nullptr) {
+    param->mountPrev->mountNext = param->mountNext;
+  } else {
+    key->params = param->mountNext;
   }
-  erase_entry(&owner_mounts_, OwnerMount(param->group, mount), param);
+  if (param->mountNext != nullptr) param->mountNext->mountPrev = param->mountPrev;
+  param->mountKey = nullptr;
+  param->mountPrev = param->mountNext = nullptr;
+  if (key->params == nullptr) mounts_.erase(key->text);
 }
 
 Group* TreeIndex::find_group(std::string_view path) const {
@@ -198,34 +274,39 @@ Group* TreeIndex::find_child(const Group* parent, const char* name) const {
   return found;
 }
 
-Param* TreeIndex::find_param(const Group* group, std::string_view key, const char* name) const {
+Param* TreeIndex::find_param(const Group* group, const char* name) const {
   Param* found = nullptr;
-  auto range = params_.equal_range(key);
-  for (auto it = range.first; it != range.second; ++it) {
-    Param* param = it->second;
-    if (param->group != group || !map_namesEqual(param->name, name)) continue;
+  const GroupParams* tables = params_of(group);
+  if (tables == nullptr) return nullptr;
+  tables->by_name.visit(spread(fold_hash(name)), [&](Param* param) {
+    if (!map_namesEqual(param->name, name)) return;
     if (found == nullptr || param->serial < found->serial) found = param;
-  }
+  });
   return found;
 }
 
-Param* TreeIndex::first_of_owner(const Group* owner, std::string_view value) const {
+const MountKey* TreeIndex::find_mount(std::string_view value) const {
+  auto it = mounts_.find(value);
+  return it != mounts_.end() ? &it->second : nullptr;
+}
+
+Param* TreeIndex::first_of_owner(const Group* owner, const MountKey* key) const {
   Param* found = nullptr;
-  auto range = owner_mounts_.equal_range(OwnerMount(owner, value));
-  for (auto it = range.first; it != range.second; ++it) {
-    if (found == nullptr || it->second->serial < found->serial) found = it->second;
-  }
+  const GroupParams* tables = params_of(owner);
+  if (tables == nullptr) return nullptr;
+  tables->by_mount.visit(spread(reinterpret_cast<uintptr_t>(key)), [&](Param* param) {
+    if (param->mountKey != key) return;
+    if (found == nullptr || param->serial < found->serial) found = param;
+  });
   return found;
 }
 
-Param* TreeIndex::find_by_mount(const Group* top, const char* value) const {
+Param* TreeIndex::find_by_mount(const Group* top, const MountKey* key) const {
   // The group's own parameters come first in pre-order.
-  Param* found = first_of_owner(top, value);
+  Param* found = first_of_owner(top, key);
   if (found != nullptr || top->children == nullptr) return found;
-  auto it = mounts_.find(std::string_view(value));
-  if (it == mounts_.end()) return nullptr;
   int matches = 0;
-  for (Param* param : it->second) {
+  for (Param* param = key->params; param != nullptr; param = param->mountNext) {
     if (!map_isWithin(param->group, top)) continue;
     found = param;
     if (++matches > 1) break;
@@ -233,7 +314,7 @@ Param* TreeIndex::find_by_mount(const Group* top, const char* value) const {
   if (matches <= 1) return found;
   // Several below top: the first group in pre-order holding one has the answer.
   for (const Group* g = top->children; g != nullptr; g = map_nextInPreorder(g, top)) {
-    if (Param* first = first_of_owner(g, value)) return first;
+    if (Param* first = first_of_owner(g, key)) return first;
   }
   return nullptr;
 }

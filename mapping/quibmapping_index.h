@@ -2,9 +2,10 @@
 // same whatever the size of the tree. They never change a result: every look-up answers exactly
 // what the tree walk of quibmapping would, first-match and ordering rules included.
 //
-// Only groups and parameters reachable from the root are indexed. Keys are views of texts owned
-// by the records (paths, and the value of a parameter's first "mount" option), so a record must be
-// taken out of the index before such a text changes or is freed.
+// Only groups and parameters reachable from the root are indexed. Group keys are views of the
+// groups' paths; parameters are kept in tables of their group, by name and by the interned value of
+// their first "mount" option. A record must be taken out of the index before its path or that
+// option changes or the record is freed.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +13,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "mapping/quibmapping.h"
 
@@ -27,6 +28,35 @@ bool map_groupBefore(const Group* a, const Group* b);
 bool map_isWithin(const Group* group, const Group* top);
 // The group after group in the pre-order of top's subtree, or null after the last.
 Group* map_nextInPreorder(const Group* group, const Group* top);
+
+// The interned value of a "mount" option, with the indexed parameters whose first "mount" option
+// has that value (linked through Param::mountPrev/mountNext, in no particular order).
+struct MountKey {
+  std::string text;
+  Param* params = nullptr;
+};
+
+// An open-addressing set of records (linear probing, at most half full): one pointer per slot,
+// the key computed from the record by Hash. Equal keys may repeat; a look-up visits every record
+// of the run its hash starts, and the caller picks the ones it wants.
+template <typename Record, size_t (*Hash)(const Record*)>
+class RecordTable {
+ public:
+  void insert(Record* record);
+  void erase(const Record* record);
+  template <typename Visit>
+  void visit(size_t hash, Visit&& visit) const {
+    if (slots_.empty()) return;
+    size_t mask = slots_.size() - 1;
+    for (size_t i = hash & mask; slots_[i] != nullptr; i = (i + 1) & mask) visit(slots_[i]);
+  }
+
+ private:
+  void place(Record* record);
+
+  std::vector<Record*> slots_;
+  size_t count_ = 0;
+};
 
 class TreeIndex {
  public:
@@ -51,10 +81,12 @@ class TreeIndex {
   Group* find_group(std::string_view path) const;
   // The first child of parent whose name equals name over kMapNameMax characters.
   Group* find_child(const Group* parent, const char* name) const;
-  // The first parameter of group named name; key is the path the parameter would have.
-  Param* find_param(const Group* group, std::string_view key, const char* name) const;
-  // The first parameter in pre-order below top whose first "mount" option is value.
-  Param* find_by_mount(const Group* top, const char* value) const;
+  // The first parameter of group named name.
+  Param* find_param(const Group* group, const char* name) const;
+  // The interned mount value equal to value, or null when no indexed parameter has it.
+  const MountKey* find_mount(std::string_view value) const;
+  // The first parameter in pre-order below top whose first "mount" option is key's value.
+  Param* find_by_mount(const Group* top, const MountKey* key) const;
 
  private:
   struct FoldHash {
@@ -63,30 +95,31 @@ class TreeIndex {
   struct FoldEqual {
     bool operator()(std::string_view a, std::string_view b) const;
   };
-  using OwnerMount = std::pair<const Group*, std::string_view>;
-  struct OwnerMountHash {
-    size_t operator()(const OwnerMount& key) const;
-  };
   struct TextHash {
     using is_transparent = void;
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
   };
-  using ParamSet = std::unordered_set<Param*>;
   struct NameLess {
     bool operator()(const char* a, const char* b) const;
   };
   using ChildOrder = std::multimap<const char*, Group*, NameLess>;
+  static size_t name_hash(const Param* param);
+  static size_t mount_hash(const Param* param);
+  // A group's parameters by name without regard to case and by mount key. Kept per group, so
+  // that the look-ups of one file's parse stay within a few cache lines.
+  struct GroupParams {
+    RecordTable<Param, name_hash> by_name;
+    RecordTable<Param, mount_hash> by_mount;
+  };
+  static GroupParams* params_of(const Group* group);
 
-  Param* first_of_owner(const Group* owner, std::string_view value) const;
+  Param* first_of_owner(const Group* owner, const MountKey* key) const;
 
   std::unordered_multimap<std::string_view, Group*, FoldHash, FoldEqual> groups_;
-  std::unordered_multimap<std::string_view, Param*, FoldHash, FoldEqual> params_;
-  // Mount values are shared by many parameters (one per group using the same file layout), so
-  // their sets must allow constant-time removal; keys are owned, the values outlive any one param.
-  std::unordered_map<std::string, ParamSet, TextHash, std::equal_to<>> mounts_;
+  // Mount values in use; a key lives as long as some indexed parameter has it. Within a group a
+  // mount is then found by the key's address: the text is hashed once per look-up.
+  std::unordered_map<std::string, MountKey, TextHash, std::equal_to<>> mounts_;
   std::unordered_map<const Group*, ChildOrder> children_;
-  // Keys are views of each entry's own parameter's mount text.
-  std::unordered_multimap<OwnerMount, Param*, OwnerMountHash> owner_mounts_;
 };
 
 TreeIndex& map_index();

@@ -1,7 +1,18 @@
 // Module state of the parameter database, shared by its source files (not a public interface).
 #pragma once
 
+#include <string>
+
 #include "mapping/quibmapping.h"
+
+// The last answer of a look-up by path, valid while the tree and the case flag stay as they were.
+template <typename Record>
+struct PathMemo {
+  std::string path;
+  int caseSensitive = -1;
+  uint64_t version = 0;
+  Record* record = nullptr;
+};
 
 struct MapState {
   Group* root = nullptr;
@@ -22,6 +33,10 @@ struct MapState {
     Param* param = nullptr;
     uint64_t version = 0;
   } indexCursor;
+  // A request looks its path up for the access check and again to serve it, and a parser looks
+  // the group of its file up for every key: the second look-up costs one comparison.
+  PathMemo<Group> groupMemo;
+  PathMemo<Param> paramMemo;
 };
 
 MapState& map_state();

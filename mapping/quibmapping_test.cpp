@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
@@ -408,27 +410,75 @@ void collect(Group* group, std::vector<Group*>* groups) {
   }
 }
 
+Param* first_named(const Group* group, const char* name) {
+  for (Param* p = group != nullptr ? group->params : nullptr; p != nullptr; p = p->next) {
+    if (caseSensitive ? strcmp(p->name, name) == 0 : strcasecmp(p->name, name) == 0) return p;
+  }
+  return nullptr;
+}
+
+using OptionList = std::vector<std::pair<std::string, std::string>>;
+
+// Sets the first option named name or appends one, as a plain copied list would.
+void model_set(OptionList* list, const char* name, const char* value) {
+  for (auto& [n, v] : *list) {
+    if (n == name) {
+      v = value;
+      return;
+    }
+  }
+  list->emplace_back(name, value);
+}
+
+// The indexes, the remembered look-ups and the shared option lists against plain walks and
+// copies: groups and parameters come and go, mounts and options change, the case flag flips.
 TEST_F(TreeTest, IndexedLookupsAgreeWithTheWalksOnRandomTrees) {
   std::mt19937 random(7);
-  const char* names[] = {"a", "A", "ab", "aB", "b", "a.b", "B.x"};
+  const char* names[] = {"a", "A", "ab", "aB", "b", "a.b", "B.x", "p1", "P2", "p3", "p4", "p5"};
   const char* mounts[] = {"M1", "M2", "M3"};
+  const char* options[] = {"type", "dbus", "mount", "x"};
   auto pick = [&](auto& table) { return table[random() % std::size(table)]; };
-  for (int step = 0; step < 3000; step++) {
+  std::map<Param*, OptionList> copies;
+  for (int step = 0; step < 4000; step++) {
     caseSensitive = random() % 2;
     std::vector<Group*> groups;
     collect(root_, &groups);
+    std::vector<Param*> params;
+    collect_params(root_, &params);
+    std::erase_if(copies, [&](auto& entry) {
+      return std::find(params.begin(), params.end(), entry.first) == params.end();
+    });
     Group* g = groups[random() % groups.size()];
-    switch (random() % 8) {
+    Param* some = params.empty() ? nullptr : params[random() % params.size()];
+    switch (random() % 10) {
       case 0:
       case 1:
         group(pick(names), g);
         break;
-      case 2:
+      case 2: {
+        Param* p = param(pick(names), g);
+        OptionList& copy = copies[p];
+        copy.clear();
+        for (const Option* o = g->options; o != nullptr; o = o->next)
+          copy.emplace_back(o->name, o->value);
+        break;
+      }
       case 3:
-        map_setParamOption("mount", pick(mounts), param(pick(names), g));
+        if (some != nullptr) {
+          const char* name = random() % 2 ? "mount" : pick(options);
+          const char* value = pick(mounts);
+          map_setParamOption(name, value, some);
+          model_set(&copies[some], name, value);
+        }
         break;
       case 4:
         if (g != root_ && random() % 4 == 0) map_removeGroupByPath(g->path, random() % 2, 10);
+        break;
+      case 5:
+        map_setGroupOption(pick(options), pick(mounts), g, random() % 2);
+        break;
+      case 6:
+        if (some != nullptr && random() % 3 == 0) map_deleteParam(some);
         break;
       default: {
         std::string path = std::string(g->path) + "." + pick(names);
@@ -438,12 +488,22 @@ TEST_F(TreeTest, IndexedLookupsAgreeWithTheWalksOnRandomTrees) {
         ASSERT_EQ(map_findParamByMountInGroup(g->path, mount),
                   walk_mount(walk(root_, g->path), mount));
         const char* name = pick(names);
-        Param* expected = nullptr;
-        for (Param* p = g->params; p != nullptr && expected == nullptr; p = p->next) {
-          if (caseSensitive ? strcmp(p->name, name) == 0 : strcasecmp(p->name, name) == 0)
-            expected = p;
+        ASSERT_EQ(map_findParamInGroup(name, g), first_named(g, name));
+        path = std::string(g->path) + "." + name;
+        if (strchr(name, '.') == nullptr) {  // else the path names another group
+          ASSERT_EQ(map_getParamByPath(path.c_str()), first_named(walk(root_, g->path), name));
         }
-        ASSERT_EQ(map_findParamInGroup(name, g), expected);
+        if (some != nullptr) {
+          for (const char* option : options) {
+            const Option* got = map_getParamOption(some, option);
+            auto want = std::find_if(copies[some].begin(), copies[some].end(),
+                                     [&](auto& entry) { return entry.first == option; });
+            ASSERT_EQ(got == nullptr, want == copies[some].end()) << some->path << " " << option;
+            if (got != nullptr) {
+              ASSERT_EQ(got->value, want->second) << some->path;
+            }
+          }
+        }
         std::vector<Param*> order;
         collect_params(g, &order);
         size_t index = random() % (order.size() + 1);

@@ -249,7 +249,7 @@ void update_runSetter(Param* param, int mode, int blockDbus, int removedGroup) {
     return;
   }
   param->dbusAtStart = 0;
-  if (param->options == nullptr) {
+  if (param->options == nullptr && param->inherited == nullptr) {
     param->setterPending = 0;
     return;
   }
