@@ -465,19 +465,19 @@ Group* map_findChildGroup(const char* name, Group* parent) {
 
 int map_createParam(const char* name, Group* group, Param** out) {
   if (name == nullptr || group == nullptr) return -3;
-  Param* param = new (std::nothrow) Param{};
-  if (param == nullptr) return -2;
+  // One block holds the record and its path, which never changes.
+  size_t path_size = strlen(group->path) + strnlen(name, kMapNameMax) + 2;
+  void* block = malloc(sizeof(Param) + path_size);
+  if (block == nullptr) return -2;
+  Param* param = new (block) Param{};
   copy_name(param->name, name);
-  param->path = join_path(group->path, param->name);
-  if (param->path == nullptr) {
-    delete param;
-    return -2;
-  }
+  param->path = reinterpret_cast<char*>(param + 1);
+  snprintf(param->path, path_size, "%s.%s", group->path, param->name);
   param->status = PARAMSTATUS_DEFINED;
   param->dbusAtStart = 1;
   param->value = legacy_drep_createData();
   param->inherited = share_group_options(group);
-  copy_name(param->groupName, group->name);
+  param->groupName = group->name;
   param->group = group;
   param->serial = map_state().nextSerial++;
   if (group->lastParam != nullptr) {
@@ -555,8 +555,7 @@ void map_freeParam(Param* param) {
   map_unlistParam(param);
   free_options(param->options);
   legacy_drep_freeData(param->value);
-  free(param->path);
-  delete param;
+  free(param);  // the path with it
 }
 
 void map_deleteParam(Param* param) {

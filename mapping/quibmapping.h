@@ -64,7 +64,7 @@ struct Group {
 struct Param {
   Param* next;
   char name[kMapNameMax + 1];
-  char* path;
+  char* path;  // allocated with the record
   Option* options;
   int32_t hasGetter;
   int32_t getterDone;
@@ -72,7 +72,7 @@ struct Param {
   int32_t synced;
   int32_t setterPending;
   int32_t dbusAtStart;
-  char groupName[kMapNameMax + 1];
+  const char* groupName;  // the owning group's name (names never change after creation)
   Data* value;
   // --- bookkeeping
   Group* group;  // owning group
