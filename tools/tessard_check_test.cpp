@@ -141,6 +141,20 @@ const Fault kFaults[] = {
      {1,
       "/etc/tessard/tessard.conf:19: file: Backing file /etc/hostname of root.Network.Hostname "
       "does not exist; the daemon would create it empty\n"}},
+    {"MissingParameterList",
+     "/etc/camera/settings.conf",
+     nullptr,
+     nullptr,
+     {1,
+      "file: Failed to open /etc/camera/settings.conf\n"
+      "/etc/tessard/tessard.conf:74: parser: Specified parser (<unknown>) for "
+      "'root.Camera.Exposure.ShutterSpeed' doesn't exist!\n"
+      "/etc/tessard/tessard.conf:69: parser: Specified parser (<unknown>) for "
+      "'root.Camera.Image.Brightness' doesn't exist!\n"
+      "/etc/tessard/tessard.conf:70: parser: Specified parser (<unknown>) for "
+      "'root.Camera.Image.Contrast' doesn't exist!\n"
+      "/etc/tessard/tessard.conf:71: parser: Specified parser (<unknown>) for "
+      "'root.Camera.Image.Saturation' doesn't exist!\n"}},
     {"UnknownParser",
      kConfig,
      "SinglevalueParser",
