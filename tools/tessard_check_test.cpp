@@ -185,15 +185,17 @@ const Fault kFaults[] = {
       "defined. (/etc/sysconfig/time.conf holds 10, the daemon would store 64)\n"}},
     {"NonIdempotentFile",
      "/etc/sysconfig/time.conf",
-     "server \"pool.ntp.org\"",
-     "server pool.ntp.org",
+     "timezone \"Europe/Berlin\"",
+     "timezone Europe/Berlin",
      {1,
-      "/etc/sysconfig/time.conf:9: roundtrip: the first write changes this file although no "
+      "/etc/sysconfig/time.conf:5: roundtrip: the first write changes this file although no "
       "value changed\n"
       "--- /etc/sysconfig/time.conf\n"
       "+++ /etc/sysconfig/time.conf (as the daemon writes it)\n"
-      "@@ -6,6 +6,6 @@\n \n [ntp]\n enabled yes\n-server pool.ntp.org\n+server \"pool.ntp.org\"\n"
-      " # Seconds between two queries\n interval 1024\n"}},
+      "@@ -2,7 +2,7 @@\n"
+      " # Each line holds a key and its value; a value that is not only letters and digits is\n"
+      " # double-quoted.\n \n-timezone Europe/Berlin\n+timezone \"Europe/Berlin\"\n \n"
+      " [ntp]\n enabled yes\n"}},
     {"TemplateError",
      "/usr/etc/sysconfig/template/eventrule_grp.conf",
      "maxGroups = \"8\"",
