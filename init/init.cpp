@@ -27,8 +27,6 @@ namespace {
 
 constexpr int kMaxConfigDirs = 10;
 
-volatile sig_atomic_t got_sigusr1 = 0;
-
 struct Options {
   const char* config_file = nullptr;
   int port = 0;
@@ -42,21 +40,25 @@ struct Options {
   bool case_sensitive = false;
 };
 
-void terminate_handler(int /*signo*/) {
-  exit(0);
-}
-
-void sigusr1_handler(int signo) {
-  if (signo == SIGUSR1) got_sigusr1 = 1;
-  signal(SIGUSR1, sigusr1_handler);
-}
-
+// The handlers only hand the signal to the server loop, which acts on it between requests.
 void install_signal_handlers() {
-  signal(SIGINT, terminate_handler);
-  signal(SIGTERM, terminate_handler);
+  if (server_openSignalRelay() != 0) log_fatal("init", "Couldn't create the signal pipe: %m");
+  struct sigaction relay {};
+  relay.sa_handler = server_relaySignal;
+  relay.sa_flags = SA_RESTART;
+  sigemptyset(&relay.sa_mask);
+  sigaction(SIGINT, &relay, nullptr);
+  sigaction(SIGTERM, &relay, nullptr);
   signal(SIGPIPE, SIG_IGN);
-  got_sigusr1 = 0;
-  signal(SIGUSR1, sigusr1_handler);
+  sigaction(SIGUSR1, &relay, nullptr);
+}
+
+// SIGINT, SIGTERM: exit(0) runs the exit handler, which removes the pid file.
+void terminate() { exit(0); }
+
+void reload_users() {
+  log_info("init", "Got SIGUSR1, reinitializing authorization data.\n");
+  populateUserCache();
 }
 
 void remove_pid_file() {
@@ -217,13 +219,6 @@ bool load_parameters(const Options& options) {
 
 }  // namespace
 
-void sigusr1_check() {
-  if (!got_sigusr1) return;
-  log_info("init", "Got SIGUSR1, reinitializing authorization data.\n");
-  populateUserCache();
-  got_sigusr1 = 0;
-}
-
 int tessard_main(int argc, char** argv) {
   install_signal_handlers();
   log_open();
@@ -281,5 +276,5 @@ int tessard_main(int argc, char** argv) {
   if (options.print_after_sync) map_printTree(nullptr);
 
   log_info("init", "Starting server.");
-  handleClientConnections(listen_fd);
+  handleClientConnections(listen_fd, ServerHooks{reload_users, terminate});
 }

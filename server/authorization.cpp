@@ -8,11 +8,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 
 #include "dynamic/dynamic.h"
 #include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "server/clientserver.h"
+#include "server/server.h"
 
 namespace {
 
@@ -32,6 +34,10 @@ struct CachedUser {
 // Newest first: the list runs in reverse order of the password database.
 CachedUser* user_cache = nullptr;
 
+// Group names by gid, as the group database held them when the cache was built; where two groups
+// share a gid the first one counts, as for getgrgid().
+std::unordered_map<unsigned int, std::string> group_names;
+
 void free_user(CachedUser* user) {
   for (GroupName* g = user->groups; g != nullptr;) {
     GroupName* next = g->next;
@@ -50,6 +56,7 @@ void free_user_cache() {
     u = next;
   }
   user_cache = nullptr;
+  group_names.clear();
 }
 
 bool push_group(CachedUser* user, const char* name) {
@@ -106,6 +113,7 @@ bool load_group_members() {
   while (ok) {
     const group* gr = getgrent();
     if (gr == nullptr) break;
+    group_names.emplace(gr->gr_gid, gr->gr_name);
     for (char** member = gr->gr_mem; *member != nullptr; member++) {
       CachedUser* user = find_member(*member, gr->gr_gid);
       if (user != nullptr && !push_group(user, gr->gr_name)) {
@@ -154,12 +162,11 @@ bool entry_applies(std::string_view group, unsigned int uid, const char* group_o
 
 bool peer_matches_claim(unsigned int uid, unsigned int gid, int type, const char* path, int fd) {
   ucred peer{};
-  socklen_t length = sizeof(peer);
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || length != sizeof(peer)) {
+  if (int error = peerCredentials(fd, &peer); error != 0) {
     log_error("authorization",
               "Refuse request of action(%d) of param(%s): failed to get uid_gid from socket, "
               "errno:%d",
-              type, path, errno);
+              type, path, error);
     return false;
   }
   // A root peer may act for anybody.
@@ -207,14 +214,13 @@ Lookup find_access_text(int type, const char* path, std::string* text, bool* has
 
 int decide(unsigned int uid, unsigned int gid, int type, const std::string& text) {
   if (uid == 0 || uid_in_group(uid, "system")) return STATUS_OK;
-  const group* gr = getgrgid(gid);
-  if (gr == nullptr) {
+  auto group_name = group_names.find(gid);
+  if (group_name == group_names.end()) {
     log_error("authorization", "%s: Couldn't find group for gid: %d.", "checkAccessControl",
               static_cast<int>(gid));
     return STATUS_ACCESS_REFUSED;
   }
-  std::string group_name = gr->gr_name;
-  return evaluateAccessControl(text.c_str(), uid, group_name.c_str(), access_bit_of(type));
+  return evaluateAccessControl(text.c_str(), uid, group_name->second.c_str(), access_bit_of(type));
 }
 
 }  // namespace

@@ -3,16 +3,17 @@
 
 #include <sys/types.h>
 
-// Frees the user cache and builds it anew from the password and group databases. 0, or -1 when
-// memory ran out (the cache is then empty).
+// Frees the user cache and builds it anew from the password and group databases: every user with
+// its groups, and every group's name by gid. Requests are decided from it alone, never from the
+// databases. 0, or -1 when memory ran out (the cache is then empty).
 int populateUserCache();
 
 // 1 when the cached user with `uid` has the group `group_name` (primary or supplementary).
 int uid_in_group(unsigned int uid, const char* group_name);
 
 // Decides a request: 0 allowed, 3 refused, 1 when the template of a group creation does not
-// exist. The claimed uid/gid must match the socket's peer credentials (a root peer may claim any
-// identity); GET, SET, CREATE_GROUP, type 10 and DELETE_GROUP are then decided by the object's
+// exist. The claimed uid/gid must match the peer credentials the client connected with (a root
+// peer may claim any identity); GET, SET, CREATE_GROUP, type 10 and DELETE_GROUP are then decided by the object's
 // `accessControl` option. `quiet` suppresses the "Authorization failure" line.
 int checkAccessControl(unsigned int uid, unsigned int gid, int request_type, const char* path,
                        int quiet, int client_fd);

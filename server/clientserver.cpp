@@ -9,39 +9,7 @@
 
 #include "init/log.h"
 #include "server/input_parameter_validation.h"
-
-namespace {
-
-constexpr int kReadRetries = 20;
-constexpr useconds_t kRetryPause = 500 * 1000;
-
-}  // namespace
-
-int read_exact(int fd, void* buffer, int length) {
-  if (length < 1) return 0;
-  auto* bytes = static_cast<unsigned char*>(buffer);
-  int retries = kReadRetries;
-  int done = 0;
-  while (done < length) {
-    ssize_t got = read(fd, bytes + done, length - done);
-    // The pause follows every retried read, also the one that succeeds; a client that interrupts
-    // a read costs at least half a second, as before.
-    while (got == -1 && retries > 0) {
-      got = read(fd, bytes + done, length - done);
-      int saved = errno;
-      retries--;
-      usleep(kRetryPause);
-      errno = saved;
-    }
-    if (got == -1) {
-      log_error("clientserver", "Failed to read from file. %m");
-      return -1;
-    }
-    if (got == 0) return -1;
-    done += static_cast<int>(got);
-  }
-  return 0;
-}
+#include "server/server.h"
 
 int write_all(int fd, const void* buffer, int length, int loud) {
   if (length < 1) return 0;
@@ -171,7 +139,7 @@ int getPath(RequestReader* reader, std::string* path) {
 void sendStatus(int fd, int status) {
   const unsigned char reply[kHeaderLength] = {kHeaderLength, 0, 0,
                                               static_cast<unsigned char>(status)};
-  write_all(fd, reply, kHeaderLength, 1);
+  sendReply(fd, reply, kHeaderLength);
 }
 
 void createMessage(int fd, int total_length) {
@@ -217,7 +185,7 @@ void sendMessage(int fd) {
   g_assert(message_buffer_state == ACTIVE);
   // Bytes the handler announced but did not add go out as zeros, never as stale data.
   if (message_pos < message_length) memset(message_data + message_pos, 0, message_length - message_pos);
-  write_all(fd, message_data, message_length, 1);
+  sendReply(fd, message_data, message_length);
   message_buffer_state = INACTIVE;
   if (message_capacity > kReplyBufferBase) {
     auto* shrunk = static_cast<unsigned char*>(realloc(message_data, kReplyBufferBase));

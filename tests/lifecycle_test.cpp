@@ -1,6 +1,5 @@
 // Start-up, pid file, signals and the listening socket of the real daemon.
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -157,28 +156,6 @@ TEST_F(LifecycleTest, TwoPassedSocketsAreFatal) {
   EXPECT_EQ(fatal.priority, LOG_ERR);
   EXPECT_EQ(last.priority, LOG_ERR);
   EXPECT_FALSE(Exists(kPidFile)) << "fatal before the pid file is written";
-}
-
-TEST_F(LifecycleTest, ClientBeyondSelectLimitIsRefusedCleanly) {
-  rlimit limit{4096, 4096};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  pid_t pid = StartServing({"/etc/tessard.conf", "0"});
-  // An unknown request type is dropped without a reply and keeps the connection open.
-  const unsigned char unknown[] = {0x03, 0x00, 0xC8};
-  std::vector<int> clients;
-  for (int i = 0; i < 1050; i++) {
-    int fd = Connect();
-    ASSERT_GE(fd, 0);
-    clients.push_back(fd);
-    ASSERT_EQ(write(fd, unknown, sizeof(unknown)), 3);
-  }
-  EXPECT_TRUE(log().WaitFor("beyond the select limit", 10000, nullptr, pid));
-  EXPECT_TRUE(Alive(pid));
-  for (int fd : clients) close(fd);
-  int fd = Connect();
-  ASSERT_GE(fd, 0);
-  EXPECT_TRUE(DaemonDropsShortFrame(fd)) << "the daemon keeps serving";
-  close(fd);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Read requests of a running daemon as clients see them: values, tree walks, options,
-// name-value lists, access rules, malformed frames and the order of service.
+// name-value lists, access rules, malformed frames and the order of requests on a connection.
 #include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -293,37 +293,6 @@ TEST_F(ReadsTest, UnknownTypeGetsNoReplyAndBackToBackRequestsAreAnsweredInOrder)
   ASSERT_EQ(ReadReply(fd, &reply), 0);
   EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "example.com");
   close(fd);
-}
-
-TEST_F(ReadsTest, EarlierClientIsServedFirstAndAHalfRequestStallsOthers) {
-  Serve();
-  int first = Connect();
-  int second = Connect();
-  ASSERT_GE(first, 0);
-  ASSERT_GE(second, 0);
-  // Both clients are registered by a first request each.
-  std::vector<unsigned char> reply;
-  Exchange(first, 0, GetPayload(0, "Network.Hostname"));
-  Exchange(second, 0, GetPayload(0, "Network.Hostname"));
-
-  kill(daemon_pid(), SIGSTOP);
-  ASSERT_TRUE(SendRequest(second, 0, GetPayload(0, "Network.Domain")));
-  std::vector<unsigned char> frame = {0x00, 0x00};
-  std::vector<unsigned char> payload = GetPayload(0, "Network.Hostname");
-  frame[0] = static_cast<unsigned char>(payload.size() + 3);
-  ASSERT_EQ(write(first, frame.data(), 2), 2);
-  kill(daemon_pid(), SIGCONT);
-
-  EXPECT_EQ(ReadReply(second, &reply, 500), -1) << "the half request of the earlier client stalls";
-  unsigned char type = 0;
-  ASSERT_EQ(write(first, &type, 1), 1);
-  ASSERT_EQ(write(first, payload.data(), payload.size()), static_cast<ssize_t>(payload.size()));
-  ASSERT_EQ(ReadReply(first, &reply), 0);
-  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "camera1");
-  ASSERT_EQ(ReadReply(second, &reply), 0);
-  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "example.com");
-  close(first);
-  close(second);
 }
 
 TEST_F(ReadsTest, ReadFileIsLimitedToGroupFileDirectories) {
