@@ -54,7 +54,9 @@ void install_signal_handlers() {
 }
 
 // SIGINT, SIGTERM: exit(0) runs the exit handler, which removes the pid file.
-void terminate() { exit(0); }
+void terminate() {
+  exit(0);
+}
 
 void reload_users() {
   log_info("init", "Got SIGUSR1, reinitializing authorization data.\n");

@@ -1,4 +1,4 @@
-// Moving whole buffers in and out of client descriptors, request fields and the reply buffer.
+// Request fields, the reply buffer shared by the handlers, and a blocking whole-buffer write.
 #pragma once
 
 // Writes all `length` bytes to a blocking descriptor. Returns 0 when all were written (at once for

@@ -52,17 +52,14 @@ using RequestHandler = void (*)(int fd, const unsigned char* payload, int length
 // Indexed by request type; an empty slot drops the request without a reply.
 constexpr int kRequestTypes = 11;
 const std::array<RequestHandler, kRequestTypes> kHandlers = {
-    serveGetRequest,     // GET
-    serveSetRequest,     // SET
-    serveSyncRequest,    // SNC
-    serveGetParamInfo,   // GETPARAMINFO
-    serveGetParamOption, // GETPARAMOPTION
-    serveGetGroupInfo,   // GETGROUPINFO
-    serveCreateGroupRequest,
-    serveDeleteGroupRequest,
-    handleReadFileRequest,
-    handleGetNameValueList,
-    serveCreateGroupRequest2,
+    serveGetRequest,      // GET
+    serveSetRequest,      // SET
+    serveSyncRequest,     // SNC
+    serveGetParamInfo,    // GETPARAMINFO
+    serveGetParamOption,  // GETPARAMOPTION
+    serveGetGroupInfo,    // GETGROUPINFO
+    serveCreateGroupRequest, serveDeleteGroupRequest,  handleReadFileRequest,
+    handleGetNameValueList,  serveCreateGroupRequest2,
 };
 
 struct Connection;
@@ -96,11 +93,11 @@ class Queue {
 // One client. The loop owns it from accept to removal; handlers see only its descriptor.
 struct Connection {
   int fd = -1;
-  ucred peer{};         // read once at accept: credentials are fixed at connect
-  int peer_error = 0;   // errno of that read, 0 when it succeeded
-  std::string input;    // received bytes; those before input_start are served
+  ucred peer{};        // read once at accept: credentials are fixed at connect
+  int peer_error = 0;  // errno of that read, 0 when it succeeded
+  std::string input;   // received bytes; those before input_start are served
   size_t input_start = 0;
-  std::string output;   // queued reply bytes; those before output_start are written
+  std::string output;  // queued reply bytes; those before output_start are written
   size_t output_start = 0;
   bool peer_closed = false;  // the client sends nothing more
   uint32_t events = 0;       // what epoll watches for now
@@ -109,7 +106,9 @@ struct Connection {
   Link stalled;              // replies wait for the client to read them
 };
 
-Link& Queue::link(Connection* c) const { return c->*member_; }
+Link& Queue::link(Connection* c) const {
+  return c->*member_;
+}
 
 void Queue::push(Connection* c, Clock::time_point since) {
   Link& l = link(c);
@@ -170,14 +169,20 @@ Connection* connection_of(int fd) {
   return server.by_fd[fd];
 }
 
-size_t buffered_input(const Connection* c) { return c->input.size() - c->input_start; }
-size_t pending_output(const Connection* c) { return c->output.size() - c->output_start; }
+size_t buffered_input(const Connection* c) {
+  return c->input.size() - c->input_start;
+}
+size_t pending_output(const Connection* c) {
+  return c->output.size() - c->output_start;
+}
 
 const unsigned char* next_frame(const Connection* c) {
   return reinterpret_cast<const unsigned char*>(c->input.data()) + c->input_start;
 }
 
-int frame_length(const Connection* c) { return next_frame(c)[0] | (next_frame(c)[1] << 8); }
+int frame_length(const Connection* c) {
+  return next_frame(c)[0] | (next_frame(c)[1] << 8);
+}
 
 bool wants_input(const Connection* c) {
   return !c->peer_closed && buffered_input(c) < kInputBound && pending_output(c) <= kOutputBound;
@@ -364,7 +369,8 @@ Connection* new_connection(int fd) {
 bool accept_client(Clock::time_point now) {
   int fd = accept4(server.listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (fd < 0) {
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) rest_listener(now);
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+      rest_listener(now);
     return false;
   }
   Connection* c = new_connection(fd);

@@ -27,9 +27,10 @@ class ServingTest : public SandboxTest {
   void SetUp() override {
     SandboxTest::SetUp();
     if (HasFatalFailure()) return;
-    WriteFile("/etc/tessard.conf",
-              "group Net { accessControl = \":1\" parser = Standardparser file = \"/etc/net.conf\"\n"
-              "  param Name { mount = \"Standard{Root}{name}\" } }\n");
+    WriteFile(
+        "/etc/tessard.conf",
+        "group Net { accessControl = \":1\" parser = Standardparser file = \"/etc/net.conf\"\n"
+        "  param Name { mount = \"Standard{Root}{name}\" } }\n");
     // A long value makes every reply 2 KiB, so unread replies pile up quickly.
     WriteFile("/etc/net.conf", "name " + std::string(2000, 'n') + "\n");
   }
