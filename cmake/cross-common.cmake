@@ -26,7 +26,9 @@ if(TESSARD_TARGET_ROOT)
   set(target_libs ${TESSARD_TARGET_ROOT}/usr/lib/${TESSARD_TRIPLET}
                   ${TESSARD_TARGET_ROOT}/lib/${TESSARD_TRIPLET})
   list(TRANSFORM target_libs PREPEND "-Wl,-rpath-link," OUTPUT_VARIABLE rpath_link)
-  string(JOIN " " rpath_link ${rpath_link})
+  # The build tree's search path written as DT_RPATH, which also serves the libraries' own
+  # dependencies (libsystemd's libcap, say), where DT_RUNPATH would serve the binary's only.
+  string(JOIN " " rpath_link ${rpath_link} "-Wl,--disable-new-dtags")
   set(CMAKE_EXE_LINKER_FLAGS_INIT "${rpath_link}")
   set(CMAKE_SHARED_LINKER_FLAGS_INIT "${rpath_link}")
   # Binaries in the build tree find the unpacked libraries when run under emulation; installed
