@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "dynamic/dynamic.h"
 #include "dynamic/dynamic_internal.h"
@@ -115,9 +116,16 @@ TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
   EXPECT_STREQ(type->value, "dynamic:string");
 }
 
-TEST_F(DynamicGroupsTest, FailedCreationLeavesNoGroupAndNoScratchFiles) {
+// A parent path whose names the configuration grammar cannot read back (it would be written into
+// the group file) is refused like a missing template, and the daemon goes on.
+class FailedCreationTest : public DynamicGroupsTest,
+                           public ::testing::WithParamInterface<std::pair<const char*, const char*>> {
+};
+
+TEST_P(FailedCreationTest, LeavesNoGroupNoScratchAndNoPendingFiles) {
+  auto [parent, tmpl] = GetParam();
   int status = 0;
-  EXPECT_EQ(create(-1, &status, "Missing"), "");
+  EXPECT_EQ(create_new_group(parent, -1, tmpl, &status, 10), nullptr);
   EXPECT_NE(status, -1);
   EXPECT_EQ(map_getGroupByPath("root.Net.Interface.I0"), nullptr);
   EXPECT_FALSE(exists(dir("tmp/temp_par")));
@@ -125,5 +133,11 @@ TEST_F(DynamicGroupsTest, FailedCreationLeavesNoGroupAndNoScratchFiles) {
   EXPECT_EQ(dyn_tmplistHead(), nullptr);
   EXPECT_EQ(create(-1), "I0") << "the number is free again";
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Parents, FailedCreationTest,
+    ::testing::Values(std::pair{"root.Net.Interface", "Missing"}, std::pair{"root.Net.0x", "Eth"},
+                      std::pair{"root.4et.Interface", "Eth"}, std::pair{"root.Ne-.Interface", "Eth"},
+                      std::pair{"root.Net.Inter face", "Eth"}));
 
 }  // namespace

@@ -1,10 +1,12 @@
 // Change tracking: the updated-group and updated-parameter lists, newest entry first. Each record
 // carries a "listed" flag, so that a second change of the same parameter costs nothing.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "init/log.h"
 #include "mapping/quibmapping.h"
@@ -119,14 +121,21 @@ void map_emptyUpdatedLists(int reason) {
   // Parameters first: a removed group frees its parameters, which the entries point at.
   UpdatedGroupEntry* groups = state.updatedGroups;
   state.updatedGroups = nullptr;
+  std::vector<Group*> removed;
   while (groups != nullptr) {
     UpdatedGroupEntry* next = groups->next;
     Group* group = groups->group;
     group->listed = 0;
     free_group_entry(groups);
-    if (group->removed) map_removeGroup(group, 0, reason);
+    if (group->removed) removed.push_back(group);
     groups = next;
   }
+  // Deepest first: a group's inherited options point at texts its ancestors own, and a
+  // descendant's path is longer than its ancestor's.
+  std::stable_sort(removed.begin(), removed.end(), [](const Group* a, const Group* b) {
+    return strlen(a->path) > strlen(b->path);
+  });
+  for (Group* group : removed) map_removeGroup(group, 0, reason);
 }
 
 void map_notifyParamStored(Param* param) {

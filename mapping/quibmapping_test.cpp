@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "mapping/quibmapping_state.h"
 #include "values/legacydatarep.h"
 
 namespace {
@@ -264,6 +265,19 @@ TEST_F(TreeTest, DeferredRemovalKeepsTheRecordsListedUntilSync) {
   EXPECT_EQ(head->group, a);  // the group after its subtree, newest first
   ASSERT_NE(head->next, nullptr);
   EXPECT_EQ(head->next->group, a1);
+}
+
+// A subtree's groups read option names their ancestors own until they are freed: the parent
+// goes last.
+TEST_F(TreeTest, DeferredRemovalFreesTheSubtreeBeforeTheParentWhoseOptionsItShares) {
+  Group* a = group("a");
+  ASSERT_EQ(map_setGroupOption("maxGroups", "4", a, 0), 0);
+  Group* a1 = group("a1", a);
+  map_setParamOption("mount", "M", param("p", a1));
+  map_removeGroupByPath("root.a", 1, 10);
+  map_emptyUpdatedLists(10);
+  EXPECT_EQ(map_getUpdatedGroupList(), nullptr);
+  EXPECT_EQ(map_findParamByMount("M"), nullptr);
 }
 
 TEST_F(TreeTest, RemovingAMissingPathIsFatal) {
