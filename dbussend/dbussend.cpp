@@ -257,7 +257,8 @@ bool parse_option(std::string_view word, DbusSendMessage* message, std::string* 
     message->method_call = false;
   } else if (word == "--type=method_call") {
     message->method_call = true;
-  } else if (word == "--print-reply") {
+  } else if (word == "--print-reply" || word == "--print-reply=literal") {
+    // The reply comes back as the text of its first argument, literal or not.
     message->print_reply = true;
   } else if (word.starts_with(kDest)) {
     message->destination = word.substr(kDest.size());

@@ -74,6 +74,9 @@ INSTANTIATE_TEST_SUITE_P(
         GoodText{"dbus-send --system --type=method_call --print-reply --reply-timeout=500 "
                  "--dest=:1.5 /a/b org.x.If.Get string:x",
                  false, true, ":1.5", "Get", "s"},
+        GoodText{"dbus-send --system --type=method_call --print-reply=literal --dest=org.x "
+                 "/a/b org.x.If.Get",
+                 false, true, "org.x", "Get", ""},
         GoodText{"/a/b org.x.If.All string: int16:-32768 uint16:65535 int32:-7 uint32:7 "
                  "int64:-9 uint64:18446744073709551615 double:1.5 byte:255 boolean:true "
                  "objpath:/x",
