@@ -19,6 +19,7 @@
 namespace {
 
 constexpr int kMaxOptionNameLength = 255;
+constexpr char kMaskedText[] = "*****";
 constexpr unsigned char kMaskedValue[] = {0x11, 0x00, 0x06, 0x00, 's', 't', 'r', 'i', 'n',
                                           'g',  0x05, 0x00, '*',  '*', '*', '*', '*'};
 
@@ -61,9 +62,14 @@ void reply_one_item(int fd, const void* bytes, int length) {
   sendMessage(fd);
 }
 
+// A write-only value reads as stars in every form, unless upgrading.
+bool is_masked(const Param* param) {
+  return map_typeHasFlag(param, "writeonly") && !upgradeMode;
+}
+
 void reply_serialised(int fd, const Param* param) {
   const Data* value = param->value;
-  if (map_typeHasFlag(param, "writeonly") && !upgradeMode) {
+  if (is_masked(param)) {
     if (!is_custom_scalar(value)) return sendStatus(fd, STATUS_NO_MEMORY);
     return reply_one_item(fd, kMaskedValue, sizeof(kMaskedValue));
   }
@@ -84,6 +90,7 @@ Malloced<char> scalar_text(const Data* data) {
 
 void reply_text(int fd, const Param* param, int subform) {
   if (subform != 2 || !is_custom_scalar(param->value)) return sendStatus(fd, STATUS_FAILED);
+  if (is_masked(param)) return reply_one_item(fd, kMaskedText, sizeof kMaskedText - 1);
   Malloced<char> text = scalar_text(param->value);
   if (!text) return sendStatus(fd, STATUS_FAILED);
   reply_one_item(fd, text.get(), static_cast<int>(strlen(text.get())));
@@ -247,6 +254,10 @@ class NameValueList {
       return true;
     }
     if (!is_custom_scalar(data)) return false;
+    if (is_masked(param)) {
+      *value = kMaskedText;
+      return true;
+    }
     Malloced<char> text = scalar_text(data);
     if (!text) return false;
     *value = *text.get() != '\0' ? text.get() : "\x02";

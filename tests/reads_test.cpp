@@ -124,7 +124,8 @@ TEST_F(ReadsTest, LongReplyIsFramedWithItsFullLength) {
   close(fd);
 }
 
-TEST_F(ReadsTest, SerialisedGetMasksWriteOnlyValues) {
+// The text form and the name-value list (below) mask it too.
+TEST_F(ReadsTest, WriteOnlyValuesReadAsStarsInEveryForm) {
   Serve();
   int fd = Connect();
   ASSERT_GE(fd, 0);
@@ -133,6 +134,8 @@ TEST_F(ReadsTest, SerialisedGetMasksWriteOnlyValues) {
                                        0x05, 0x00, '*',  '*',  '*', '*', '*'};
   ASSERT_EQ(reply.size(), 6 + masked.size());
   EXPECT_EQ(std::vector<unsigned char>(reply.begin() + 6, reply.end()), masked);
+  reply = Exchange(fd, 0, GetPayload(0, "root.Network.Secret"));
+  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "*****");
   close(fd);
 }
 
@@ -214,7 +217,7 @@ TEST_F(ReadsTest, NameValueListShowsOnlyReadableParameters) {
       tessclient_free_name_value_list(list);
       tessclient_close(client);
       std::string expected = "root.Network.Hostname=camera1;root.Network.Domain=example.com;";
-      expected += std::string(getuid() == kAlice.uid ? "root.Network.Secret=hunter2;" : "") +
+      expected += std::string(getuid() == kAlice.uid ? "root.Network.Secret=*****;" : "") +
                   "root.Network.Missing=<empty>;";
       if (status != TESSCLIENT_OK) return 101;
       return seen == expected ? 0 : 102;
