@@ -2,9 +2,11 @@
 // templates and their substitution, and the list of pending files.
 #include "dynamic/dynamic.h"
 
+#include <fcntl.h>
 #include <glib.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -116,14 +118,56 @@ char* option_value_in_line(const char* line, const char* option) {
 // into place; a failure shows when the caller opens the file.
 void create_data_file(const std::string& name) {
   std::string tmp = name + ".tmp";
-  remove(tmp.c_str());
-  FILE* out = fopen(tmp.c_str(), "w");
+  FILE* out = create_private_file(tmp);
   if (out == nullptr) return;
   fputs(kFileHeader, out);
   if (safe_close_file(&out, tmp.c_str()) == 0) move_file(tmp.c_str(), name.c_str());
 }
 
 }  // namespace
+
+FILE* create_private_file(const std::string& path) {
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) {
+    log_error(kDynSource, "Could not remove '%s': %m", path.c_str());
+    return nullptr;
+  }
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  FILE* out = fd >= 0 ? fdopen(fd, "w") : nullptr;
+  if (out == nullptr) {
+    log_error(kDynSource, "Could not create '%s': %m", path.c_str());
+    if (fd >= 0) close(fd);
+  }
+  return out;
+}
+
+namespace {
+
+bool is_own_regular(const struct stat& st) {
+  return S_ISREG(st.st_mode) && st.st_uid == geteuid();
+}
+
+}  // namespace
+
+FILE* open_own_file(const std::string& path) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.get() < 0) {
+    if (errno != ENOENT) log_error(kDynSource, "Could not open '%s': %m", path.c_str());
+    return nullptr;
+  }
+  struct stat st {};
+  if (fstat(fd.get(), &st) != 0 || !is_own_regular(st)) {
+    log_error(kDynSource, "'%s' is not a file of the daemon's own, not read.", path.c_str());
+    return nullptr;
+  }
+  FILE* in = fdopen(fd.get(), "r");
+  if (in != nullptr) fd.release();
+  return in;
+}
+
+bool is_own_file(const std::string& path) {
+  struct stat st {};
+  return lstat(path.c_str(), &st) == 0 && is_own_regular(st);
+}
 
 DynamicDirs& dyn_dirs() {
   static DynamicDirs dirs;

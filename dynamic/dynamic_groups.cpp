@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cstring>
 #include <string>
 
@@ -40,7 +41,7 @@ FILE* open_parent_file(std::string_view parent, bool paramFile, bool noCreate, P
   if (TmpListEntry* entry = get_tmplist(parent)) {
     finalName = paramFile ? entry->paramFile : entry->groupFile;
     pending = paramFile ? entry->tmpParamFile : entry->tmpGroupFile;
-    return fopen(pending.c_str(), "r");
+    return open_own_file(pending);
   }
   pending = pending_file_name(parent, paramFile ? kTempPar : kTempGrp);
   return get_file(parent, &finalName, paramFile, noCreate);
@@ -68,6 +69,16 @@ struct Creation {
 
   std::string group_path() const { return parent + "." + name; }
 };
+
+// The components are written into the group file, so each must read back as one name of the
+// configuration grammar: a letter, then letters, digits and underscores.
+bool is_config_name(const char* name) {
+  if (!isalpha(static_cast<unsigned char>(*name))) return false;
+  for (const char* p = name; *p != '\0'; ++p) {
+    if (!isalnum(static_cast<unsigned char>(*p)) && *p != '_') return false;
+  }
+  return true;
+}
 
 // Inserts each component below the previous one from the root; a missing one is made empty and
 // marked for its daemon's signal.
@@ -122,13 +133,11 @@ int number_group(Creation* c, int* status) {
   return 0;
 }
 
-// Opens the scratch file of KIND for writing; null (logged, naming FUNCTION) when it cannot.
+// Creates the scratch file of KIND for writing; null (logged, naming FUNCTION) when it cannot.
 FILE* open_scratch(const char* kind, const char* function, std::string* path) {
   *path = scratch_file_name(kind);
-  FILE* out = fopen(path->c_str(), "w");
-  if (out == nullptr) {
-    log_error(kDynSource, "%s, fopen() failed on '%s': %m", function, path->c_str());
-  }
+  FILE* out = create_private_file(*path);
+  if (out == nullptr) log_error(kDynSource, "%s, cannot write '%s'.", function, path->c_str());
   return out;
 }
 
@@ -245,25 +254,28 @@ int find_sorted_place_in_list(const char* parentPath, const char* name, int numb
 }
 
 // Reads the new group's values from the pending parameter file: the group's file option points
-// there while its values are loaded (its parameters share the text), then points back.
-void load_values(Group* group, const std::string& pendingParamFile) {
+// there while its values are loaded (its parameters share the text), then points back. False
+// when the pending name does not fit in the text (a template with a file option of its own).
+bool load_values(Group* group, const std::string& pendingParamFile) {
   Option* file = map_getGroupOption(group, "file");
-  if (file == nullptr) return;
+  if (file == nullptr) return true;
   if (pendingParamFile.size() > strlen(file->value)) {
-    log_fatal(kDynSource,
+    log_error(kDynSource,
               "Tried to copy data to a memory area that can not hold the entire data (in "
               "function %s)",
               kCreate);
+    return false;
   }
   std::string finalFile = file->value;
   strcpy(file->value, pendingParamFile.c_str());
   map_checkTreeValues(group, 0);
   strcpy(file->value, finalFile.c_str());
+  return true;
 }
 
 int load_group(Creation* c) {
   if (config_parseFile(c->files.tmpGroupFile.c_str(), 1) != 0) return -1;
-  load_values(c->group, c->files.tmpParamFile);
+  if (!load_values(c->group, c->files.tmpParamFile)) return -1;
   if (c->mode != 9 && c->mode != 12) {
     if (Option* add = map_getGroupOption(c->group, "dbusgroupadd")) {
       map_sendGroupDbusMessage(add->value, c->group);
@@ -277,7 +289,10 @@ int create_in_files(Creation* c, int* status) {
   c->components = parse_path(c->pathCopy.data());
   if (c->components.empty()) return -1;
   for (char* component : c->components) {
-    if (*component == '\0') return -1;
+    if (!is_config_name(component)) {
+      log_error(kDynSource, "%s, '%s' is not a group name.", kCreate, component);
+      return -1;
+    }
   }
   c->parent = join_components(c->components, c->components.size());
   c->parentGroup = walk_parents(c->components);

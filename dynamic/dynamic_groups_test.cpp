@@ -1,5 +1,7 @@
 // Creating, deleting and synchronising dynamic groups with the parameter database.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -114,6 +116,26 @@ TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
   Option* type = map_getParamOption(param, "type");
   ASSERT_NE(type, nullptr);
   EXPECT_STREQ(type->value, "dynamic:string");
+}
+
+// Scratch files sit in a directory every user may write to: a planted link is not followed and
+// a planted file is not reused, so the pending file is the daemon's own, private and clean.
+TEST_F(DynamicGroupsTest, ScratchFilesAreMadeFreshAndPrivate) {
+  write_text(dir("victim"), "keep\n");
+  ASSERT_EQ(symlink(dir("victim").c_str(), dir("tmp/temp_grp").c_str()), 0);
+  write_text(dir("tmp/temp_par"), "[planted]\n");
+  ASSERT_EQ(chmod(dir("tmp/temp_par").c_str(), 0666), 0);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(dir("tmp/temp_par").c_str(), 1234, 1234), 0);
+  }
+  ASSERT_EQ(create(-1), "I0");
+  EXPECT_EQ(read_text(dir("victim")), "keep\n");
+  struct stat st {};
+  ASSERT_EQ(lstat(dir("tmp/net_interface_temp_par").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(st.st_uid, geteuid());
+  EXPECT_EQ(read_text(dir("tmp/net_interface_temp_par")).find("planted"), std::string::npos);
 }
 
 // A parent path whose names the configuration grammar cannot read back (it would be written into

@@ -57,6 +57,14 @@ std::string data_file_name(std::string_view parent, bool paramFile);
 std::string pending_file_name(std::string_view parent, const char* kind);
 // <scratch>/<kind>: the fixed scratch file a new pending file is written into.
 std::string scratch_file_name(const char* kind);
+// Creates PATH afresh for writing, mode 0600: what was there is removed first, and a link or a
+// file planted again meanwhile makes it fail (O_EXCL, O_NOFOLLOW). Null (logged) on failure.
+FILE* create_private_file(const std::string& path);
+// Opens PATH for reading only when it is a regular file of the daemon's own (no link). Null
+// (logged, unless it is missing) otherwise.
+FILE* open_own_file(const std::string& path);
+// Whether PATH is a regular file of the daemon's own (not a link).
+bool is_own_file(const std::string& path);
 // <dir>/<tmpl><suffix>
 std::string template_path(const std::string& dir, std::string_view tmpl, const char* suffix);
 

@@ -15,6 +15,11 @@ bool install_entry(const TmpListEntry& entry) {
   for (bool paramFile : {true, false}) {
     const std::string& pending = paramFile ? entry.tmpParamFile : entry.tmpGroupFile;
     const std::string& final = paramFile ? entry.paramFile : entry.groupFile;
+    if (!is_own_file(pending)) {
+      log_error(kDynSource, "'%s' is not a file of the daemon's own, not installed.",
+                pending.c_str());
+      return false;
+    }
     if (move_file(pending.c_str(), final.c_str()) != 0) {
       log_error(kDynSource, "Couldn't rename temporary file '%s' to '%s': %m", pending.c_str(),
                 final.c_str());

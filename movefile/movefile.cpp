@@ -244,7 +244,7 @@ int create_tmp_file(const char* dir, const char* name, char** tmp_path) {
               errno_text(errno));
     return -1;
   }
-  int fd = open(path.get(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  int fd = open(path.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) {
     log_error(kSource, "%s: Couldn't create temporary file '%s'! %m\n", kFn, path.get());
     return -1;

@@ -174,8 +174,9 @@ void record_error(ParseState* state, const char* message) {
   state->report->error = {state->source_name, state->token_line, message};
 }
 
-// A grammar error: fatal for the daemon; with a report, logged as an error and recorded (the
-// first one only: the items that enclose it fail in turn). Returns false for the caller to return.
+// A grammar error: logged as an error and, with a report, recorded (the first one only: the items
+// that enclose it fail in turn). The file is refused, never the process ended: group files are
+// written from client requests and loaded by READ_FILE. Returns false for the caller to return.
 bool grammar_error(ParseState* state, const char* format, ...) TESSARD_PRINTF(2, 3);
 bool grammar_error(ParseState* state, const char* format, ...) {
   char message[1024];
@@ -183,7 +184,6 @@ bool grammar_error(ParseState* state, const char* format, ...) {
   va_start(args, format);
   vsnprintf(message, sizeof message, format, args);
   va_end(args);
-  if (state->report == nullptr) log_fatal(kSource, "%s", message);
   log_error(kSource, "%s", message);
   record_error(state, message);
   return false;
@@ -216,15 +216,17 @@ void reload_group(Group* group) {
   }
 }
 
-// Returns whether the group existed and must be read back.
-bool enter_group(ParseState* state) {
+// Enters the group named by the token; *redeclared tells whether it existed and must be read back.
+// False when it cannot be made.
+bool enter_group(ParseState* state, bool* redeclared) {
   Group* group = nullptr;
   int result = map_addGroup(token_text(*state), state->group, &group);
   if (result != 0 && result != -1) {
-    log_fatal(kSource, "Couldn't create group: %s!", token_text(*state));
+    return grammar_error(state, "Couldn't create group: %s!", token_text(*state));
   }
   state->group = group;
-  if (result == 0 || state->additive) return false;
+  *redeclared = result != 0 && !state->additive;
+  if (!*redeclared) return true;
   for (Param* param = group->params; param != nullptr; param = param->next) {
     if (param->status != PARAMSTATUS_UPDATED) map_setParamStatusDefined(param);
   }
@@ -235,7 +237,8 @@ bool parse_group(ParseState* state) {
   config_nextToken(state);
   if (!is_string(*state)) return grammar_error(state, "%s: Expected groupname!", state->file_name);
   Group* enclosing = state->group;
-  bool redeclared = enter_group(state);
+  bool redeclared = false;
+  if (!enter_group(state, &redeclared)) return false;
   Group* group = state->group;
   config_nextToken(state);
   if (!is_punctuation(*state, kOpen)) {
@@ -259,7 +262,8 @@ Param* enter_param(ParseState* state) {
     return param;
   }
   if (map_createParam(token_text(*state), state->group, &param) != 0) {
-    log_fatal(kSource, "Couldn't create parameter!");
+    grammar_error(state, "Couldn't create parameter!");
+    return nullptr;
   }
   return param;
 }
@@ -285,7 +289,8 @@ bool parse_param(ParseState* state) {
     if (!is_string(*state))
       return grammar_error(state, "%s: Expected option value.", state->file_name);
     if (map_setParamOption(name.c_str(), token_text(*state), param) != 0) {
-      log_fatal(kSource, "Couldn't add option to parameter!");
+      log_error(kSource, "Couldn't add option to parameter!");
+      return false;
     }
     config_nextToken(state);
   }
@@ -299,10 +304,10 @@ bool parse_param(ParseState* state) {
 
 // --- Parameter list files -----------------------------------------------------------------------
 
-void set_list_option(Param* param, const char* name, const char* value) {
-  if (map_setParamOption(name, value, param) != 0) {
-    log_fatal(kSource, "Couldn't add option to parameter!");
-  }
+bool set_list_option(Param* param, const char* name, const char* value) {
+  if (map_setParamOption(name, value, param) == 0) return true;
+  log_error(kSource, "Couldn't add option to parameter!");
+  return false;
 }
 
 struct ListFile {
@@ -318,7 +323,8 @@ struct ListFile {
 void add_list_param(ListFile* list, const std::string& type, const std::string& name) {
   Param* param = map_findParamInGroup(name.c_str(), list->group);
   if (param == nullptr && map_createParam(name.c_str(), list->group, &param) != 0) {
-    log_fatal(kSource, "Couldn't create parameter!");
+    log_error(kSource, "Couldn't create parameter!");
+    return;
   }
   char mount[kMountMax + 1];
   snprintf(mount, sizeof mount, "%s{%s}{%s}", list->prefix.c_str(), list->group->name,
@@ -335,7 +341,8 @@ void enter_list_section(ListFile* list, const std::string& line) {
   size_t end = line.find(']', 1);
   std::string name = line.substr(1, end == std::string::npos ? std::string::npos : end - 1);
   int result = map_addGroup(name.c_str(), list->home, &list->group);
-  if (result != 0 && result != -1) log_fatal(kSource, "Couldn't create group: %s!", name.c_str());
+  // Entries up to the next section line that can be made then go to the last group made.
+  if (result != 0 && result != -1) log_error(kSource, "Couldn't create group: %s!", name.c_str());
 }
 
 // TYPE, blanks, NAME, blanks, VALUE; the value itself comes from the backing file later.
@@ -488,7 +495,8 @@ bool parse_group_option(ParseState* state) {
   if (!is_string(*state))
     return grammar_error(state, "%s: Expected option value.", state->file_name);
   if (map_setGroupOption(name.c_str(), token_text(*state), state->group, 0) != 0) {
-    log_fatal(kSource, "Couldn't add option to group!");
+    log_error(kSource, "Couldn't add option to group!");
+    return false;
   }
   config_nextToken(state);
   return true;
@@ -552,8 +560,10 @@ InputSource* mmap_fd(int fd) {
     return nullptr;
   }
   auto* source = new (std::nothrow) InputSource{};
-  if (source == nullptr)
-    log_fatal(kSource, "Memory allocation failed (in function %s).", "mmap_fd");
+  if (source == nullptr) {
+    log_error(kSource, "Memory allocation failed (in function %s).", "mmap_fd");
+    return nullptr;
+  }
   void* data = mmap(nullptr, status.st_size, PROT_READ, MAP_SHARED, fd, 0);
   if (data == MAP_FAILED) {
     delete source;

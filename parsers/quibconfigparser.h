@@ -4,9 +4,8 @@
 //   group NAME { body }   param NAME { OPTION = VALUE ... }   paramfile { file = ... parser = ... }
 //   include PATH          OPTION = VALUE (an option of the enclosing group)
 //
-// Names and values that do not begin with a letter must be quoted. Grammar errors end the process
-// (log_fatal) unless the parse is given a report; only the top-level problems listed at
-// config_parseFile are returned otherwise.
+// Names and values that do not begin with a letter must be quoted. A grammar error is logged and
+// ends the reading of the file (result 1); what was declared before it stays in the database.
 #pragma once
 
 #include <cstdint>
@@ -47,11 +46,10 @@ struct ConfigReport {
 // Reads the configuration file at path into the database. With additive 0, groups declared again
 // are read back from their backing files and lose parameters that the files no longer provide.
 // 0 on success, for "/dev/null" and for a missing file; 1 when the file cannot be opened, locked
-// or mapped (an empty file cannot be mapped), or its top level is malformed.
+// or mapped (an empty file cannot be mapped), or it holds a grammar error.
 int config_parseFile(const char* path, int additive);
-// As config_parseFile, but with a report (may be null) a grammar error is not fatal: it is logged
-// as an error, recorded in the report, and the parse stops with result 1 (the tree keeps what
-// was read before). Without a report it is config_parseFile.
+// As config_parseFile, and with a report (may be null) a grammar error is also recorded in the
+// report. Without a report it is config_parseFile.
 int config_parseFileReporting(const char* path, int additive, ConfigReport* report);
 // The same on text in memory; `name` stands for the file in messages and in the report.
 int config_parseText(std::string_view text, const char* name, int additive, ConfigReport* report);
