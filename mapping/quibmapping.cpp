@@ -553,6 +553,8 @@ void map_freeParam(Param* param) {
   tree_changed();
   if (is_indexed(param)) map_index().remove_param(param);
   map_unlistParam(param);
+  std::erase(map_state().failedWrites, param);
+  std::erase(map_state().storedInRun, param);
   free_options(param->options);
   legacy_drep_freeData(param->value);
   free(param);  // the path with it

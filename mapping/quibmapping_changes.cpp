@@ -146,6 +146,7 @@ void map_notifyParamStored(Param* param) {
   param->status = PARAMSTATUS_STORED;
   param->synced = 1;
   param->setterPending = 1;
+  map_state().storedInRun.push_back(param);
 }
 
 void map_replaceParamData(Param* param, Data* data) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "mapping/quibmapping.h"
 
@@ -37,6 +38,10 @@ struct MapState {
   // the group of its file up for every key: the second look-up costs one comparison.
   PathMemo<Group> groupMemo;
   PathMemo<Param> paramMemo;
+  // Parameters the parser framework reported written during the file run in progress.
+  std::vector<Param*> storedInRun;
+  // Parameters whose file could not be written: the synchronisation fails and they stay pending.
+  std::vector<Param*> failedWrites;
 };
 
 MapState& map_state();

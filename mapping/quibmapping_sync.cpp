@@ -2,6 +2,9 @@
 // map_sync with its modes. The order is always: dynamic group files, then each changed
 // parameter's backing file with its constraints, then the setters, then the freeing of groups
 // removed with defer.
+#include <algorithm>
+#include <vector>
+
 #include "dynamic/dynamic.h"
 #include "init/log.h"
 #include "mapping/getters.h"
@@ -20,15 +23,44 @@ bool is_listed(const Param* param) {
   return param->listed != 0;
 }
 
+void note_failed_write(Param* param) {
+  std::vector<Param*>& failed = map_state().failedWrites;
+  if (std::find(failed.begin(), failed.end(), param) == failed.end()) failed.push_back(param);
+}
+
+// The file run failed: the values it reported written are not on the disk. They are changed
+// again, to be written by a later synchronisation.
+void keep_unwritten(Param* param) {
+  MapState& state = map_state();
+  if (param->status == PARAMSTATUS_UPDATED) state.storedInRun.push_back(param);
+  for (Param* written : state.storedInRun) {
+    written->status = PARAMSTATUS_UPDATED;
+    written->synced = 0;
+    written->setterPending = 0;
+    note_failed_write(written);
+  }
+  state.storedInRun.clear();
+}
+
+// Lists the parameters whose write failed as changed again; false when there were any.
+bool relist_failed_writes() {
+  std::vector<Param*> failed;
+  failed.swap(map_state().failedWrites);
+  for (Param* param : failed) map_addUpdatedParamList(param);
+  return failed.empty();
+}
+
 // Reads a parameter that is not yet loaded, or writes one that a client changed; false when the
 // backing file could not be handled.
 bool sync_with_file(Param* param, const char* groupPath) {
-  const MapState& state = map_state();
+  MapState& state = map_state();
   int readonly = state.changesPending == 0 || !state.writeBack;
   // Writing is what a changed value needs; while only reading it stays pending.
   if (readonly && param->status == PARAMSTATUS_UPDATED) return true;
+  state.storedInRun.clear();
   if (parser_invokeForParam(param, groupPath, readonly) == 0) return true;
   mif_reset();
+  if (!readonly) keep_unwritten(param);
   return false;
 }
 
@@ -174,12 +206,14 @@ int map_sync(int signalOnly, int blockDbus) {
   if (mode < 0) return 0;
   dyn_sync(mode);
   MapState& state = map_state();
-  if (!state.initialSyncDone) return first_sync(signalOnly, mode, blockDbus);
-  if (!state.changesPending) {
-    if (mode != 2) update_clearSignalledProcesses();
-    return 0;
+  if (!state.initialSyncDone) {
+    first_sync(signalOnly, mode, blockDbus);
+  } else if (state.changesPending) {
+    later_sync(signalOnly, mode, blockDbus);
+  } else if (mode != 2) {
+    update_clearSignalledProcesses();
   }
-  return later_sync(signalOnly, mode, blockDbus);
+  return relist_failed_writes() ? 0 : -1;
 }
 
 int map_syncGroup(Group* group, int mode) {

@@ -1,10 +1,12 @@
 // Synchronisation against real backing files: the Standard parser reads and writes them, setter
 // commands append to a log file.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -129,6 +131,27 @@ TEST_F(SyncTest, FullSyncWritesTwoChangesOnceAndRunsTheSetterOnce) {
   EXPECT_EQ(map_getParamByPath("root.Net.a")->status, PARAMSTATUS_LOADED);
   EXPECT_EQ(map_getUpdatedParamList(), nullptr);
   EXPECT_EQ(setter_log(1), "y:z\n");  // one command text, all changed params in the environment
+}
+
+// A full disk, as the file size limit makes it: the failed write is answered and stays pending.
+TEST_F(SyncTest, AFailedWriteIsReportedAndWrittenByTheNextSync) {
+  load("a 1\nb 2\n");
+  map_sync(0, 0);
+  client_sets("root.Net.a", "xxxxxxxx");
+  client_sets("root.Net.b", "yyyyyyyy");
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+  rlimit full = saved;
+  full.rlim_cur = 8;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+  int failed = map_sync(10, 0);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
+  EXPECT_NE(failed, 0);
+  EXPECT_EQ(read_file(net_), "a 1\nb 2\n");
+  EXPECT_EQ(value_of("root.Net.a"), "xxxxxxxx");
+  EXPECT_EQ(map_sync(0, 0), 0);
+  EXPECT_EQ(read_file(net_), "a xxxxxxxx\nb yyyyyyyy\n");
 }
 
 TEST_F(SyncTest, EqualBytesWriteNothing) {
