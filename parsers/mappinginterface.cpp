@@ -372,7 +372,9 @@ int mif_leaveSection() {
   return 0;
 }
 
-int mif_probeSection(const char* name, MappingCallback callback, void* argument) {
+namespace {
+
+int probe_section(const char* name, MappingCallback callback, void* argument, bool key) {
   if (mif.current != nullptr) {
     return 0;
   }
@@ -380,6 +382,9 @@ int mif_probeSection(const char* name, MappingCallback callback, void* argument)
     log_fatal(kSource, "mif_probeSection() called from producing code!");
   }
   Param* param = push_mapping(name, nullptr, kSection);
+  if (param != nullptr && key) {
+    pif_noteProbed(param);
+  }
   bool updated = param != nullptr && producible(param);
   // A "nosync" parameter is never written by the parser; its setters still run.
   bool nosync = updated && map_typeHasFlag(param, "nosync");
@@ -393,6 +398,17 @@ int mif_probeSection(const char* name, MappingCallback callback, void* argument)
   }
   return 0;
 }
+
+}  // namespace
+
+int mif_probeSection(const char* name, MappingCallback callback, void* argument) {
+  return probe_section(name, callback, argument, false);
+}
+
+int mif_probeKey(const char* name, MappingCallback callback, void* argument) {
+  return probe_section(name, callback, argument, true);
+}
+
 
 int mif_enterSectionNext(const char** name) {
   if (!mif.producing) {
@@ -521,6 +537,7 @@ int mif_leaveList() {
 int mif_notifyStored() {
   if (mif.data_depth == 1) {
     map_notifyParamStored(mif.current);
+    pif_noteStored(mif.current);
   }
   return 0;
 }

@@ -40,6 +40,9 @@ int mif_leaveSection();
 // parameter whose `type` option says "nosync" is instead marked loaded with its setters
 // pending. Does nothing (0) while a parameter is current.
 int mif_probeSection(const char* name, MappingCallback callback, void* argument);
+// As mif_probeSection, for an entry whose key a file should hold once: probing the key of a value
+// written in this run marks the input malformed (a repeated key; see parser_lastInputMalformed).
+int mif_probeKey(const char* name, MappingCallback callback, void* argument);
 
 // Producing, over the current hash:
 //   mif_enterSectionNext(&name);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "init/log.h"
 #include "parsers/camsettingsparser.h"
@@ -94,6 +95,8 @@ struct Framework {
   bool token_pending;  // accepted and not yet written or dropped by pif_syncToken
   bool corruption_reported;
   bool end_reached;
+  bool malformed;  // a NUL byte or a quote never closed: a rewrite could misplace text
+  std::vector<const Param*> stored;  // values written in this run
 };
 
 Framework fw;
@@ -134,6 +137,7 @@ void report_nul() {
     return;
   }
   fw.corruption_reported = true;
+  fw.malformed = true;
   log_error(kSource, "Possible corruption in configuration file: %s", fw.path.c_str());
 }
 
@@ -181,6 +185,8 @@ int run_parser(ParseFunction parse, std::string_view input, const char* path,
   fw.token_pending = false;
   fw.corruption_reported = false;
   fw.end_reached = false;
+  fw.malformed = false;
+  fw.stored.clear();
   if (parse(&fw.token, group_path) != 0) {
     fw.result = 1;
   }
@@ -270,6 +276,21 @@ int parser_parseText(const char* parser_name, std::string_view text, const char*
   return parser_runOnText(entry->parse, text, "(text)", group_path, readonly, output);
 }
 
+void pif_noteStored(const Param* param) {
+  fw.stored.push_back(param);
+}
+
+void pif_noteProbed(const Param* param) {
+  // Its key again after its value was written: the later value, which reading takes, is dropped.
+  if (std::find(fw.stored.begin(), fw.stored.end(), param) != fw.stored.end()) {
+    fw.malformed = true;
+  }
+}
+
+bool parser_lastInputMalformed() {
+  return fw.malformed;
+}
+
 int parser_runOnText(ParseFunction parse, std::string_view text, const char* file_name,
                      const char* group_path, int readonly, std::string* output) {
   OutputText out;
@@ -310,7 +331,13 @@ int pif_acceptToken(int type, const char* expected) {
   fw.position = 0;
   fw.lookahead = fw.input.data() + fw.cursor;
   fw.current = char_at(fw.cursor);
+  int first = fw.current;
   if (handler->accept(&fw.token, &fw.current, &fw.lookahead, &fw.position, expected) != 0) {
+    // A quoted text that fails runs into a NUL byte or the end, or past the length limit.
+    bool quoted = first == '"' || (first == '\'' && type == TOKEN_VALUE);
+    if (expected == nullptr && quoted && (type == TOKEN_STRING || type == TOKEN_VALUE)) {
+      fw.malformed = true;
+    }
     return 0;
   }
   fw.token.type = type;

@@ -35,9 +35,14 @@ const ParserEntry* parser_find(const char* name);
 // Reads (readonly 1) or rewrites (readonly 0) the backing file of `param` with the parser its
 // `parser` option names; `group_path` goes to the parse function unchanged. A missing file is
 // created; a symbolic link is followed and its target replaced. In write mode the file is
-// rewritten through a temporary file beside it, keeping its mode and owner, on every run.
+// rewritten through a temporary file beside it, keeping its mode and owner, on every run that
+// parsed the file without failure and found it well formed (parser_lastInputMalformed).
 // 0 on success, 1 on failure.
 int parser_invokeForParam(Param* param, const char* group_path, int readonly);
+// Whether the parser of `param` can write `text` so that it reads back as that value and changes
+// nothing else: in a line-based format a line break would begin another entry, and a shell value
+// reads back only up to kTokenValueMax characters. True for a parameter without a known parser.
+bool parser_canHoldValue(Param* param, std::string_view text);
 
 // Runs the parser registered as `parser_name` over `text` exactly as parser_invokeForParam runs
 // it over a file's content: read mode (readonly 1) or write mode with the rewritten text stored
@@ -49,7 +54,18 @@ int parser_parseText(const char* parser_name, std::string_view text, const char*
 int parser_runOnText(ParseFunction parse, std::string_view text, const char* file_name,
                      const char* group_path, int readonly, std::string* output);
 
+// Whether the input of the last run held a NUL byte, a quote that is never closed or a written
+// value's key again (pif_noteProbed). Rewritten,
+// such text could pair with quotes of a new value and change other entries, so
+// parser_invokeForParam does not rewrite the file.
+bool parser_lastInputMalformed();
+
 // Services for parse functions.
+
+// The mapping interface reports each value it wrote in this run, and each parameter whose key a
+// parser probes with mif_probeKey; probing a written one again marks the input malformed.
+void pif_noteStored(const Param* param);
+void pif_noteProbed(const Param* param);
 
 // Recognises a token of `type` at the cursor (with `expected` text where the type takes one).
 // 1 and the token becomes current; 0 and the cursor stays, so that another type can be tried.

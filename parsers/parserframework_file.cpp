@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "init/log.h"
@@ -120,6 +121,28 @@ int open_backing_file(const char* path) {
   return fd;
 }
 
+// Opens and locks the backing file. A writer that held the lock may have replaced the file
+// meanwhile; then the lock is on a file no longer at the path, and the new one is taken. -1 after
+// a logged failure.
+int open_locked(const char* path) {
+  for (;;) {
+    UniqueFd fd(open_backing_file(path));
+    if (fd.get() < 0) {
+      return -1;
+    }
+    if (flock(fd.get(), LOCK_EX) != 0) {
+      log_error(kSource, "Failed to lock file %s: %m\n", path);
+      return -1;
+    }
+    struct stat locked;
+    struct stat current;
+    if (fstat(fd.get(), &locked) == 0 && stat(path, &current) == 0 &&
+        locked.st_dev == current.st_dev && locked.st_ino == current.st_ino) {
+      return fd.release();
+    }
+  }
+}
+
 bool read_whole_file(int fd, const char* path, std::string* text) {
   char chunk[16384];
   for (;;) {
@@ -189,7 +212,37 @@ bool write_back(const char* path, TempFile* temp, const SavedAttributes& saved,
   return true;
 }
 
+// What a parser's file can hold in one value.
+struct ValueLimit {
+  const char* parser;
+  bool line_break;    // a value may hold CR and LF
+  size_t max_length;  // 0 for no limit
+};
+
+constexpr ValueLimit kValueLimits[] = {
+    {"Resolvparser", false, 0},      {"SinglevalueParser", false, 0},
+    {"Camsettingsparser", false, 0}, {"ShellParser", true, kTokenValueMax},
+    {"Standardparser", true, 0},     {"Standard2parser", true, 0},
+};
+
 }  // namespace
+
+bool parser_canHoldValue(Param* param, std::string_view text) {
+  Option* option = map_getParamOption(param, "parser");
+  if (option == nullptr || option->value == nullptr) {
+    return true;
+  }
+  for (const ValueLimit& limit : kValueLimits) {
+    if (strcmp(limit.parser, option->value) != 0) {
+      continue;
+    }
+    if (!limit.line_break && text.find_first_of("\r\n") != std::string_view::npos) {
+      return false;
+    }
+    return limit.max_length == 0 || text.size() <= limit.max_length;
+  }
+  return true;
+}
 
 int parser_invokeForParam(Param* param, const char* group_path, int readonly) {
   const ParserEntry* entry = parser_of_param(param);
@@ -204,12 +257,8 @@ int parser_invokeForParam(Param* param, const char* group_path, int readonly) {
   if (!resolve_backing_path(file->value, &path)) {
     return 1;
   }
-  UniqueFd input(open_backing_file(path.c_str()));
+  UniqueFd input(open_locked(path.c_str()));
   if (input.get() < 0) {
-    return 1;
-  }
-  if (flock(input.get(), LOCK_EX) != 0) {
-    log_error(kSource, "Failed to lock file %s: %m\n", path.c_str());
     return 1;
   }
   std::string text;
@@ -223,9 +272,14 @@ int parser_invokeForParam(Param* param, const char* group_path, int readonly) {
   }
   std::string output;
   int result = parser_runOnText(entry->parse, text, path.c_str(), group_path, readonly, &output);
-  input.reset();  // releases the lock
   if (readonly != 0) {
     return result;
   }
+  if (result != 0 || parser_lastInputMalformed()) {
+    log_error(kSource, "File %s does not parse cleanly, not rewritten.", path.c_str());
+    return 1;
+  }
+  // The lock is held until the new file is in place: a writer waiting for it then finds the
+  // new file (open_locked), never the one this rename takes away.
   return write_back(path.c_str(), &temp, saved, output) ? result : 1;
 }

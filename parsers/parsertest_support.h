@@ -16,6 +16,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "init/logcapture.h"
 #include "mapping/quibmapping.h"
@@ -255,6 +256,48 @@ class ParserTest : public ::testing::Test {
       mif_reset();
     }
     return succeeded;
+  }
+
+  // Rounds of random edits of `base`, malformed ones included (unclosed quotes, repeated keys,
+  // NUL bytes): once `changed` is set to `value` and the text rewritten, each of `others` reads
+  // from the written text what it read from the original, and `changed` the value when it was
+  // written. Returns the rounds whose rewrite changed the text.
+  int others_kept_rounds(ParseFunction parse, std::string_view alphabet, Param* changed,
+                         const char* value, const std::vector<Param*>& others,
+                         std::string_view base, int rounds = 1500) {
+    RandomText random(alphabet, 2024);
+    auto read_others = [&](const std::string& text) {
+      legacy_drep_resetData(&changed->value);
+      changed->status = PARAMSTATUS_DEFINED;
+      for (Param* p : others) {
+        legacy_drep_resetData(&p->value);
+        p->status = PARAMSTATUS_DEFINED;
+      }
+      run_exact(parse, text, group_->path, nullptr);
+      mif_reset();
+      std::vector<std::string> values;
+      for (Param* p : others) values.push_back(value_text(p));
+      return values;
+    };
+    int rewritten = 0;
+    for (int round = 0; round < rounds && !::testing::Test::HasFailure(); ++round) {
+      std::string text = random.mutate(base), written;
+      std::vector<std::string> before = read_others(text);
+      client_sets(changed, value);
+      bool refused = run_exact(parse, text, group_->path, &written) != 0 ||
+                     parser_lastInputMalformed();  // the file would be left as it is
+      mif_reset();
+      if (refused) continue;
+      bool stored = changed->status == PARAMSTATUS_STORED;
+      rewritten += written != text;
+      EXPECT_EQ(read_others(written), before)
+          << ::testing::PrintToString(text) << " -> " << ::testing::PrintToString(written);
+      if (stored) {
+        EXPECT_EQ(value_text(changed), value)
+            << ::testing::PrintToString(text) << " -> " << ::testing::PrintToString(written);
+      }
+    }
+    return rewritten;
   }
 
   Group* group_ = nullptr;

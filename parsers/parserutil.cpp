@@ -20,18 +20,17 @@ void write_section_value(const char* section, const char* type, int token_type,
 
 bool parse_string_value(Token* token, const char* section, int value_type) {
   mif_enterSection(section);
-  mif_enterScalar("string");
-  bool ok = true;
-  if (pif_skipBlanks()) {
-    dif_customScalarSetFromString("", 0);
-  } else if (pif_acceptToken(value_type, nullptr)) {
-    dif_customScalarSetFromString(token->text, token->quote);
-    pif_syncToken();
+  bool empty = pif_skipBlanks() != 0;
+  // An unreadable value leaves the parameter without one: no scalar is entered for it.
+  bool ok = empty || pif_acceptToken(value_type, nullptr) != 0;
+  if (ok) {
+    mif_enterScalar("string");
+    dif_customScalarSetFromString(empty ? "" : token->text, empty ? 0 : token->quote);
+    if (!empty) pif_syncToken();
+    mif_leaveScalar();
   } else {
     log_error("parserutil", "Unreadable value of '%s' on line %d.", section, pif_getLineNumber());
-    ok = false;
   }
-  mif_leaveScalar();
   mif_leaveSection();
   if (!ok) {
     pif_copyRest();

@@ -42,7 +42,7 @@ bool accept_equals() {
 // The value of `name` from the cursor to the end of the line; nothing there is the empty value.
 // False when a quoted value is not closed: the rest of the file is then kept as it is.
 bool parse_value(char* name, Token* token) {
-  mif_probeSection(name, write_value, name);
+  mif_probeKey(name, write_value, name);
   return parse_string_value(token, name, TOKEN_VALUE);
 }
 

@@ -110,19 +110,29 @@ TEST_F(ShellParserTest, UnchangedValuesComeBackSingleQuoted) {
   EXPECT_EQ(change(var("Shell{C}", "c"), "d"), "A='x \\\"y\\\"'\nB='plain'\nC='d'\nls -l\n");
 }
 
-TEST_F(ShellParserTest, UnclosedQuoteFailsAndKeepsTheRest) {
-  const char kBroken[] = "A='a'\n# note\nB='open\nC='c'\n";
-  write_file(file("ifcfg"), kBroken);
+// A value that cannot be read (an unclosed quote, a single-quoted value reaching the length
+// limit) leaves its parameter without a value, and the file is not rewritten.
+class UnreadableValueTest : public ShellParserTest,
+                            public ::testing::WithParamInterface<std::string> {};
+
+TEST_P(UnreadableValueTest, FailsLeavesNoValueAndKeepsTheRest) {
+  const std::string broken = "A='a'\n# note\nB=" + GetParam() + "\nC='c'\n";
+  write_file(file("ifcfg"), broken);
   Param* a = var("Shell{A}");
+  Param* b = var("Shell{B}", "b");
   Param* c = var("Shell{C}", "c");
   EXPECT_EQ(invoke(a, 1), 1);
   EXPECT_EQ(value_text(a), "a");
+  EXPECT_EQ(value_text(b), "<none>");
   EXPECT_EQ(value_text(c), "<none>");
   EXPECT_EQ(count_logged("Unreadable value of 'B' on line 3."), 1);
   client_sets(a, "new");
   EXPECT_EQ(invoke(a, 0), 1);
-  EXPECT_EQ(read_file(file("ifcfg")), "A='new'\n# note\nB='open\nC='c'\n");
+  EXPECT_EQ(read_file(file("ifcfg")), broken);
 }
+
+INSTANTIATE_TEST_SUITE_P(Values, UnreadableValueTest,
+                         ::testing::Values("'open", "'" + std::string(1024, 'x') + "'"));
 
 // The real shell as the oracle: whatever value the parser writes, in every assignment form (all
 // bound at Shell{NAME}), sourcing the file gives exactly that value. setenv is given the meaning
@@ -193,6 +203,17 @@ TEST_F(ShellParserTest, RandomEditsNeverCrashAndRewriteStably) {
             300);
   Param* rare = param("q", "", "Shell{zz}", nullptr);
   EXPECT_GT(random_rounds(shellparser_parse, "ab= \t\n'\"\\#\x01\xe9", rare, "v", {}, "\""), 300);
+}
+
+// Rewriting one value of a malformed file (an unclosed quote, a repeated name, a NUL byte)
+// changes no other entry.
+TEST_F(ShellParserTest, RewritingAMalformedFileChangesNoOtherEntry) {
+  Param* b = param("b", "", "Shell{B}", nullptr);
+  std::vector<Param*> others = {param("a", "", "Shell{A}", nullptr),
+                                param("c", "", "Shell{C}", nullptr)};
+  EXPECT_GT(others_kept_rounds(shellparser_parse, std::string_view("ABC= \n'\"\\#\0", 12), b,
+                               "new value", others, "A='1'\nB='two'\nexport C='3'\nA=4\n"),
+            500);
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ bool parse_entry(Token* token) {
     pif_syncToken();
     pif_skipBlanks();  // the blanks after the "=" stay; a new value follows them
   }
-  mif_probeSection(writer.key, write_value, &writer);
+  mif_probeKey(writer.key, write_value, &writer);
   return parse_string_value(token, writer.key, TOKEN_STRING);
 }
 

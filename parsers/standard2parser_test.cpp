@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "parsers/parsertest_support.h"
 
@@ -98,7 +100,8 @@ TEST_F(Standard2ParserTest, UnchangedValuesComeBackInCanonicalForm) {
   EXPECT_EQ(change(key("Standard2{Root}{x}"), "2"), "version = \"4.12.1\"\nname = plain\nx = 2\n");
 }
 
-TEST_F(Standard2ParserTest, UnreadableValueFailsAndKeepsTheRest) {
+// A file that does not parse is not rewritten: the change waits.
+TEST_F(Standard2ParserTest, UnreadableValueFailsAndLeavesTheFile) {
   write_file(file("web.conf"), "a = 1\n[s]\nb = \"open\nc = 3\n");
   Param* a = key("Standard2{Root}{a}");
   EXPECT_EQ(invoke(a, 1), 1);
@@ -106,7 +109,7 @@ TEST_F(Standard2ParserTest, UnreadableValueFailsAndKeepsTheRest) {
   EXPECT_EQ(count_logged("Unreadable value of 'b' on line 3."), 1);
   client_sets(a, "9");
   EXPECT_EQ(invoke(a, 0), 1);
-  EXPECT_EQ(read_file(file("web.conf")), "a = 9\n[s]\nb = \"open\nc = 3\n");
+  EXPECT_EQ(read_file(file("web.conf")), "a = 1\n[s]\nb = \"open\nc = 3\n");
 }
 
 // A key that occurs twice keeps its new value only at its first place (the second one's old value
@@ -118,6 +121,18 @@ TEST_F(Standard2ParserTest, RandomBytesNeverCrashAndRewriteStably) {
       300);
   Param* rare = param("q", "", "Standard2{Root}{zz}", nullptr);
   EXPECT_GT(random_rounds(standard2parser_parse, "ab1 \t\n\r=\"\\[]#_\xe9", rare, "v"), 300);
+}
+
+// Rewriting one value of a malformed file (an unclosed quote, a repeated key, a NUL byte) changes
+// no other entry.
+TEST_F(Standard2ParserTest, RewritingAMalformedFileChangesNoOtherEntry) {
+  Param* b = param("b", "", "Standard2{Root}{b}", nullptr);
+  std::vector<Param*> others = {param("a", "", "Standard2{Root}{a}", nullptr),
+                                param("c", "", "Standard2{s}{c}", nullptr),
+                                param("d", "", "Standard2{s}{a}", nullptr)};
+  EXPECT_GT(others_kept_rounds(standard2parser_parse, std::string_view("abc =\n\"\\[]#\0", 13),
+                               b, "new value", others, "a = 1\nb = \"two\"\n[s]\nc = 3\na 4\n"),
+            500);
 }
 
 }  // namespace

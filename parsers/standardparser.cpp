@@ -27,7 +27,7 @@ void parse_entry(Token* token) {
   if (pif_getLineNumber() != line) {
     return;
   }
-  mif_probeSection(key, write_value, key);
+  mif_probeKey(key, write_value, key);
   mif_enterSection(key);
   if (pif_acceptToken(TOKEN_STRING, nullptr)) {
     mif_enterScalar("string");

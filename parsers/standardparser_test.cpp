@@ -4,6 +4,8 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "parsers/parsertest_support.h"
 
@@ -123,6 +125,18 @@ TEST_F(StandardParserTest, ArbitraryBytesParseAndRewriteStably) {
     ++checked;
   }
   EXPECT_GT(checked, 300);
+}
+
+// Rewriting one value of a malformed file (an unclosed quote, a repeated key, a NUL byte) changes
+// no other entry.
+TEST_F(StandardParserTest, RewritingAMalformedFileChangesNoOtherEntry) {
+  Param* b = param("b", "", "Standard{Root}{b}", nullptr);
+  std::vector<Param*> others = {param("a", "", "Standard{Root}{a}", nullptr),
+                                param("c", "", "Standard{s}{c}", nullptr),
+                                param("d", "", "Standard{s}{a}", nullptr)};
+  EXPECT_GT(others_kept_rounds(standardparser_parse, std::string_view("abc \n\"\\[]#\0", 12), b,
+                               "new value", others, "a 1\nb \"two\"\n[s]\nc 3\na 4\n"),
+            500);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "mapping/getters.h"
 #include "mapping/quibmapping.h"
 #include "movefile/handles.h"
+#include "parsers/parserframework.h"
 #include "server/authorization.h"
 #include "server/clientserver.h"
 #include "server/requests.h"
@@ -170,6 +171,24 @@ int decode_value(const SetRequest& request, NewValue* value) {
   return STATUS_OK;
 }
 
+// A value that the backing file's format cannot hold is refused before it is stored: written, it
+// would change other entries of the file.
+bool fits_backing_file(Param* param, const SetRequest& request, const NewValue& value) {
+  std::string text = value.text;
+  if (request.form == 3) {
+    const Data* data = value.data.get();
+    if (data == nullptr || data->type != DATA_SCALAR || data->scalarKind != SCALAR_CUSTOM) {
+      return true;  // refused or checked when it is stored
+    }
+    Malloced<char> decoded(legacy_drep_getCustomString(data, nullptr));
+    text = decoded ? decoded.get() : "";
+  }
+  if (parser_canHoldValue(param, text)) return true;
+  log_error("clientserver", "%s: the file of %s cannot hold the value, refused.", "serveSetRequest",
+            request.path.c_str());
+  return false;
+}
+
 int serve_set(int fd, const SetRequest& request) {
   int access = checkAccessControl(request.uid, request.gid, SET, request.path.c_str(),
                                   request.quiet, fd);
@@ -193,6 +212,7 @@ int serve_set(int fd, const SetRequest& request) {
   if (param->hasGetter && map_getParamOption(param, "dbus") == nullptr) {
     return upgradeMode ? STATUS_OK : STATUS_ACCESS_REFUSED;
   }
+  if (!fits_backing_file(param, request, value)) return STATUS_NO_MEMORY;
   int status = store_value(param, request, &value);
   if (status != STATUS_OK) return status;
   if (request.sync >= 10 && map_sync(request.sync, 0) != 0) return STATUS_FAILED;

@@ -25,6 +25,12 @@ constexpr const char* kConfig = R"(group Settings {
   param Clamped { mount = "Standard{Root}{clamped}" type = "int:min=0,max=10" }
   param StaffOnly { mount = "Standard{Root}{staff}" accessControl = "staff:2" }
 }
+group Host {
+  accessControl = ":3"
+  param Name { parser = SinglevalueParser file = "/etc/hostname" mount = "Singlevalue{}" }
+  param Search { parser = Resolvparser file = "/etc/resolv.conf" mount = "Resolv{Search}" }
+  param Shell { parser = ShellParser file = "/etc/ifcfg" mount = "Shell{NAME}" }
+}
 )";
 
 constexpr const char* kFile =
@@ -47,6 +53,9 @@ class WritesTest : public SandboxTest {
     if (HasFatalFailure()) return;
     WriteFile("/etc/tessard.conf", kConfig);
     WriteFile(kPath, kFile);
+    WriteFile("/etc/hostname", "cam\n");
+    WriteFile("/etc/resolv.conf", "search ex.com\n");
+    WriteFile("/etc/ifcfg", "NAME='n'\n");
   }
 
   void Serve(const std::vector<std::string>& extra = {}) {
@@ -153,6 +162,9 @@ struct TextCase {
 
 class TextCheckTest : public WritesTest, public ::testing::WithParamInterface<TextCase> {};
 
+// Longer than a shell value can be read back.
+const std::string kLongShellValue(1024, 'x');
+
 TEST_P(TextCheckTest, ChecksTheValueAgainstItsType) {
   Serve();
   EXPECT_EQ(Set(GetParam().path, GetParam().sent, 10), GetParam().status);
@@ -167,7 +179,13 @@ INSTANTIATE_TEST_SUITE_P(
                       TextCase{"Settings.Mode", "Standby", TESSCLIENT_FAILED, "Auto"},
                       TextCase{"Settings.Label", "abcdefgh", TESSCLIENT_OK, "abcdefgh"},
                       TextCase{"Settings.Label", "abcdefghi", TESSCLIENT_FAILED, "front"},
-                      TextCase{"Settings.Nothing", "x", TESSCLIENT_FAILED, "<status 16>"}));
+                      TextCase{"Settings.Nothing", "x", TESSCLIENT_FAILED, "<status 16>"},
+                      // Values the backing format cannot hold: they would write other entries.
+                      TextCase{"Host.Search", "ex.com\nnameserver 6.6.6.6", TESSCLIENT_NO_MEMORY,
+                               "ex.com"},
+                      TextCase{"Host.Name", "cam\nevil", TESSCLIENT_NO_MEMORY, "cam"},
+                      TextCase{"Host.Shell", kLongShellValue.c_str(), TESSCLIENT_NO_MEMORY, "n"},
+                      TextCase{"Settings.Name", "two\nlines", TESSCLIENT_OK, "two\nlines"}));
 
 TEST_F(WritesTest, SerialisedValueOfAnotherKindAnswersTwo) {
   Serve();

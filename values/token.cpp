@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kSource = "token";
 // Longest strong-quoted value, terminating NUL included.
-constexpr int kStrongQuotedMax = 1024;
+constexpr int kStrongQuotedMax = kTokenValueMax + 1;
 constexpr int kScratchSize = 100;
 
 bool is_digit(int ch) {

@@ -24,6 +24,9 @@ enum TokenType : int32_t {
   TOKEN_NONE = 10,    // no current token, set by the framework
 };
 
+// Longest shell value (TOKEN_VALUE) that reads back: a strong-quoted text holds fewer characters.
+constexpr int kTokenValueMax = 1023;
+
 // One token. The text is NUL-terminated; `capacity` is the allocated size of `text`, and 0 means
 // the record does not own `text` (it points at someone else's buffer, or is null).
 struct Token {
