@@ -181,7 +181,9 @@ void update_sendSignal(const char* daemonList, const char* signalList) {
   std::vector<Target> targets = targets_of(daemonList, signalList);
   std::unique_ptr<DIR, DirCloser> proc(opendir("/proc"));
   if (proc == nullptr) {
-    log_fatal(kSource, "Couldn't open /proc!");
+    // Out of descriptors, say: the change stands, only its signal is not sent.
+    log_error(kSource, "Couldn't open /proc!");
+    return;
   }
   while (const dirent* entry = readdir(proc.get())) {
     if (!is_pid(entry->d_name)) {

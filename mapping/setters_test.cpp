@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -319,6 +320,19 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(SignalCase{"40", "1\n", "1\n"}, SignalCase{"-3", "1\n", "1\n"},
                     SignalCase{"HUP, IO", "1\n", "29\n"}, SignalCase{"USR2,USR1", "12\n", "10\n"},
                     SignalCase{"KILL", "", ""}, SignalCase{"USR1,TERM", "10\n", ""}));
+
+// Out of descriptors (a local user can hold many connections open), /proc cannot be read: the
+// signal is not sent and the daemon goes on.
+TEST_F(SetterSignalTest, UnreadableProcIsLoggedNotFatal) {
+  rlimit saved{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit none = saved;
+  none.rlim_cur = 0;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  update_sendSignal("anything", "HUP");
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  EXPECT_EQ(count_logged("Couldn't open /proc!"), 1);
+}
 
 TEST_F(SetterSignalTest, SetterRunSignalsTheDaemonWithDefaultHangup) {
   std::string name = start("d");

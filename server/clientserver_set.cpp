@@ -142,7 +142,11 @@ int store_serialised(Param* param, const SetRequest& request, NewValue* value) {
   if (!value->data) return STATUS_FAILED;
   // The serialised form is taken as a hash: it replaces only an empty or a hash value.
   uint32_t present = param->value->type;
-  if (present != DATA_NONE && present != DATA_HASH) {
+  // Every registered parser writes custom scalars: any other value given to an empty parameter
+  // could not be written, and the write would end the daemon.
+  const Data* data = value->data.get();
+  bool scalar = data->type == DATA_SCALAR && data->scalarKind == SCALAR_CUSTOM;
+  if ((present != DATA_NONE && present != DATA_HASH) || (present == DATA_NONE && !scalar)) {
     refuse_data_type(request);
     return STATUS_NO_MEMORY;
   }
