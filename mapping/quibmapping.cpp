@@ -465,14 +465,18 @@ Group* map_findChildGroup(const char* name, Group* parent) {
 
 int map_createParam(const char* name, Group* group, Param** out) {
   if (name == nullptr || group == nullptr) return -3;
-  // One block holds the record and its path, which never changes.
-  size_t path_size = strlen(group->path) + strnlen(name, kMapNameMax) + 2;
-  void* block = malloc(sizeof(Param) + path_size);
+  // One block holds the record and its path, which never changes; the name is the path's tail.
+  size_t name_length = strnlen(name, kMapNameMax);
+  size_t group_length = strlen(group->path);
+  void* block = malloc(sizeof(Param) + group_length + name_length + 2);
   if (block == nullptr) return -2;
   Param* param = new (block) Param{};
-  copy_name(param->name, name);
   param->path = reinterpret_cast<char*>(param + 1);
-  snprintf(param->path, path_size, "%s.%s", group->path, param->name);
+  memcpy(param->path, group->path, group_length);
+  param->path[group_length] = '.';
+  memcpy(param->path + group_length + 1, name, name_length);
+  param->path[group_length + 1 + name_length] = '\0';
+  param->name = param->path + group_length + 1;
   param->status = PARAMSTATUS_DEFINED;
   param->dbusAtStart = 1;
   param->value = legacy_drep_createData();

@@ -63,8 +63,8 @@ struct Group {
 
 struct Param {
   Param* next;
-  char name[kMapNameMax + 1];
-  char* path;  // allocated with the record
+  const char* name;  // the last component of path: at most kMapNameMax characters
+  char* path;        // allocated with the record
   Option* options;
   int32_t hasGetter;
   int32_t getterDone;
