@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "client/testutil.h"
+#include "tests/support/clienttestutil.h"
 
 namespace {
 

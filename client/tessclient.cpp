@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/handles.h"
+
 namespace {
 
 constexpr size_t kMaxRequest = 0xFFFF;
@@ -28,35 +30,6 @@ constexpr unsigned kFormBytes = 3;
 // Name-value list bytes: entry separator, value of an empty parameter, end of the list.
 constexpr char kEntrySeparator = '\x01';
 constexpr std::string_view kEmptyValue = "\x02";
-
-class UniqueFd {
- public:
-  explicit UniqueFd(int fd = -1) : fd_(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-  }
-  ~UniqueFd() { reset(); }
-  int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
-  explicit operator bool() const { return fd_ >= 0; }
-  void reset() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-
- private:
-  int fd_;
-};
-
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
-using CText = std::unique_ptr<char, FreeDeleter>;
 
 }  // namespace
 
@@ -178,8 +151,8 @@ int exchange(TessClient* client, Request& request, Reply* reply) {
   return rc;
 }
 
-CText copy_text(std::string_view text) {
-  CText copy(static_cast<char*>(malloc(text.size() + 1)));
+CString copy_text(std::string_view text) {
+  CString copy(static_cast<char*>(malloc(text.size() + 1)));
   if (!copy) return copy;
   memcpy(copy.get(), text.data(), text.size());
   copy.get()[text.size()] = '\0';
@@ -188,9 +161,9 @@ CText copy_text(std::string_view text) {
 
 // Gives each output a copy of its text, all or none; NULL outputs are skipped.
 int hand_out(std::initializer_list<std::pair<char**, std::string_view>> outputs) {
-  std::vector<CText> copies;
+  std::vector<CString> copies;
   for (const auto& [out, text] : outputs) {
-    copies.push_back(out ? copy_text(text) : CText());
+    copies.push_back(out ? copy_text(text) : CString());
     if (out && !copies.back()) return -ENOMEM;
   }
   size_t i = 0;

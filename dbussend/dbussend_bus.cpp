@@ -7,8 +7,8 @@
 #include <string>
 #include <type_traits>
 
+#include "base/log.h"
 #include "dbussend/dbussend_internal.h"
-#include "init/log.h"
 
 namespace dbussend {
 namespace {

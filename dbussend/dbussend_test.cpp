@@ -6,7 +6,7 @@
 #include <string>
 
 #include "dbussend/dbussend_internal.h"
-#include "dbussend/testbus.h"
+#include "tests/support/testbus.h"
 
 namespace {
 

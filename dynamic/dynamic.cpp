@@ -14,10 +14,10 @@
 #include <memory>
 #include <new>
 
+#include "base/handles.h"
+#include "base/log.h"
 #include "dynamic/dynamic_internal.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
-#include "movefile/handles.h"
 #include "movefile/movefile.h"
 
 namespace {

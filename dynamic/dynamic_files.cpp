@@ -2,8 +2,8 @@
 // deleted group's block left out) and its parameter file (a deleted group's sections left out).
 #include <cstring>
 
+#include "base/log.h"
 #include "dynamic/dynamic_internal.h"
-#include "init/log.h"
 
 namespace {
 

@@ -7,12 +7,12 @@
 #include <cstring>
 #include <string>
 
+#include "base/handles.h"
+#include "base/log.h"
 #include "dynamic/dynamic.h"
 #include "dynamic/dynamic_internal.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "mapping/setters.h"
-#include "movefile/handles.h"
 #include "movefile/movefile.h"
 #include "parsers/quibconfigparser.h"
 
@@ -382,7 +382,7 @@ bool remove_files_with_prefix(std::string_view parent, const char* own, bool par
   size_t slash = name.rfind('/');
   std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
   std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
-  std::unique_ptr<DIR, int (*)(DIR*)> listing(opendir(dir.c_str()), closedir);
+  UniqueDir listing(opendir(dir.c_str()));
   if (!listing) {
     log_error(kDynSource, "Opening directory '%s' failed: %m", dir.c_str());
     return false;

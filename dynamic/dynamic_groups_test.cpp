@@ -9,10 +9,11 @@
 
 #include "dynamic/dynamic.h"
 #include "dynamic/dynamic_internal.h"
-#include "dynamic/dynamic_testing.h"
+#include "init/init.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "tests/support/dynamic_testing.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ class DynamicGroupsTest : public DynamicDirsTest {
  protected:
   void SetUp() override {
     DynamicDirsTest::SetUp();
+    init_installMapHooks();
     static const bool kParsersReady = parser_init() == 0;
     ASSERT_TRUE(kParsersReady);
     ASSERT_EQ(mif_init(), 0);

@@ -2,9 +2,9 @@
 // place and the parent's subtree synchronised.
 #include <string>
 
+#include "base/log.h"
 #include "dynamic/dynamic.h"
 #include "dynamic/dynamic_internal.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "movefile/movefile.h"
 

@@ -13,7 +13,7 @@
 
 #include "dynamic/dynamic.h"
 #include "dynamic/dynamic_internal.h"
-#include "dynamic/dynamic_testing.h"
+#include "tests/support/dynamic_testing.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <memory>
 
+#include "base/handles.h"
 #include "fuzz/fuzz_support.h"
-#include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
 namespace {

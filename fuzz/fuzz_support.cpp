@@ -8,8 +8,9 @@
 #include <sstream>
 #include <vector>
 
+#include "base/log.h"
 #include "dynamic/dynamic.h"
-#include "init/log.h"
+#include "init/init.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
@@ -131,6 +132,7 @@ void start_example_device(const std::string& dir) {
              (dir + "/etc/sysconfig/template").c_str(), (dir + "/etc/dynamic/param").c_str(),
              (dir + "/etc/dynamic").c_str());
     start_parsers();
+    init_installMapHooks();
     populateUserCache();
   }
   fs::create_directories(dir + "/etc/dynamic/param", ignored);

@@ -14,8 +14,9 @@
 #include <memory>
 #include <string>
 
+#include "base/handles.h"
+#include "base/log.h"
 #include "dynamic/dynamic.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
@@ -107,11 +108,6 @@ void read_options(int argc, char** argv, Options* options) {
   }
 }
 
-struct FileCloser {
-  void operator()(FILE* f) const { fclose(f); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
-
 // Another instance is running when the pid file names a live process other than ourselves.
 // Only ESRCH from kill() proves the process gone; EPERM counts as alive.
 void refuse_second_instance() {
@@ -163,10 +159,6 @@ void write_pid_file() {
   if (!written) log_fatal("init", "Could not write pid.");
 }
 
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 constexpr size_t kConfigPathMax = 511;
 
 // The path of a directory entry as the loader forms it, cut to kConfigPathMax characters.
@@ -181,7 +173,7 @@ std::string config_entry_path(const char* dir, const char* name) {
 // Reads every file in dir and below it as an extra configuration file, in readdir order.
 void load_config_dir(const char* dir) {
   if (dir == nullptr) return;
-  std::unique_ptr<DIR, DirCloser> handle(opendir(dir));
+  UniqueDir handle(opendir(dir));
   if (!handle) {
     log_error("init", "Failed to opendir(%s)", dir);
     return;
@@ -219,7 +211,22 @@ bool load_parameters(const Options& options) {
   return true;
 }
 
+// A parse that failed part-way leaves no half-entered section behind for the next file.
+int sync_backing_file(Param* param, const char* groupPath, int readonly) {
+  if (parser_invokeForParam(param, groupPath, readonly) == 0) return 0;
+  mif_reset();
+  return 1;
+}
+
 }  // namespace
+
+void init_installMapHooks() {
+  MapHooks hooks;
+  hooks.parseConfig = config_parseFile;
+  hooks.syncBackingFile = sync_backing_file;
+  hooks.syncDynamic = dyn_sync;
+  map_setHooks(hooks);
+}
 
 int tessard_main(int argc, char** argv) {
   install_signal_handlers();
@@ -267,6 +274,7 @@ int tessard_main(int argc, char** argv) {
     close(listen_fd);
     return -1;
   }
+  init_installMapHooks();
   if (!load_parameters(options)) {
     close(listen_fd);
     return -1;

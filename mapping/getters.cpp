@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/log.h"
 #include "dbussend/dbussend.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "mapping/setters_internal.h"
 #include "values/legacydatarep.h"

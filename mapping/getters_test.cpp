@@ -6,7 +6,7 @@
 #include <string>
 
 #include "dbussend/dbussend.h"
-#include "mapping/setters_testutil.h"
+#include "tests/support/setters_testutil.h"
 
 namespace tessard::test {
 namespace {

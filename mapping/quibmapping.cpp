@@ -1,7 +1,5 @@
 #include "mapping/quibmapping.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -11,11 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "init/log.h"
+#include "base/log.h"
 #include "mapping/quibmapping_index.h"
 #include "mapping/quibmapping_state.h"
 #include "mapping/setters.h"
-#include "parsers/quibconfigparser.h"
 #include "values/legacydatarep.h"
 
 int caseSensitive = 0;
@@ -267,18 +264,12 @@ Group* new_group(const char* name, const Group* parent) {
   return group;
 }
 
-// Places child after every child whose name compares equal or less, without regard to case.
-// While nobody reordered the children they are sorted, and the ordered index finds the place.
+// Places child after every child whose name compares equal or less, without regard to case; the
+// children are sorted, and the ordered index finds the place.
 void insert_child(Group* parent, Group* child) {
   tree_changed();
   child->parent = parent;
-  Group** link = nullptr;
-  if (!parent->childrenMoved) {
-    link = map_index().child_link(parent, child->name);
-  } else {
-    link = &parent->children;
-    while (*link != nullptr && strcasecmp((*link)->name, child->name) <= 0) link = &(*link)->next;
-  }
+  Group** link = map_index().child_link(parent, child->name);
   child->next = *link;
   *link = child;
   map_index().add_child(parent, child);
@@ -435,7 +426,11 @@ int map_init(const char* configFile) {
   state.initialSyncDone = 0;
   if (map_addGroup("root", nullptr, nullptr) != 0)
     log_fatal(kSource, "Couldn't create root group!");
-  return config_parseFile(configFile, 1);
+  return state.hooks.parseConfig != nullptr ? state.hooks.parseConfig(configFile, 1) : 0;
+}
+
+void map_setHooks(const MapHooks& hooks) {
+  map_state().hooks = hooks;
 }
 
 int map_addGroup(const char* name, Group* parent, Group** out) {
@@ -705,16 +700,4 @@ int map_truncateChildGroups(Group* group, int count, int reason) {
   last_kept->next = nullptr;
   if (rest != nullptr) map_removeGroup(rest, 0, reason);
   return 0;
-}
-
-void map_moveChildGroup(Group* group, Group* after) {
-  Group* parent = group->parent;
-  if (parent == nullptr || group == after) return;
-  tree_changed();
-  take_out_child(group);
-  Group** link = after != nullptr ? &after->next : &parent->children;
-  group->next = *link;
-  *link = group;
-  map_index().add_child(parent, group);
-  parent->childrenMoved = 1;
 }

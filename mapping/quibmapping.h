@@ -57,8 +57,7 @@ struct Group {
   // handed to new parameters while the group's options stay as they were.
   OptionSnapshot* snapshots;
   uint8_t snapshotValid;
-  uint8_t listed;         // in the updated-group list
-  uint8_t childrenMoved;  // children were reordered with map_moveChildGroup
+  uint8_t listed;  // in the updated-group list
 };
 
 struct Param {
@@ -105,10 +104,26 @@ struct UpdatedParamEntry {
 extern int caseSensitive;
 extern int upgradeMode;
 
+// --- Hooks --------------------------------------------------------------------------------------
+
+// The work on files the database asks of the layers above it (the configuration reader, the
+// backing-file parsers and the dynamic groups), installed by start-up. A hook left null is work
+// the database goes without: no configuration file is read, no backing file, no dynamic group.
+struct MapHooks {
+  // Reads a configuration file into the tree (additive 1 keeps what exists); its result is
+  // map_init's.
+  int (*parseConfig)(const char* path, int additive) = nullptr;
+  // Reads (readonly 1) or rewrites (readonly 0) the backing file of `param`; 0 on success.
+  int (*syncBackingFile)(Param* param, const char* groupPath, int readonly) = nullptr;
+  // Puts the dynamic group files in place before the tree is synchronised (map_sync's mode).
+  int (*syncDynamic)(int mode) = nullptr;
+};
+void map_setHooks(const MapHooks& hooks);
+
 // --- Tree building ------------------------------------------------------------------------------
 
 // Resets the change flags, creates the root group "root" and loads the configuration file
-// (additive). Returns the configuration parser's result.
+// (additive) through the parseConfig hook. Returns its result (0 without the hook).
 int map_init(const char* configFile);
 // Creates the child `name` of parent (the root when parent is null and no root exists yet).
 // 0 new group, -1 it exists (parent options it lacks are merged into it), -2, -3. *out gets the
@@ -168,9 +183,6 @@ void map_removeGroupByPath(const char* path, int defer, int reason);
 void map_removeGroup(Group* group, int defer, int reason);
 // Keeps the first count children and frees the others; 1 when there are not more than count.
 int map_truncateChildGroups(Group* group, int count, int reason);
-// Moves group among its siblings to the place right behind after (to the head when after is
-// null). Reorder children only through this function.
-void map_moveChildGroup(Group* group, Group* after);
 
 // --- Change tracking and synchronisation --------------------------------------------------------
 

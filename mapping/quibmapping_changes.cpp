@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "init/log.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "mapping/quibmapping.h"
 #include "mapping/quibmapping_state.h"
-#include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
 namespace {

@@ -69,8 +69,8 @@ class TreeIndex {
   void add_mount(Param* param);
   void remove_mount(Param* param);
 
-  // Children of a parent in name order without regard to case (equal names in arrival order);
-  // while the children were not reordered this is their list order.
+  // Children of a parent in name order without regard to case (equal names in arrival order),
+  // which is their list order.
   void add_child(Group* parent, Group* child);
   void remove_child(Group* parent, Group* child);
   void forget_children(const Group* parent);

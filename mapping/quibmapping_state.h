@@ -24,6 +24,7 @@ struct MapState {
   int signalSyncDone = 0;   // a signal-only synchronisation has nothing new to do
   int writeBack = 1;        // off: synchronisation reads backing files but never writes them
   int printIndent = 0;
+  MapHooks hooks;
   uint64_t nextSerial = 0;
   // Changes with every group or parameter added, moved or removed.
   uint64_t treeVersion = 0;

@@ -5,14 +5,11 @@
 #include <algorithm>
 #include <vector>
 
-#include "dynamic/dynamic.h"
-#include "init/log.h"
+#include "base/log.h"
 #include "mapping/getters.h"
 #include "mapping/quibmapping.h"
 #include "mapping/quibmapping_state.h"
 #include "mapping/setters.h"
-#include "parsers/mappinginterface.h"
-#include "parsers/parserframework.h"
 #include "values/legacydatarep.h"
 
 namespace {
@@ -58,10 +55,10 @@ bool sync_with_file(Param* param, const char* groupPath) {
   // Writing is what a changed value needs; while only reading it stays pending.
   if (readonly && param->status == PARAMSTATUS_UPDATED) return true;
   state.storedInRun.clear();
-  if (parser_invokeForParam(param, groupPath, readonly) == 0) return true;
-  mif_reset();
-  if (!readonly) keep_unwritten(param);
-  return false;
+  bool stored = state.hooks.syncBackingFile == nullptr ||
+                state.hooks.syncBackingFile(param, groupPath, readonly) == 0;
+  if (!stored && !readonly) keep_unwritten(param);
+  return stored;
 }
 
 // The mode of map_sync: 0 full, 1 signal only, 2 write only; -1 for nothing to do.
@@ -204,8 +201,8 @@ void map_runSetters(Group* group, int mode, int blockDbus) {
 int map_sync(int signalOnly, int blockDbus) {
   int mode = sync_mode(signalOnly);
   if (mode < 0) return 0;
-  dyn_sync(mode);
   MapState& state = map_state();
+  if (state.hooks.syncDynamic != nullptr) state.hooks.syncDynamic(mode);
   if (!state.initialSyncDone) {
     first_sync(signalOnly, mode, blockDbus);
   } else if (state.changesPending) {

@@ -14,11 +14,12 @@
 #include <string>
 #include <thread>
 
-#include "init/logcapture.h"
+#include "init/init.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 #include "parsers/quibconfigparser.h"
+#include "tests/support/logcapture.h"
 #include "values/legacydatarep.h"
 
 namespace {
@@ -68,6 +69,7 @@ class SyncTest : public ::testing::Test {
     net_ = dir_ + "/net.conf";
     log_ = dir_ + "/setter.log";
     caseSensitive = 0;
+    init_installMapHooks();
     ASSERT_EQ(map_init("/dev/null"), 0);
     tessard::test::clear_captured_log();
   }

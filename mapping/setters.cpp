@@ -10,8 +10,8 @@
 #include <string_view>
 #include <unordered_set>
 
+#include "base/log.h"
 #include "dbussend/dbussend.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "mapping/setters_internal.h"
 #include "values/legacydatarep.h"

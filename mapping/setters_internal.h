@@ -6,11 +6,7 @@
 #include <memory>
 #include <string_view>
 
-struct FreeDeleter {
-  void operator()(void* p) const { free(p); }
-};
-// A text from malloc/strdup, released with free().
-using CString = std::unique_ptr<char, FreeDeleter>;
+#include "base/handles.h"
 
 inline bool starts_with(const char* text, std::string_view prefix) {
   return strncmp(text, prefix.data(), prefix.size()) == 0;

@@ -17,7 +17,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "init/log.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "mapping/setters.h"
 
 namespace {
@@ -168,10 +169,6 @@ bool is_pid(const char* name) {
   return true;
 }
 
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
 }  // namespace
 
 void update_sendSignal(const char* daemonList, const char* signalList) {
@@ -179,7 +176,7 @@ void update_sendSignal(const char* daemonList, const char* signalList) {
     return;
   }
   std::vector<Target> targets = targets_of(daemonList, signalList);
-  std::unique_ptr<DIR, DirCloser> proc(opendir("/proc"));
+  UniqueDir proc(opendir("/proc"));
   if (proc == nullptr) {
     // Out of descriptors, say: the change stands, only its signal is not sent.
     log_error(kSource, "Couldn't open /proc!");

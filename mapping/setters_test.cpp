@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "mapping/setters_testutil.h"
-#include "mapping/signal_targets_testutil.h"
+#include "tests/support/setters_testutil.h"
+#include "tests/support/signal_targets_testutil.h"
 
 namespace tessard::test {
 namespace {

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "init/log.h"
-#include "movefile/handles.h"
+#include "base/handles.h"
+#include "base/log.h"
 
 // Last, so that dirname and basename are the POSIX functions (basename may change its argument).
 #include <libgen.h>

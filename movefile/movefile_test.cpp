@@ -15,7 +15,7 @@
 #include <sstream>
 #include <string>
 
-#include "movefile/handles.h"
+#include "base/handles.h"
 
 namespace {
 

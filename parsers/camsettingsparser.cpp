@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "init/log.h"
+#include "base/log.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 #include "parsers/parserutil.h"

@@ -5,7 +5,7 @@
 // parameter list files of the master configuration's `paramfile`.
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // Registers the parser with the framework; the result of parser_registerParser.
 int camsettingsparser_register();

@@ -5,8 +5,9 @@
 #include <cstring>
 #include <string>
 
-#include "parsers/parsertest_support.h"
+#include "init/init.h"
 #include "parsers/quibconfigparser.h"
+#include "tests/support/parsertest_support.h"
 
 namespace {
 
@@ -144,6 +145,7 @@ TEST_F(CamsettingsParserTest, ParameterListFileLoadsThroughTheParser) {
   write_file(file("main.conf"), "group " + group + " {\n  paramfile {\n    file = \"" +
                                     file("settings.conf") +
                                     "\"\n    parser = \"Camsettingsparser\"\n  }\n}\n");
+  init_installMapHooks();
   ASSERT_EQ(config_parseFile(file("main.conf").c_str(), 1), 0);
   Group* top = map_getGroupByPath(("root." + group).c_str());
   ASSERT_NE(top, nullptr);

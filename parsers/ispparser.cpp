@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <iterator>
 
-#include "init/log.h"
-#include "movefile/handles.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 

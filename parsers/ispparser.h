@@ -9,7 +9,7 @@
 // configurations (and tests) that register it themselves.
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // Registers the parser with the framework; the result of parser_registerParser.
 int ispparser_register();

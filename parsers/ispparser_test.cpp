@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "parsers/parsertest_support.h"
+#include "tests/support/parsertest_support.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <new>
 #include <string>
 
-#include "init/log.h"
+#include "base/log.h"
 #include "mapping/quibmapping.h"
 #include "parsers/parserframework.h"
 #include "values/legacydatarep.h"

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "parsers/parsertest_support.h"
+#include "tests/support/parsertest_support.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "init/log.h"
+#include "base/log.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 #include "parsers/parserutil.h"

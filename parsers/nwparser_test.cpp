@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "parsers/parsertest_support.h"
+#include "tests/support/parsertest_support.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <new>
 #include <vector>
 
-#include "init/log.h"
+#include "base/log.h"
 #include "parsers/camsettingsparser.h"
 #include "parsers/resolvparser.h"
 #include "parsers/shellparser.h"

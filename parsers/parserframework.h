@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 struct Param;
 

@@ -11,9 +11,9 @@
 #include <cstring>
 #include <string>
 
-#include "init/log.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "mapping/quibmapping.h"
-#include "movefile/handles.h"
 #include "movefile/movefile.h"
 #include "parsers/parserframework.h"
 

@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "init/logcapture.h"
-#include "parsers/parsertest_support.h"
+#include "tests/support/logcapture.h"
+#include "tests/support/parsertest_support.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "parsers/parserutil.h"
 
-#include "init/log.h"
-#include "movefile/handles.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 

@@ -2,7 +2,7 @@
 // interface.
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // The body of a write-value callback: enters `section` (which maps the parameter changed by a
 // client) and a scalar of `type`, writes `prefix` and then the value as a token of `token_type`

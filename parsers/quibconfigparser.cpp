@@ -16,9 +16,9 @@
 #include <new>
 #include <string>
 
-#include "init/log.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "mapping/quibmapping.h"
-#include "movefile/handles.h"
 #include "values/legacydatarep.h"
 
 namespace {

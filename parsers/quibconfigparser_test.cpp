@@ -9,8 +9,8 @@
 #include <random>
 #include <string>
 
-#include "init/logcapture.h"
 #include "mapping/quibmapping.h"
+#include "tests/support/logcapture.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "init/log.h"
-#include "movefile/handles.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 

@@ -5,7 +5,7 @@
 // 0.0.0.0 are written as no line; lines of other keywords are kept as they are.
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // Registers the parser with the framework; the result of parser_registerParser.
 int resolvparser_register();

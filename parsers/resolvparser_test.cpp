@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "parsers/parsertest_support.h"
+#include "tests/support/parsertest_support.h"
 
 namespace {
 

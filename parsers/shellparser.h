@@ -4,7 +4,7 @@
 // between single quotes. Lines of any other form (commands, comments) are copied as they are.
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // Registers the parser with the framework; the result of parser_registerParser.
 int shellparser_register();

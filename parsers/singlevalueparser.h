@@ -3,7 +3,7 @@
 // value is bound to the parameter with `mount` = Singlevalue{} and is a "string" scalar.
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // Registers the parser with the framework; the result of parser_registerParser.
 int singlevalueparser_register();

@@ -5,7 +5,7 @@
 // "key = value".
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // Registers the parser with the framework; the result of parser_registerParser.
 int standard2parser_register();

@@ -3,7 +3,7 @@
 // the section "Root" for keys before the first header; values are "string" scalars.
 #pragma once
 
-#include "values/token.h"
+#include "parsers/token.h"
 
 // Registers the parser with the framework; the result of parser_registerParser.
 int standardparser_register();

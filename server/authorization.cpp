@@ -10,8 +10,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/log.h"
 #include "dynamic/dynamic.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
 #include "server/clientserver.h"
 #include "server/server.h"

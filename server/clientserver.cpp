@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "init/log.h"
+#include "base/log.h"
 #include "server/input_parameter_validation.h"
 #include "server/server.h"
 
@@ -91,10 +91,9 @@ void put_bytes(const void* bytes, int length) {
 }  // namespace
 
 const char* requestTypeName(int type) {
-  static const char* const kNames[] = {"GET",          "SET",          "SNC",
-                                       "GETPARAMINFO", "GETPARAMOPTION", "GETGROUPINFO",
-                                       "CREATE_GROUP", "DELETE_GROUP", "READ_FILE",
-                                       "GETNAMEVALUELIST"};
+  static const char* const kNames[] = {
+      "GET",          "SET",          "SNC",          "GETPARAMINFO", "GETPARAMOPTION",
+      "GETGROUPINFO", "CREATE_GROUP", "DELETE_GROUP", "READ_FILE",    "GETNAMEVALUELIST"};
   if (type < 0 || type >= static_cast<int>(sizeof(kNames) / sizeof(kNames[0]))) return "unknown";
   return kNames[type];
 }
@@ -184,7 +183,8 @@ void sendMessage(int fd) {
   }
   g_assert(message_buffer_state == ACTIVE);
   // Bytes the handler announced but did not add go out as zeros, never as stale data.
-  if (message_pos < message_length) memset(message_data + message_pos, 0, message_length - message_pos);
+  if (message_pos < message_length)
+    memset(message_data + message_pos, 0, message_length - message_pos);
   sendReply(fd, message_data, message_length);
   message_buffer_state = INACTIVE;
   if (message_capacity > kReplyBufferBase) {
@@ -196,7 +196,9 @@ void sendMessage(int fd) {
   }
 }
 
-int messageBufferCapacity() { return message_capacity; }
+int messageBufferCapacity() {
+  return message_capacity;
+}
 
 void setMessageStatus(int status) {
   if (message_buffer_state == ACTIVE) message_data[3] = static_cast<unsigned char>(status);

@@ -5,10 +5,10 @@
 #include <memory>
 #include <string>
 
-#include "init/log.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "mapping/getters.h"
 #include "mapping/quibmapping.h"
-#include "movefile/handles.h"
 #include "parsers/quibconfigparser.h"
 #include "server/authorization.h"
 #include "server/clientserver.h"
@@ -109,8 +109,7 @@ void serveGetRequest(int fd, const unsigned char* payload, int length) {
   Caller caller;
   std::string path;
   if (read_int_8(&reader, &form) != 0 || read_int_8(&reader, &subform) != 0 ||
-      !read_case_byte(&reader) || !read_caller(&reader, &caller) ||
-      getPath(&reader, &path) != 0) {
+      !read_case_byte(&reader) || !read_caller(&reader, &caller) || getPath(&reader, &path) != 0) {
     return sendStatus(fd, STATUS_MALFORMED);
   }
   int access = checkAccessControl(caller.uid, caller.gid, GET, path.c_str(), caller.quiet, fd);
@@ -134,8 +133,7 @@ namespace {
 bool read_indexed_request(int fd, const unsigned char* payload, int length, std::string* path,
                           int* index, Group** group) {
   RequestReader reader{payload, length, 0};
-  if (!read_case_byte(&reader) || getPath(&reader, path) != 0 ||
-      read_int_16(&reader, index) != 0) {
+  if (!read_case_byte(&reader) || getPath(&reader, path) != 0 || read_int_16(&reader, index) != 0) {
     sendStatus(fd, STATUS_MALFORMED);
     return false;
   }
@@ -188,8 +186,7 @@ void serveGetParamOption(int fd, const unsigned char* payload, int length) {
   int name_len = 0;
   // The byte between the path and the name is part of the layout but carries nothing.
   if (!read_case_byte(&reader) || getPath(&reader, &path) != 0 ||
-      read_bytes(&reader, 1, &ignored, "read_int_8") != 0 ||
-      read_int_16(&reader, &name_len) != 0 ||
+      read_bytes(&reader, 1, &ignored, "read_int_8") != 0 || read_int_16(&reader, &name_len) != 0 ||
       read_bytes(&reader, name_len, &name_bytes, "getParamOptionName") != 0) {
     return sendStatus(fd, STATUS_MALFORMED);
   }

@@ -4,10 +4,10 @@
 #include <cstring>
 #include <string>
 
+#include "base/handles.h"
+#include "base/log.h"
 #include "dynamic/dynamic.h"
-#include "init/log.h"
 #include "mapping/quibmapping.h"
-#include "movefile/handles.h"
 #include "server/authorization.h"
 #include "server/clientserver.h"
 #include "server/input_parameter_validation.h"

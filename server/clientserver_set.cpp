@@ -6,11 +6,11 @@
 #include <memory>
 #include <string>
 
+#include "base/handles.h"
+#include "base/log.h"
 #include "dbussend/dbussend.h"
-#include "init/log.h"
 #include "mapping/getters.h"
 #include "mapping/quibmapping.h"
-#include "movefile/handles.h"
 #include "parsers/parserframework.h"
 #include "server/authorization.h"
 #include "server/clientserver.h"
@@ -52,8 +52,7 @@ bool read_set_request(RequestReader* reader, SetRequest* request) {
     return false;
   }
   caseSensitive = case_byte;
-  return getPath(reader, &request->path) == 0 &&
-         read_int_16(reader, &request->value_length) == 0 &&
+  return getPath(reader, &request->path) == 0 && read_int_16(reader, &request->value_length) == 0 &&
          read_bytes(reader, request->value_length, &request->value, "validateValue") == 0 &&
          read_int_8(reader, &request->sync) == 0;
 }
@@ -194,8 +193,8 @@ bool fits_backing_file(Param* param, const SetRequest& request, const NewValue& 
 }
 
 int serve_set(int fd, const SetRequest& request) {
-  int access = checkAccessControl(request.uid, request.gid, SET, request.path.c_str(),
-                                  request.quiet, fd);
+  int access =
+      checkAccessControl(request.uid, request.gid, SET, request.path.c_str(), request.quiet, fd);
   if (access != STATUS_OK) return access;
   Param* param = map_getParamByPath(request.path.c_str());
   if (param == nullptr || param->value == nullptr) return STATUS_FAILED;
@@ -256,12 +255,12 @@ struct TypeWord {
 
 // In table order: the first word found in the type word part decides the check.
 constexpr TypeWord kTypeWords[] = {
-    {"radio", Check::kList, nullptr, 0},    {"enum", Check::kList, nullptr, 0},
-    {"yes_no", Check::kList, "no,yes", 0},  {"on_off", Check::kList, "off,on", 0},
-    {"bool", Check::kList, nullptr, 0},     {"checkbox", Check::kList, nullptr, 0},
-    {"string", Check::kMaxlen, nullptr, 0}, {"password", Check::kMaxlen, nullptr, 0},
+    {"radio", Check::kList, nullptr, 0},      {"enum", Check::kList, nullptr, 0},
+    {"yes_no", Check::kList, "no,yes", 0},    {"on_off", Check::kList, "off,on", 0},
+    {"bool", Check::kList, nullptr, 0},       {"checkbox", Check::kList, nullptr, 0},
+    {"string", Check::kMaxlen, nullptr, 0},   {"password", Check::kMaxlen, nullptr, 0},
     {"MACADDR", Check::kLength, nullptr, 17}, {"IPNAME", Check::kLength, nullptr, 64},
-    {"ip|IP", Check::kLength, nullptr, 15}, {"int", Check::kAccept, nullptr, 0},
+    {"ip|IP", Check::kLength, nullptr, 15},   {"int", Check::kAccept, nullptr, 0},
 };
 
 GRegex* compile(const char* pattern) {
@@ -274,8 +273,7 @@ GRegex* compile(const char* pattern) {
 GRegex* type_word_regex(size_t index) {
   static GRegex* compiled[std::size(kTypeWords)] = {};
   if (compiled[index] == nullptr) {
-    std::string pattern =
-        std::string("[^[:alpha:]]*(") + kTypeWords[index].word + ")[^[:alpha:]]*";
+    std::string pattern = std::string("[^[:alpha:]]*(") + kTypeWords[index].word + ")[^[:alpha:]]*";
     compiled[index] = compile(pattern.c_str());
   }
   return compiled[index];
@@ -314,8 +312,8 @@ std::string strip_flag_prefixes(const char* type, bool* ok) {
   static GRegex* prefix_regex = compile(kFlagPrefixPattern);
   *ok = prefix_regex != nullptr;
   if (!*ok) return type;
-  gchar* stripped = g_regex_replace(prefix_regex, type, -1, 0, "",
-                                    static_cast<GRegexMatchFlags>(0), nullptr);
+  gchar* stripped =
+      g_regex_replace(prefix_regex, type, -1, 0, "", static_cast<GRegexMatchFlags>(0), nullptr);
   std::string result = stripped != nullptr ? stripped : type;
   g_free(stripped);
   return result;

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "init/log.h"
+#include "base/log.h"
 
 namespace {
 

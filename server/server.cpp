@@ -22,7 +22,8 @@
 #include <string>
 #include <vector>
 
-#include "init/log.h"
+#include "base/handles.h"
+#include "base/log.h"
 #include "server/clientserver.h"
 #include "server/requests.h"
 

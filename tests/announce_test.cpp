@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
-#include "mapping/signal_targets_testutil.h"
-#include "tests/clientcalls.h"
-#include "tests/harness/sandbox.h"
+#include "tests/support/clientcalls.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/signal_targets_testutil.h"
 
 namespace tessard::test {
 namespace {

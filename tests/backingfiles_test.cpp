@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "tests/clientcalls.h"
-#include "tests/harness/sandbox.h"
+#include "tests/support/clientcalls.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {

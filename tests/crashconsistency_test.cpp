@@ -17,7 +17,7 @@
 #include <thread>
 
 #include "tests/clientcalls.h"
-#include "tests/harness/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/clientcalls.h"
-#include "tests/harness/sandbox.h"
+#include "tests/support/clientcalls.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {

@@ -17,9 +17,9 @@
 #include <vector>
 
 #include <tessard/tessclient.h>
-#include "tests/clientcalls.h"
-#include "tests/harness/sandbox.h"
-#include "tests/shellcommand.h"
+#include "tests/support/clientcalls.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/shellcommand.h"
 
 namespace tessard::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "tests/shellcommand.h"
+#include "tests/support/shellcommand.h"
 
 namespace tessard::test {
 namespace {

@@ -9,7 +9,7 @@
 #include <csignal>
 #include <cstring>
 
-#include "tests/harness/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/harness/sandbox.h"
-#include "tests/shellcommand.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/shellcommand.h"
 
 namespace tessard::test {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include <tessard/tessclient.h>
-#include "tests/harness/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {
@@ -130,8 +130,8 @@ TEST_F(ReadsTest, WriteOnlyValuesReadAsStarsInEveryForm) {
   int fd = Connect();
   ASSERT_GE(fd, 0);
   std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(3, "root.Network.Secret"));
-  std::vector<unsigned char> masked = {0x11, 0x00, 0x06, 0x00, 's', 't', 'r', 'i', 'n', 'g',
-                                       0x05, 0x00, '*',  '*',  '*', '*', '*'};
+  std::vector<unsigned char> masked = {0x11, 0x00, 0x06, 0x00, 's', 't', 'r', 'i', 'n',
+                                       'g',  0x05, 0x00, '*',  '*', '*', '*', '*'};
   ASSERT_EQ(reply.size(), 6 + masked.size());
   EXPECT_EQ(std::vector<unsigned char>(reply.begin() + 6, reply.end()), masked);
   reply = Exchange(fd, 0, GetPayload(0, "root.Network.Secret"));

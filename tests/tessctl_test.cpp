@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/harness/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string>
 
-#include "tests/clientcalls.h"
-#include "tests/harness/sandbox.h"
+#include "tests/support/clientcalls.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {
@@ -69,7 +69,7 @@ class WritesTest : public SandboxTest {
   }
 
   static ino_t Inode(const std::string& path) {
-    struct stat st{};
+    struct stat st {};
     return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
   }
 

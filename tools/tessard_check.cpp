@@ -20,8 +20,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/log.h"
 #include "dynamic/dynamic_internal.h"
-#include "init/log.h"
 #include "mapping/getters.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "client/testutil.h"
+#include "tests/support/clienttestutil.h"
 
 namespace {
 

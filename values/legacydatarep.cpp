@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "init/log.h"
+#include "base/log.h"
 #include "values/legacydatarep_internal.h"
 
 using drep_internal::kSource;

@@ -6,8 +6,8 @@
 #include <random>
 #include <string>
 
-#include "init/logcapture.h"
-#include "movefile/handles.h"
+#include "base/handles.h"
+#include "tests/support/logcapture.h"
 #include "values/legacydatarep.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "movefile/handles.h"
+#include "base/handles.h"
 #include "values/legacydatarep.h"
 
 namespace drep_internal {

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "init/log.h"
+#include "base/log.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tests/harness/sandbox.h"
+#include "tests/support/sandbox.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -163,7 +163,9 @@ bool LogCapture::WaitFor(const std::string& needle, int timeout_ms, LogLine* fou
   return false;
 }
 
-std::string SandboxTest::DaemonBinary() { return TESSARD_BINARY; }
+std::string SandboxTest::DaemonBinary() {
+  return TESSARD_BINARY;
+}
 
 namespace {
 
@@ -347,7 +349,9 @@ int SandboxTest::WaitExit(pid_t pid, int timeout_ms) {
   return -1;
 }
 
-bool SandboxTest::Alive(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == 0; }
+bool SandboxTest::Alive(pid_t pid) {
+  return waitpid(pid, nullptr, WNOHANG) == 0;
+}
 
 void SandboxTest::StopDaemon() {
   if (daemon_pid_ <= 0) return;
@@ -392,7 +396,7 @@ std::string SandboxTest::ReadFile(const std::string& path) {
 }
 
 bool SandboxTest::Exists(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   return lstat(path.c_str(), &st) == 0;
 }
 

@@ -1,4 +1,4 @@
-#include "values/token.h"
+#include "parsers/token.h"
 
 #include <cctype>
 #include <cstdio>
@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "init/log.h"
+#include "base/log.h"
 
 namespace {
 

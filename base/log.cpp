@@ -1,4 +1,4 @@
-#include "init/log.h"
+#include "base/log.h"
 
 #include <syslog.h>
 

@@ -18,10 +18,10 @@
 #include <string_view>
 #include <vector>
 
-#include "init/logcapture.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "tests/support/logcapture.h"
 #include "values/legacydatarep.h"
 
 namespace tessard::test {

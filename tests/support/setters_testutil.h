@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "dbussend/dbussend.h"
-#include "dbussend/testbus.h"
-#include "init/logcapture.h"
 #include "mapping/quibmapping.h"
 #include "mapping/setters.h"
+#include "tests/support/logcapture.h"
+#include "tests/support/testbus.h"
 #include "values/legacydatarep.h"
 
 namespace tessard::test {

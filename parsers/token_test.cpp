@@ -1,11 +1,11 @@
-#include "values/token.h"
+#include "parsers/token.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "init/logcapture.h"
 #include "parsers/parserframework.h"
+#include "tests/support/logcapture.h"
 
 namespace {
 

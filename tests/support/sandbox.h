@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "dbussend/testbus.h"
+#include "tests/support/testbus.h"
 
 namespace tessard::test {
 

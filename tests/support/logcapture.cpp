@@ -1,4 +1,4 @@
-#include "init/logcapture.h"
+#include "tests/support/logcapture.h"
 
 #include <syslog.h>
 

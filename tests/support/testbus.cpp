@@ -1,4 +1,4 @@
-#include "dbussend/testbus.h"
+#include "tests/support/testbus.h"
 
 #include <fcntl.h>
 #include <poll.h>
