@@ -1,3 +1,5 @@
 #include "init/init.h"
 
-int main(int argc, char** argv) { return tessard_main(argc, argv); }
+int main(int argc, char** argv) {
+  return tessard_main(argc, argv);
+}

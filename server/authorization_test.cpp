@@ -14,7 +14,9 @@ struct RuleCase {
   int status;
 };
 
-void PrintTo(const RuleCase& c, std::ostream* os) { *os << '"' << c.text << "\" bit " << c.bit; }
+void PrintTo(const RuleCase& c, std::ostream* os) {
+  *os << '"' << c.text << "\" bit " << c.bit;
+}
 
 class AccessRuleTest : public ::testing::TestWithParam<RuleCase> {};
 

@@ -77,7 +77,9 @@ struct PathCase {
   std::string full;
 };
 
-void PrintTo(const PathCase& c, std::ostream* os) { *os << '"' << c.sent.substr(0, 24) << '"'; }
+void PrintTo(const PathCase& c, std::ostream* os) {
+  *os << '"' << c.sent.substr(0, 24) << '"';
+}
 
 class GetPathTest : public ::testing::TestWithParam<PathCase> {};
 
@@ -122,7 +124,8 @@ TEST(ReplyBuffer, CountedItemsFollowTheHeader) {
   addMessageData("abc", 3);
   addMessageDataNoLen("\x01\x02", 2);
   sendMessage(pair.daemon());
-  EXPECT_EQ(pair.Receive(11), (std::vector<unsigned char>{0x0B, 0, 0, 0, 3, 0, 'a', 'b', 'c', 1, 2}));
+  EXPECT_EQ(pair.Receive(11),
+            (std::vector<unsigned char>{0x0B, 0, 0, 0, 3, 0, 'a', 'b', 'c', 1, 2}));
 }
 
 TEST(ReplyBuffer, GrowsForLargeReplyAndShrinksAfterwards) {

@@ -12,7 +12,9 @@ struct NameCase {
   int group_ok;
 };
 
-void PrintTo(const NameCase& c, std::ostream* os) { *os << '"' << c.text.substr(0, 24) << '"'; }
+void PrintTo(const NameCase& c, std::ostream* os) {
+  *os << '"' << c.text.substr(0, 24) << '"';
+}
 
 class NameCheckTest : public ::testing::TestWithParam<NameCase> {};
 
@@ -34,7 +36,9 @@ struct FileCase {
   int ok;
 };
 
-void PrintTo(const FileCase& c, std::ostream* os) { *os << '"' << c.path.substr(0, 40) << '"'; }
+void PrintTo(const FileCase& c, std::ostream* os) {
+  *os << '"' << c.path.substr(0, 40) << '"';
+}
 
 class ReadFilePathTest : public ::testing::TestWithParam<FileCase> {};
 
@@ -44,14 +48,12 @@ TEST_P(ReadFilePathTest, AllowsOnlyConfFilesInTheThreeDirectories) {
 
 INSTANTIATE_TEST_SUITE_P(
     Files, ReadFilePathTest,
-    ::testing::Values(FileCase{"/etc/dynamic/param/cam1.conf", 1},
-                      FileCase{"/usr/etc/param/a.b-c_d.conf", 1},
-                      FileCase{"/etc/tessard/portmanager/ports.conf", 1},
-                      FileCase{"/etc/dynamic/param/.conf", 0},
-                      FileCase{"/etc/dynamic/param/a/b.conf", 0},
-                      FileCase{"/etc/dynamic/param/x.cfg", 0}, FileCase{"/tmp/x.conf", 0},
-                      FileCase{"/etc/dynamic/param/conf", 0},
-                      FileCase{"/etc/dynamic/param/" + std::string(4071, 'a') + ".conf", 1},
-                      FileCase{"/etc/dynamic/param/" + std::string(4072, 'a') + ".conf", 0}));
+    ::testing::Values(
+        FileCase{"/etc/dynamic/param/cam1.conf", 1}, FileCase{"/usr/etc/param/a.b-c_d.conf", 1},
+        FileCase{"/etc/tessard/portmanager/ports.conf", 1}, FileCase{"/etc/dynamic/param/.conf", 0},
+        FileCase{"/etc/dynamic/param/a/b.conf", 0}, FileCase{"/etc/dynamic/param/x.cfg", 0},
+        FileCase{"/tmp/x.conf", 0}, FileCase{"/etc/dynamic/param/conf", 0},
+        FileCase{"/etc/dynamic/param/" + std::string(4071, 'a') + ".conf", 1},
+        FileCase{"/etc/dynamic/param/" + std::string(4072, 'a') + ".conf", 0}));
 
 }  // namespace
