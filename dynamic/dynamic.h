@@ -13,7 +13,7 @@
 int dyn_init(const char* tmplDir, const char* tmplFallbackDir, const char* groupDir,
              const char* paramDir);
 
-// Test hook: the directory of the scratch and pending files. The daemon keeps "/tmp".
+// The directory of the scratch and pending files ("/tmp" for the daemon), set at start-up.
 void dyn_setScratchDir(const char* dir);
 
 // Makes the directory PATH (mode 0775) if it does not exist. 0, or 1 (logged, with LABEL naming

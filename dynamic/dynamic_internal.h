@@ -21,7 +21,7 @@ struct DynamicDirs {
   std::string tmplFallback;  // fallback template directory
   std::string group;         // group files
   std::string param;         // parameter files
-  std::string scratch = "/tmp";
+  std::string scratch;       // scratch and pending files
 };
 DynamicDirs& dyn_dirs();
 

@@ -257,6 +257,7 @@ int tessard_main(int argc, char** argv) {
   }
   umask(022);
   write_pid_file();
+  dyn_setScratchDir("/tmp");
   if (dyn_init("/usr/etc/sysconfig/template", "/etc/sysconfig/template", "/etc/dynamic/param",
                "/etc/dynamic") < 0) {
     log_error("init", "Initialization of the dynamic directories failed.");

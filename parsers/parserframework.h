@@ -1,5 +1,5 @@
 // The parser framework: the registry of backing-file parsers, and the machinery that runs one of
-// them over a backing file with a character cursor, the token types of values/token.h and
+// them over a backing file with a character cursor, the token types of parsers/token.h and
 // copy-through of unchanged text into the rewritten file.
 //
 // One file is processed at a time (the daemon is single-threaded); every pif_* service acts on

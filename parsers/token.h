@@ -5,7 +5,7 @@
 // (parsers/parserframework.h) with pif_acceptToken(type, expected), and the framework dispatches
 // to the handler registered here by token_init. Accept functions move through the input with
 // ctok_newChar (or ctok_newCharsWhile for a run); output functions write with ctok_putString /
-// ctok_putChar. Those live in the parser framework, which every program that uses tokens links.
+// ctok_putChar. Those live in the parser framework beside them.
 #pragma once
 
 #include <cstdint>
@@ -67,7 +67,7 @@ bool token_isgraph(int ch);
 bool token_isalnum(int ch);
 bool token_isspace(int ch);
 
-// Provided by the parser framework (parsers/parserframework.cpp).
+// Provided by the parser framework (parserframework.cpp).
 int ctok_registerTokenHandlers(int type, AcceptFunction accept, OutputFunction output);
 void ctok_newChar();
 // ctok_newChar as long as keep(current character) holds; keep(0) must be false.

@@ -196,10 +196,6 @@ void sendMessage(int fd) {
   }
 }
 
-int messageBufferCapacity() {
-  return message_capacity;
-}
-
 void setMessageStatus(int status) {
   if (message_buffer_state == ACTIVE) message_data[3] = static_cast<unsigned char>(status);
 }

@@ -64,7 +64,5 @@ void createMessage(int fd, int total_length);
 void addMessageData(const void* bytes, int length);
 void addMessageDataNoLen(const void* bytes, int length);
 void sendMessage(int fd);
-// Capacity of the reply buffer, for tests of its growth and shrink.
-int messageBufferCapacity();
 // Sets the status byte of the reply being built.
 void setMessageStatus(int status);

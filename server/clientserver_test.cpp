@@ -128,17 +128,15 @@ TEST(ReplyBuffer, CountedItemsFollowTheHeader) {
             (std::vector<unsigned char>{0x0B, 0, 0, 0, 3, 0, 'a', 'b', 'c', 1, 2}));
 }
 
-TEST(ReplyBuffer, GrowsForLargeReplyAndShrinksAfterwards) {
+TEST(ReplyBuffer, ReplyLargerThanTheBufferIsSentWhole) {
   SocketPair pair;
   std::string item(1994, 'v');
   createMessage(pair.daemon(), 2000);
   addMessageData(item.data(), static_cast<int>(item.size()));
-  EXPECT_GE(messageBufferCapacity(), 2000);
   sendMessage(pair.daemon());
   std::vector<unsigned char> reply = pair.Receive(2000);
   EXPECT_EQ(reply[0] | (reply[1] << 8) | (reply[2] << 16), 2000);
   EXPECT_EQ(reply.back(), 'v');
-  EXPECT_EQ(messageBufferCapacity(), 1024);
 }
 
 TEST(ReplyBuffer, TooLongReplyAnswersStatusTwoAndRecovers) {
