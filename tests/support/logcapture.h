@@ -2,7 +2,7 @@
 // what the code under test logged. Every line is also written to standard error, where a death
 // test (a fatal error ends the process) can match it.
 //
-// Link the library tessard_logcapture into the test; it replaces syslog() and vsyslog() of the C
+// Every test links it (tessard_testsupport); it replaces syslog() and vsyslog() of the C
 // library for the whole program.
 #pragma once
 
