@@ -326,7 +326,8 @@ char* replace_text(char* line, size_t* capacity, size_t position, size_t length,
   char* result = static_cast<char*>(malloc(size));
   if (result == nullptr) out_of_memory("replace_text");
   memcpy(result, line, position);
-  memcpy(result + position, text, textLength);
+  // The copy after it brings the rest of the line with its NUL.
+  memcpy(result + position, text, textLength);  // NOLINT(bugprone-not-null-terminated-result)
   memcpy(result + position + textLength, line + position + length,
          oldLength - position - length + 1);
   free(line);

@@ -9,9 +9,9 @@
  *                                              prints the mean time per run */
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/wait.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <time.h>
 
 #include "proto.h"

@@ -36,13 +36,13 @@ static inline size_t put_counted(uint8_t* p, size_t at, const char* text, size_t
 /* A text GET of path for the caller's own uid and gid; returns the frame's length. */
 static inline size_t proto_get(uint8_t* p, const char* path) {
   size_t at = 2;
-  p[at++] = 0;            /* GET */
-  p[at++] = 0;            /* text form */
-  p[at++] = 2;            /* text sub-form */
-  p[at++] = 0;            /* case-insensitive */
+  p[at++] = 0; /* GET */
+  p[at++] = 0; /* text form */
+  p[at++] = 2; /* text sub-form */
+  p[at++] = 0; /* case-insensitive */
   at = put16(p, at, getuid());
   at = put16(p, at, getgid());
-  p[at++] = 0;            /* not quiet */
+  p[at++] = 0; /* not quiet */
   at = put_counted(p, at, path, strlen(path));
   put16(p, 0, at);
   return at;
@@ -52,7 +52,7 @@ static inline size_t proto_get(uint8_t* p, const char* path) {
 static inline size_t proto_set(uint8_t* p, const char* path, const char* value, size_t len,
                                int sync) {
   size_t at = 2;
-  p[at++] = 1;            /* SET */
+  p[at++] = 1; /* SET */
   p[at++] = 0;
   p[at++] = 2;
   at = put16(p, at, getuid());
@@ -87,8 +87,8 @@ static inline int read_all(int fd, uint8_t* p, size_t n) {
 }
 
 /* Sends a request and reads its reply into reply (at most cap bytes); the reply's status, or -1. */
-static inline int proto_exchange(int fd, const uint8_t* req, size_t len, uint8_t* reply,
-                                 size_t cap, size_t* reply_len) {
+static inline int proto_exchange(int fd, const uint8_t* req, size_t len, uint8_t* reply, size_t cap,
+                                 size_t* reply_len) {
   if (write_all(fd, req, len) != 0 || read_all(fd, reply, 4) != 0) return -1;
   size_t total = reply[0] | (reply[1] << 8) | ((size_t)reply[2] << 16);
   if (total < 4 || total > cap || read_all(fd, reply + 4, total - 4) != 0) return -1;
