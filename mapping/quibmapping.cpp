@@ -119,7 +119,9 @@ int set_option_value(Option* option, const char* value) {
     option->shareCount = 0;
   }
   size_t needed = strlen(value) + 1;
-  if (option->valueSize > 0 && static_cast<size_t>(option->valueSize) >= needed) {
+  bool fits = option->value != nullptr && option->valueSize > 0 &&
+              static_cast<size_t>(option->valueSize) >= needed;
+  if (fits) {
     memcpy(option->value, value, needed);
     option->valueSize = static_cast<int32_t>(needed);
     return 0;

@@ -309,7 +309,8 @@ char* sreadlink(const char* path) {
     }
     size += kLinkStep;
     char* grown = static_cast<char*>(realloc(buf.get(), size));
-    if (grown != nullptr) buf.release();
+    if (grown == nullptr) log_fatal(kSource, "sreadlink: Out of memory!");
+    static_cast<void>(buf.release());  // realloc has taken the old block over
     buf.reset(grown);
   }
 }
