@@ -16,7 +16,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/clientcalls.h"
+#include "tests/support/clientcalls.h"
 #include "tests/support/sandbox.h"
 
 namespace tessard::test {
