@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/harness/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace tessard::test {
 namespace {

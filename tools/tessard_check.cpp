@@ -20,6 +20,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/handles.h"
 #include "base/log.h"
 #include "dynamic/dynamic_internal.h"
 #include "mapping/getters.h"
@@ -182,7 +183,7 @@ void Checker::load_file(const std::string& path) {
 
 // Every file below dir, as the daemon's -d reads them (symbolic links to files included).
 void Checker::load_dir(const std::string& dir) {
-  std::unique_ptr<DIR, int (*)(DIR*)> handle(opendir(dir.c_str()), closedir);
+  UniqueDir handle(opendir(dir.c_str()));
   if (!handle) {
     add("file", {dir, 0}, "Failed to opendir(" + dir + ")");
     return;
@@ -445,7 +446,7 @@ void Checker::check_value_template(const std::string& path, const std::string& g
 
 void Checker::check_templates() {
   for (const char* dir : kTemplateDirs) {
-    std::unique_ptr<DIR, int (*)(DIR*)> handle(opendir(dir), closedir);
+    UniqueDir handle(opendir(dir));
     if (!handle) continue;
     std::set<std::string> names;
     while (const dirent* entry = readdir(handle.get())) {
