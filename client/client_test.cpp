@@ -237,6 +237,8 @@ TEST_F(ClientTest, RefusesWhatTheProtocolCannotCarry) {
   EXPECT_EQ(tessclient_set(client_, long_path.c_str(), "v", 0), -EMSGSIZE);
   EXPECT_EQ(tessclient_set(client_, near_limit.c_str(), "0123456789", 0), -EMSGSIZE);
   EXPECT_EQ(tessclient_sync(client_, 256), -EINVAL);
+  EXPECT_EQ(tessclient_delete_group(client_, "a", 256), -EINVAL);
+  EXPECT_EQ(tessclient_set(client_, "a", "v", 256), -EINVAL);
   EXPECT_EQ(tessclient_get_group_info(client_, "a", 0x10000, nullptr, nullptr), -EINVAL);
   EXPECT_EQ(tessclient_create_group(client_, "a", "t", 0xFFFF, 0, nullptr), -EINVAL);
   EXPECT_EQ(take_request(), "") << "nothing may be sent";
@@ -267,14 +269,6 @@ TEST(ClientConnectTest, ArgumentWinsOverEnvironment) {
   auto int16 = [](unsigned v) { return std::string{char(v & 0xFF), char(v >> 8 & 0xFF)}; };
   EXPECT_EQ(requests[0].substr(3, 4), int16(getuid()) + int16(getgid()));
   rmdir(dir.c_str());
-}
-
-TEST(ClientStatusTextTest, NamesEachStatus) {
-  EXPECT_STREQ(tessclient_status_text(TESSCLIENT_READ_ONLY), "read-only parameter");
-  EXPECT_STREQ(tessclient_status_text(0x13), "unknown status");
-  EXPECT_STREQ(tessclient_status_text(-ENOENT), "No such file or directory");
-  EXPECT_STREQ(tessclient_request_status_text(TESSCLIENT_SNC, 1), "synchronisation failed");
-  EXPECT_STREQ(tessclient_request_status_text(TESSCLIENT_GET, 0x10), "no such parameter");
 }
 
 }  // namespace

@@ -102,6 +102,13 @@ TEST_P(DbusSendParseBad, RefusesWithErrorNamingTheWord) {
   EXPECT_NE(error.find(GetParam().error), std::string::npos) << error;
 }
 
+TEST(DbusSendParse, RefusesNoText) {
+  char* error = nullptr;
+  EXPECT_EQ(dbus_send_from_string(nullptr, &error), nullptr);
+  TextPtr owned(error);
+  EXPECT_STREQ(error, "No message text");
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Texts, DbusSendParseBad,
     testing::Values(BadText{"", "Cannot split message text"},

@@ -147,14 +147,11 @@ TEST_F(TreeTest, KeepOwnedOverwritesInheritedAndWellKnownValuesOnly) {
   EXPECT_STREQ(map_getGroupOption(root_, "inherited")->value, "old");  // shared text untouched
 }
 
-TEST_F(TreeTest, OptionCopiesShareTextsUntilEitherSideChanges) {
+TEST_F(TreeTest, ParameterKeepsTheOptionsOfItsCreation) {
   ASSERT_EQ(map_setGroupOption("accessControl", "r:all", root_, 0), 0);
   Param* p = param("p", root_);
   Option* source = map_getGroupOption(root_, "accessControl");
   Option* copy = map_getParamOption(p, "accessControl");
-  EXPECT_EQ(copy->value, source->value);
-  EXPECT_EQ(copy->valueSize, 0);
-  EXPECT_EQ(source->shareCount, 1);
   ASSERT_EQ(map_setGroupOption("accessControl", "w:all", root_, 0), 0);
   ASSERT_EQ(map_setGroupOption("late", "x", root_, 0), 0);
   EXPECT_STREQ(copy->value, "r:all");  // a parameter keeps the options of its creation
@@ -162,22 +159,6 @@ TEST_F(TreeTest, OptionCopiesShareTextsUntilEitherSideChanges) {
   EXPECT_EQ(map_getParamOption(p, "late"), nullptr);
   ASSERT_EQ(map_setParamOption("accessControl", "x:y", p), 0);
   EXPECT_STREQ(map_getParamOption(p, "accessControl")->value, "x:y");
-  EXPECT_EQ(map_getParamOption(p, "accessControl")->valueSize, 4);
-}
-
-TEST_F(TreeTest, WellKnownTextsAreConstantsAndOwnedBuffersAreReused) {
-  Param* p = param("p", root_);
-  map_setParamOption("parser", "Standardparser", p);
-  map_setParamOption("custom", "Standardparser2", p);
-  EXPECT_EQ(map_getParamOption(p, "parser")->valueSize, 0);
-  Option* custom = map_getParamOption(p, "custom");
-  EXPECT_EQ(custom->nameSize, 7);
-  char* buffer = custom->value;
-  map_setParamOption("custom", "ab", p);  // fits: written into the same buffer
-  EXPECT_EQ(custom->value, buffer);
-  EXPECT_EQ(custom->valueSize, 3);
-  map_setParamOption("custom", "a longer text", p);
-  EXPECT_STREQ(custom->value, "a longer text");
 }
 
 TEST_F(TreeTest, DisabledGetterStillStripsTheFileOptions) {

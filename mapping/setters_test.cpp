@@ -266,6 +266,21 @@ TEST_F(SetterCommandTest, NoCommandInUpgradeModeOrWhenDisabledOrNotDue) {
   EXPECT_EQ(b->setterPending, 0);
 }
 
+// A signal-only run comes before the values are written: the parameters a client changed run their
+// setters, the others stay quiet.
+TEST_F(SetterCommandTest, SignalOnlyRunRunsTheSettersOfChangedParametersOnly) {
+  std::string changed = "echo changed >> " + dir_ + "/out";
+  std::string untouched = "echo untouched >> " + dir_ + "/out";
+  Param* a = param(g_, "a", "1", {{"setter", changed.c_str()}});
+  map_addUpdatedParamList(a);
+  Param* b = param(g_, "b", "2", {{"setter", untouched.c_str()}});
+  b->status = PARAMSTATUS_LOADED;
+  update_runSetter(b, 1, 0, 0);
+  update_runSetter(a, 1, 0, 0);
+  wait_for_setters();
+  EXPECT_EQ(read_file("out"), "changed\n");
+}
+
 // Processes to signal: the small test program, started under names of this test's own.
 class SetterSignalTest : public AnnounceTest {
  protected:

@@ -107,6 +107,8 @@ INSTANTIATE_TEST_SUITE_P(
                       TopLevelCase{nullptr, "missing.conf", 0,
                                    "Couldn't open configuration file: %s! Does not exist."},
                       TopLevelCase{nullptr, ".", 1, "Could not map file '%s' into memory"},
+                      TopLevelCase{nullptr, "empty.conf/x", 1,
+                                   "Couldn't open configuration file: %s! (Not a directory)"},
                       TopLevelCase{"include \"DIR/empty.conf\"\n", nullptr, 1,
                                    "Couldn't parse configuration file: %s!"}));
 

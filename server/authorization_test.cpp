@@ -1,7 +1,13 @@
 #include "server/authorization.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cstddef>
+#include <cstring>
 #include <string>
 
 #include "server/clientserver.h"
@@ -56,6 +62,36 @@ TEST(UserCache, RootHasItsPrimaryGroup) {
   EXPECT_EQ(uid_in_group(0, "root"), 1);
   EXPECT_EQ(uid_in_group(0, "no-such-group"), 0);
   EXPECT_EQ(uid_in_group(4000000000U, "root"), 0) << "unknown uid";
+}
+
+// A peer in group 0 that is not root may not claim root's identity (nor anybody else's).
+TEST(PeerCredentials, GroupZeroAloneDoesNotMakeARootPeer) {
+  ASSERT_EQ(getuid(), 0u) << "the test needs root to make a peer of another uid";
+  int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::string name = "tessard-peer-test-" + std::to_string(getpid());
+  memcpy(address.sun_path + 1, name.data(), name.size());  // abstract: nothing on disk
+  socklen_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  pid_t child = fork();
+  if (child == 0) {  // uid 65534, gid still 0
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (setuid(65534) != 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), length) != 0)
+      _exit(1);
+    char byte;
+    _exit(read(fd, &byte, 1) == 0 ? 0 : 1);
+  }
+  int fd = accept(listener, nullptr, nullptr);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(checkAccessControl(0, 0, GET, "root.Missing", 1, fd), STATUS_ACCESS_REFUSED);
+  EXPECT_EQ(checkAccessControl(65534, 0, GET, "root.Missing", 1, fd), STATUS_OK);
+  close(fd);
+  close(listener);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace

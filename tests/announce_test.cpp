@@ -1,12 +1,11 @@
-// What the running daemon tells the rest of the device and how it fetches values: D-Bus messages
-// on a system bus of the sandbox, setter commands, signals to named processes and getters, also
-// with -blockdbusonstart and -upgrade.
+// What the running daemon tells the rest of the device: D-Bus messages on a system bus of the
+// sandbox, also with -blockdbusonstart, and what -upgrade holds back. Setter commands, signals and
+// getters themselves are the database's unit tests' (mapping/).
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -14,7 +13,6 @@
 
 #include "tests/support/clientcalls.h"
 #include "tests/support/sandbox.h"
-#include "tests/support/signal_targets_testutil.h"
 
 namespace tessard::test {
 namespace {
@@ -67,7 +65,6 @@ Messages Summaries(const std::vector<testbus::Recorded>& recorded) {
 class AnnounceTest : public SandboxTest {
  protected:
   void TearDown() override {
-    targets_.reset();
     limits_.stop();
     SandboxTest::TearDown();
   }
@@ -126,7 +123,6 @@ class AnnounceTest : public SandboxTest {
   }
 
   testbus::ServiceChild limits_;
-  std::unique_ptr<SignalTargets> targets_;
 };
 
 // ---- D-Bus messages -------------------------------------------------------------------------
@@ -252,121 +248,10 @@ INSTANTIATE_TEST_SUITE_P(Modes, GroupRemovalTest,
                                          RemovalCase{10, kRemoved}, RemovalCase{9, {}},
                                          RemovalCase{12, {}}));
 
-// ---- Setter commands and signals ------------------------------------------------------------
-
 constexpr char kSetterScript[] =
     "#!/bin/sh\n"
     "printf '%s:%s\\n' \"$1\" \"$(env | grep '^root_' | sort | tr '\\n' ' ')\" >> "
     "/tmp/setter.runs\n";
-
-class SetterRunsTest : public AnnounceTest {
- protected:
-  void SetUp() override {
-    AnnounceTest::SetUp();
-    if (HasFatalFailure()) return;
-    WriteFile("/tmp/setter.sh", kSetterScript, 0755);
-    targets_ = std::make_unique<SignalTargets>(SIGNAL_TARGET_PROGRAM, "/tmp");
-    a_ = targets_->start("a");
-    b_ = targets_->start("b");
-    std::string both = Option("daemon", a_ + ", " + b_);
-    Serve(Group("Cam", Param("One", "one", Option("setter", "/tmp/setter.sh shared")) +
-                           Param("Two", "two", Option("setter", "/tmp/setter.sh shared")) +
-                           Param("Three", "three", Option("setter", "/tmp/setter.sh own"))) +
-              Group("Procs",
-                    Param("Usr1", "usr1", both + Option("signal", "USR1")) +
-                        Param("Usr1Too", "usr1too", both + Option("signal", "USR1")) +
-                        Param("Forty", "forty", Option("daemon", a_) + Option("signal", "40"))),
-          "one 0\ntwo 0\nthree 0\nusr1 0\nusr1too 0\nforty 0\n");
-  }
-
-  std::string a_;
-  std::string b_;
-};
-
-struct SetterCase {
-  const char* name;
-  std::vector<std::string> params;  // set to "1", "2", ... and synchronised together
-  Messages runs;                    // the runs' lines, sorted
-};
-
-void PrintTo(const SetterCase& c, std::ostream* os) {
-  *os << c.name;
-}
-
-class SetterCommandTest : public SetterRunsTest, public testing::WithParamInterface<SetterCase> {};
-
-TEST_P(SetterCommandTest, EachSetterTextRunsOnceWithEveryChangedParameter) {
-  const SetterCase& c = GetParam();
-  for (size_t i = 0; i < c.params.size(); ++i) {
-    ASSERT_EQ(Set("root.Cam." + c.params[i], std::to_string(i + 1), 0), TESSCLIENT_OK);
-  }
-  ASSERT_EQ(Sync(10), TESSCLIENT_OK);
-  EXPECT_EQ(SettledLines("/tmp/setter.runs", c.runs.size()), c.runs);
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, SetterCommandTest,
-                         testing::Values(SetterCase{"SameText",
-                                                    {"One", "Two"},
-                                                    {"shared:root_Cam_One=1 root_Cam_Two=2 "}},
-                                         SetterCase{"DifferentTexts",
-                                                    {"One", "Three"},
-                                                    {"own:root_Cam_One=1 root_Cam_Three=2 ",
-                                                     "shared:root_Cam_One=1 root_Cam_Three=2 "}}),
-                         [](const testing::TestParamInfo<SetterCase>& info) {
-                           return info.param.name;
-                         });
-
-TEST_F(SetterRunsTest, NamedProcessesGetEachSignalOncePerSynchronisation) {
-  ASSERT_EQ(Set("root.Procs.Usr1", "1", 0), TESSCLIENT_OK);
-  ASSERT_EQ(Set("root.Procs.Usr1Too", "1", 0), TESSCLIENT_OK);
-  ASSERT_EQ(Sync(10), TESSCLIENT_OK);
-  EXPECT_EQ(targets_->received(), (Messages{"10\n", "10\n"})) << "nothing at start-up either";
-  ASSERT_EQ(Set("root.Procs.Forty", "1", 10), TESSCLIENT_OK);
-  EXPECT_EQ(targets_->received(), (Messages{"1\n", ""})) << "signal 40 is sent as 1";
-}
-
-// ---- Getters --------------------------------------------------------------------------------
-
-class GetterTest : public AnnounceTest {
- protected:
-  void SetUp() override {
-    AnnounceTest::SetUp();
-    if (HasFatalFailure()) return;
-    WriteFile("/tmp/seven.sh", "#!/bin/sh\necho 7\nexit 1\n", 0755);
-    Serve(Group("Fetch", Param("Const", "c",
-                               Option("getter", "echo 5; echo run >> /tmp/const.runs") +
-                                   Option("type", "const:string")) +
-                             Param("Seven", "s", Option("getter", "/tmp/seven.sh")) +
-                             Param("Failing", "f",
-                                   Option("getter", "echo run >> /tmp/failing.runs; false"))),
-          "");
-  }
-};
-
-TEST_F(GetterTest, ConstantGetterRunsOnce) {
-  EXPECT_EQ(Get("root.Fetch.Const"), "5\n");
-  EXPECT_EQ(Get("root.Fetch.Const"), "5\n");
-  EXPECT_EQ(ReadFile("/tmp/const.runs"), "run\n");
-}
-
-TEST_F(GetterTest, FailingScriptStillGivesItsOutput) {
-  EXPECT_EQ(Get("root.Fetch.Seven"), "7\n");
-  EXPECT_EQ(LogWith("Script", 1),
-            std::vector<std::string>{std::to_string(LOG_INFO) +
-                                     ":Script '/tmp/seven.sh' for param 'root.Fetch.Seven' "
-                                     "failed. Exit status: 256"});
-}
-
-TEST_F(GetterTest, FailingEchoCommandIsTriedThreeTimesAndGivesNoValue) {
-  EXPECT_EQ(Get("root.Fetch.Failing"), "<status 16>");
-  EXPECT_EQ(ReadFile("/tmp/failing.runs"), "run\nrun\nrun\n");
-  std::string line =
-      ":Script 'echo run >> /tmp/failing.runs; false' for param "
-      "'root.Fetch.Failing' failed. Exit status: 256";
-  std::string info = std::to_string(LOG_INFO) + line;
-  EXPECT_EQ(LogWith("Script", 4),
-            (std::vector<std::string>{info, info, info, std::to_string(LOG_WARNING) + line}));
-}
 
 // ---- Upgrade --------------------------------------------------------------------------------
 

@@ -225,24 +225,6 @@ TEST(IntegerField, ReadsExactlyOneInteger) {
   }
 }
 
-TEST(IntegerField, WritesIntoTheStoredCapacity) {
-  auto* buffer = static_cast<unsigned char*>(calloc(12, 1));
-  buffer[0] = 10;  // capacity 10 digits
-  int error = -9;
-  unsigned char* out = legacy_drep_intToByte(-5, buffer, &error);
-  EXPECT_EQ(out, buffer);
-  EXPECT_EQ(error, 0);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 4), field("-5"));
-  // The stored length (2) is now the capacity: a longer text reallocates.
-  out = legacy_drep_intToByte(INT_MIN, out, &error);
-  EXPECT_EQ(legacy_drep_byteToInt(out, &error), INT_MIN);
-  EXPECT_EQ(error, 0);
-  free(out);
-  out = legacy_drep_intToByte(123, nullptr, &error);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 5), field("123"));
-  free(out);
-}
-
 struct RangeCase {
   const char* constraint;
   int value;
