@@ -142,9 +142,9 @@ TEST_F(DynamicGroupsTest, ScratchFilesAreMadeFreshAndPrivate) {
 
 // A parent path whose names the configuration grammar cannot read back (it would be written into
 // the group file) is refused like a missing template, and the daemon goes on.
-class FailedCreationTest : public DynamicGroupsTest,
-                           public ::testing::WithParamInterface<std::pair<const char*, const char*>> {
-};
+class FailedCreationTest
+    : public DynamicGroupsTest,
+      public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
 
 TEST_P(FailedCreationTest, LeavesNoGroupNoScratchAndNoPendingFiles) {
   auto [parent, tmpl] = GetParam();
@@ -158,10 +158,11 @@ TEST_P(FailedCreationTest, LeavesNoGroupNoScratchAndNoPendingFiles) {
   EXPECT_EQ(create(-1), "I0") << "the number is free again";
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Parents, FailedCreationTest,
-    ::testing::Values(std::pair{"root.Net.Interface", "Missing"}, std::pair{"root.Net.0x", "Eth"},
-                      std::pair{"root.4et.Interface", "Eth"}, std::pair{"root.Ne-.Interface", "Eth"},
-                      std::pair{"root.Net.Inter face", "Eth"}));
+INSTANTIATE_TEST_SUITE_P(Parents, FailedCreationTest,
+                         ::testing::Values(std::pair{"root.Net.Interface", "Missing"},
+                                           std::pair{"root.Net.0x", "Eth"},
+                                           std::pair{"root.4et.Interface", "Eth"},
+                                           std::pair{"root.Ne-.Interface", "Eth"},
+                                           std::pair{"root.Net.Inter face", "Eth"}));
 
 }  // namespace

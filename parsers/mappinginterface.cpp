@@ -409,7 +409,6 @@ int mif_probeKey(const char* name, MappingCallback callback, void* argument) {
   return probe_section(name, callback, argument, true);
 }
 
-
 int mif_enterSectionNext(const char** name) {
   if (!mif.producing) {
     log_fatal(kSource, "mif_enterSectionNext may only be called from producing code!");

@@ -175,8 +175,8 @@ TEST_F(ConfigTest, ParamFileNeedsCamsettingsAndAReadableList) {
 
 struct GrammarCase {
   const char* text;
-  const char* message;  // %s stands for the configuration file's path
-  int line = 1;         // of the error
+  const char* message;             // %s stands for the configuration file's path
+  int line = 1;                    // of the error
   const char* reported = nullptr;  // the message of a report, when it names the cause better
 };
 
@@ -212,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         GrammarCase{"type = 10\n", "%s: Expected option value."},
         GrammarCase{"group g {\n  a = \"1\"\n  param p {\n v = 5 }\n}\n",
-                  "%s: Expected option value.", 4},
+                    "%s: Expected option value.", 4},
         GrammarCase{"param p { v = /tmp/x }\n", "%s: Expected option value."},
         GrammarCase{"group { }\n", "%s: Expected groupname!"},
         GrammarCase{"group g x\n", "%s: Expected '{' after group root.g!"},
@@ -229,9 +229,9 @@ INSTANTIATE_TEST_SUITE_P(
         GrammarCase{"paramfile { file = }\n", "%s: Expected option value in root."},
         GrammarCase{"paramfile { file = x\n", "%s: Expected '}' to end paramfile root!"},
         GrammarCase{"include \"/nonexistent/x\"\n",
-                  "Couldn't open included configuration file: /nonexistent/x!"},
+                    "Couldn't open included configuration file: /nonexistent/x!"},
         GrammarCase{"group g { include \"/dev/null\" }\n", "Error in group members!", 1,
-                  "Could not map file '/dev/null' into memory"},
+                    "Could not map file '/dev/null' into memory"},
         GrammarCase{"group g { param p { } ", "%s: Expected '}' to end group root.g!"},
         GrammarCase{"group \"\" { }\n", "Couldn't create group: !"}));
 

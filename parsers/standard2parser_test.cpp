@@ -130,8 +130,8 @@ TEST_F(Standard2ParserTest, RewritingAMalformedFileChangesNoOtherEntry) {
   std::vector<Param*> others = {param("a", "", "Standard2{Root}{a}", nullptr),
                                 param("c", "", "Standard2{s}{c}", nullptr),
                                 param("d", "", "Standard2{s}{a}", nullptr)};
-  EXPECT_GT(others_kept_rounds(standard2parser_parse, std::string_view("abc =\n\"\\[]#\0", 13),
-                               b, "new value", others, "a = 1\nb = \"two\"\n[s]\nc = 3\na 4\n"),
+  EXPECT_GT(others_kept_rounds(standard2parser_parse, std::string_view("abc =\n\"\\[]#\0", 13), b,
+                               "new value", others, "a = 1\nb = \"two\"\n[s]\nc = 3\na 4\n"),
             500);
 }
 

@@ -13,8 +13,8 @@ int uid_in_group(unsigned int uid, const char* group_name);
 
 // Decides a request: 0 allowed, 3 refused, 1 when the template of a group creation does not
 // exist. The claimed uid/gid must match the peer credentials the client connected with (a root
-// peer may claim any identity); GET, SET, CREATE_GROUP, type 10 and DELETE_GROUP are then decided by the object's
-// `accessControl` option. `quiet` suppresses the "Authorization failure" line.
+// peer may claim any identity); GET, SET, CREATE_GROUP, type 10 and DELETE_GROUP are then decided
+// by the object's `accessControl` option. `quiet` suppresses the "Authorization failure" line.
 int checkAccessControl(unsigned int uid, unsigned int gid, int request_type, const char* path,
                        int quiet, int client_fd);
 

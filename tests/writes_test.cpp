@@ -216,9 +216,10 @@ TEST_F(WritesTest, SerialisedValueOfAnotherKindAnswersTwo) {
       << "no backing file takes a hash";
   tessclient_close(client);
   EXPECT_TRUE(Alive(daemon_pid()));
-  EXPECT_TRUE(log().WaitFor("serveSetRequest: Set request with unsupported or wrong data type for "
-                            "root.Settings.Name.",
-                            1000));
+  EXPECT_TRUE(
+      log().WaitFor("serveSetRequest: Set request with unsupported or wrong data type for "
+                    "root.Settings.Name.",
+                    1000));
   EXPECT_EQ(Get("Settings.Name"), "camera1");
 }
 

@@ -22,26 +22,26 @@
 #include <time.h>
 #include <unistd.h>
 
-static const char *socket_path;
+static const char* socket_path;
 static unsigned char frame[512];
 static size_t frame_length;
 static atomic_int stop;
 
-static void make_frame(const char *path, unsigned uid, unsigned gid) {
+static void make_frame(const char* path, unsigned uid, unsigned gid) {
   size_t n = strlen(path);
-  unsigned char *p = frame;
+  unsigned char* p = frame;
   frame_length = 2 + 1 + 8 + 2 + n;
   *p++ = frame_length & 0xFF;
   *p++ = frame_length >> 8;
-  *p++ = 0;                    /* GET */
-  *p++ = 0;                    /* form: text */
-  *p++ = 2;                    /* sub-form */
-  *p++ = 0;                    /* case */
+  *p++ = 0; /* GET */
+  *p++ = 0; /* form: text */
+  *p++ = 2; /* sub-form */
+  *p++ = 0; /* case */
   *p++ = uid & 0xFF;
   *p++ = (uid >> 8) & 0xFF;
   *p++ = gid & 0xFF;
   *p++ = (gid >> 8) & 0xFF;
-  *p++ = 0;                    /* quiet */
+  *p++ = 0; /* quiet */
   *p++ = n & 0xFF;
   *p++ = n >> 8;
   memcpy(p, path, n);
@@ -51,14 +51,14 @@ static int connect_daemon(void) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   struct sockaddr_un address = {.sun_family = AF_UNIX};
   strncpy(address.sun_path, socket_path, sizeof(address.sun_path) - 1);
-  if (fd < 0 || connect(fd, (struct sockaddr *)&address, sizeof(address)) != 0) {
+  if (fd < 0 || connect(fd, (struct sockaddr*)&address, sizeof(address)) != 0) {
     perror("bench-client: connect");
     exit(1);
   }
   return fd;
 }
 
-static void read_all(int fd, unsigned char *out, size_t length) {
+static void read_all(int fd, unsigned char* out, size_t length) {
   while (length > 0) {
     ssize_t got = read(fd, out, length);
     if (got <= 0) {
@@ -101,8 +101,8 @@ static int latency(int idle, int count) {
   return 0;
 }
 
-static void *busy_client(void *arg) {
-  long *answers = arg;
+static void* busy_client(void* arg) {
+  long* answers = arg;
   int fd = connect_daemon();
   while (!atomic_load(&stop)) {
     get(fd);
@@ -130,10 +130,11 @@ static int busy(int clients, double seconds) {
   return 0;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   if (argc < 6 || (strcmp(argv[1], "get") != 0 && strcmp(argv[1], "busy") != 0)) {
-    fprintf(stderr, "usage: bench-client get SOCKET PATH IDLE COUNT [UID GID]\n"
-                    "       bench-client busy SOCKET PATH CLIENTS SECONDS\n");
+    fprintf(stderr,
+            "usage: bench-client get SOCKET PATH IDLE COUNT [UID GID]\n"
+            "       bench-client busy SOCKET PATH CLIENTS SECONDS\n");
     return 64;
   }
   socket_path = argv[2];

@@ -28,7 +28,7 @@ struct client {
 static unsigned char reply[BUFFER_SIZE];
 static size_t reply_length;
 
-static void make_reply(const char *value) {
+static void make_reply(const char* value) {
   size_t n = strlen(value);
   reply_length = 4 + 2 + n;
   reply[0] = reply_length & 0xFF;
@@ -40,12 +40,12 @@ static void make_reply(const char *value) {
   memcpy(reply + 6, value, n);
 }
 
-static int listen_on(const char *path) {
+static int listen_on(const char* path) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   struct sockaddr_un address = {.sun_family = AF_UNIX};
   strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
   unlink(path);
-  if (fd < 0 || bind(fd, (struct sockaddr *)&address, sizeof(address)) != 0 ||
+  if (fd < 0 || bind(fd, (struct sockaddr*)&address, sizeof(address)) != 0 ||
       listen(fd, SOMAXCONN) != 0) {
     perror("floor: listen");
     exit(1);
@@ -53,7 +53,7 @@ static int listen_on(const char *path) {
   return fd;
 }
 
-static void send_all(int fd, const unsigned char *bytes, size_t length) {
+static void send_all(int fd, const unsigned char* bytes, size_t length) {
   while (length > 0) {
     ssize_t put = send(fd, bytes, length, MSG_NOSIGNAL);
     if (put < 0 && errno == EAGAIN) continue;
@@ -64,7 +64,7 @@ static void send_all(int fd, const unsigned char *bytes, size_t length) {
 }
 
 /* Answers every whole frame; 0 when the client is gone. */
-static int serve(struct client *c) {
+static int serve(struct client* c) {
   ssize_t got = read(c->fd, c->in + c->used, BUFFER_SIZE - c->used);
   if (got < 0 && errno == EAGAIN) return 1;
   if (got <= 0) return 0;
@@ -82,7 +82,7 @@ static int serve(struct client *c) {
   return 1;
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   if (argc != 3) {
     fprintf(stderr, "usage: bench-floor SOCKET VALUE\n");
     return 64;
@@ -100,7 +100,7 @@ int main(int argc, char **argv) {
   for (;;) {
     int n = epoll_wait(ep, events, 256, -1);
     for (int i = 0; i < n; i++) {
-      struct client *c = events[i].data.ptr;
+      struct client* c = events[i].data.ptr;
       if (c == NULL) {
         int fd = accept4(listener, NULL, NULL, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) continue;
