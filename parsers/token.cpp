@@ -202,8 +202,10 @@ int acceptValueToken(Token* token, const int* ch, const char* const* buffer, con
     return acceptStrongQuoted(token, ch, expected);
   }
   if (*ch == '"') {
-    return read_double_quoted(ch, buffer, count, &raw) ? finish_quoted(token, raw, expected, '"')
-                                                       : -1;
+    // Text right after the closing quote (a quote opened there, a word joined on) is not read.
+    bool closed = read_double_quoted(ch, buffer, count, &raw) &&
+                  (*ch == 0 || *ch == ' ' || *ch == '\t' || is_line_break(*ch));
+    return closed ? finish_quoted(token, raw, expected, '"') : -1;
   }
   while (*ch != 0 && *ch != '\n') {
     ctok_newChar();
