@@ -5,25 +5,242 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
+#include <random>
 #include <string>
+
+#include "base/handles.h"
+#include "tests/support/logcapture.h"
 
 namespace {
 
-UniqueData custom(const char* type, const char* text) {
+using namespace std::string_literals;
+
+UniqueData scalar(const char* type, const char* text) {
   UniqueData data(legacy_drep_createData());
   EXPECT_EQ(legacy_drep_initializeScalar(data.get(), SCALAR_CUSTOM, type), 0);
-  EXPECT_EQ(legacy_drep_setCustomFromString(data.get(), text, nullptr), 0);
+  EXPECT_EQ(legacy_drep_setCustomFromString(data.get(), text, nullptr), 0) << type << text;
   return data;
 }
 
-UniqueData container(bool hash) {
+// An empty DATA_NONE, DATA_LIST or DATA_HASH.
+UniqueData empty(uint32_t type) {
   UniqueData data(legacy_drep_createData());
-  if (hash) {
-    EXPECT_EQ(legacy_drep_initializeHash(data.get()), 0);
-  } else {
-    EXPECT_EQ(legacy_drep_initializeList(data.get()), 0);
+  if (type == DATA_LIST) legacy_drep_initializeList(data.get());
+  if (type == DATA_HASH) legacy_drep_initializeHash(data.get());
+  return data;
+}
+
+UniqueData with(UniqueData container, std::initializer_list<std::pair<const char*, Data*>> items) {
+  for (auto [key, value] : items) {
+    if (key == nullptr) legacy_drep_addToList(container.get(), value);
+    if (key != nullptr) legacy_drep_setHashValue(container.get(), value, key);
+  }
+  return container;
+}
+
+// The serialisation as a string, or "<none>" with length 0.
+std::string bytes_of(const Data* data) {
+  int length = -1;
+  std::unique_ptr<unsigned char, FreeDeleter> bytes(legacy_drep_buildBytesFromData(data, &length));
+  if (bytes == nullptr) return length == 0 ? "<none>" : "<bad length>";
+  return std::string(reinterpret_cast<char*>(bytes.get()), length);
+}
+
+// Parses from a heap block of exactly the input's size, so that the sanitizer sees any read past
+// it; gives the re-serialised result (or "<refused>") and the consumed count.
+std::pair<std::string, int> parse(const std::string& input, bool checked) {
+  std::unique_ptr<unsigned char, FreeDeleter> block(
+      static_cast<unsigned char*>(malloc(input.size())));
+  std::copy(input.begin(), input.end(), block.get());
+  int consumed = -1;
+  UniqueData data(checked
+                      ? legacy_drep_buildDataFromBytesChecked(block.get(), input.size(), &consumed)
+                      : legacy_drep_buildDataFromBytes(block.get(), &consumed));
+  return {data == nullptr ? "<refused>" : bytes_of(data.get()), consumed};
+}
+
+std::pair<std::string, int> whole(const std::string& bytes) {
+  return {bytes, static_cast<int>(bytes.size())};
+}
+
+std::string u16(int value) {
+  return std::string{static_cast<char>(value & 0xff), static_cast<char>(value >> 8)};
+}
+
+const std::string kEmptyList = "\x08\x00\x04\x00LIST"s;
+const std::string kEmptyHash = "\x08\x00\x04\x00HASH"s;
+const std::string kStringAbc = "\x0f\x00\x06\x00string\x03\x00"s + "abc";
+
+struct EncodeCase {
+  std::function<UniqueData()> build;
+  std::string bytes;  // "<none>": not serialisable
+};
+
+class ByteFormat : public testing::TestWithParam<EncodeCase> {};
+
+// Encodes to the bytes and back: both parsers read the whole element and give the same bytes.
+TEST_P(ByteFormat, EncodesAndDecodesBack) {
+  EXPECT_EQ(bytes_of(GetParam().build().get()), GetParam().bytes);
+  if (GetParam().bytes == "<none>") return;
+  EXPECT_EQ(parse(GetParam().bytes, true), whole(GetParam().bytes));
+  EXPECT_EQ(parse(GetParam().bytes, false), whole(GetParam().bytes));
+}
+
+UniqueData int_scalar() {
+  UniqueData number = empty(DATA_NONE);
+  legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr);
+  return number;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, ByteFormat,
+    testing::Values(EncodeCase{[] { return empty(DATA_LIST); }, kEmptyList},
+                    EncodeCase{[] { return empty(DATA_HASH); }, kEmptyHash},
+                    EncodeCase{[] { return scalar("string", "abc"); }, kStringAbc},
+                    // A hash keeps insertion order.
+                    EncodeCase{[] {
+                                 return with(empty(DATA_HASH),
+                                             {{"b", scalar("yes_no", "yes").release()},
+                                              {"a", with(empty(DATA_LIST),
+                                                         {{nullptr, scalar("int", "-1").release()},
+                                                          {nullptr, empty(DATA_HASH).release()}})
+                                                        .release()}});
+                               },
+                               u16(56) + u16(4) + "HASH" + u16(1) + "b" + u16(15) + u16(6) +
+                                   "yes_no" + u16(3) + "yes" + u16(1) + "a" + u16(27) + u16(4) +
+                                   "LIST" + u16(11) + u16(3) + "int" + u16(2) + "-1" + kEmptyHash},
+                    // Only custom scalars are serialised.
+                    EncodeCase{[] {
+                                 return with(empty(DATA_LIST), {{nullptr, int_scalar().release()}});
+                               },
+                               "<none>"},
+                    EncodeCase{[] {
+                                 return with(empty(DATA_HASH), {{"k", legacy_drep_createData()}});
+                               },
+                               "<none>"},
+                    EncodeCase{[] { return empty(DATA_NONE); }, "<none>"},
+                    EncodeCase{[] { return UniqueData(); }, "<none>"}));
+
+TEST(ByteFormatLimits, ElementsUpTo65535Bytes) {
+  // container, hash key length, text length, whether it fits
+  const std::tuple<uint32_t, size_t, size_t, bool> cases[] = {
+      {DATA_NONE, 0, 65523, true},  {DATA_NONE, 0, 65524, false}, {DATA_LIST, 0, 65515, true},
+      {DATA_LIST, 0, 65516, false}, {DATA_HASH, 65513, 0, true},  {DATA_HASH, 65514, 0, false}};
+  for (auto [container, key_length, text_length, fits] : cases) {
+    tessard::test::clear_captured_log();
+    UniqueData value = scalar("string", std::string(text_length, 'v').c_str());
+    std::string key(key_length, 'k');
+    UniqueData top =
+        container == DATA_NONE
+            ? std::move(value)
+            : with(empty(container),
+                   {{container == DATA_HASH ? key.c_str() : nullptr, value.release()}});
+    std::string bytes = bytes_of(top.get());
+    EXPECT_TRUE(fits ? bytes.size() == 65535 : bytes == "<none>") << container << text_length;
+    EXPECT_EQ(parse(bytes, true), fits ? whole(bytes) : parse("", true));
+    // Only a scalar's own lengths are reported; containers fail without a message.
+    EXPECT_EQ(tessard::test::count_logged("Length too long in help_scalarToByteString."),
+              !fits && container == DATA_NONE ? 1 : 0);
+  }
+}
+
+TEST(ByteFormatLimits, RepeatedKeyReplacesTheEarlierValueInItsPlace) {
+  std::string entry1 = u16(1) + "k" + u16(10) + u16(3) + "int" + u16(1) + "1";
+  std::string entry2 = u16(1) + "k" + u16(10) + u16(3) + "int" + u16(1) + "2";
+  EXPECT_EQ(parse(u16(34) + u16(4) + "HASH" + entry1 + entry2, true),
+            (std::pair{u16(21) + u16(4) + "HASH" + entry2, 34}));
+}
+
+class RefusedBytes : public testing::TestWithParam<std::pair<std::string, bool>> {};
+
+// Unknown types and texts are refused by both parsers; lying lengths by the checked one.
+TEST_P(RefusedBytes, AreRefused) {
+  auto [bytes, by_both] = GetParam();
+  EXPECT_EQ(parse(bytes, true), (std::pair{"<refused>"s, 0}));
+  if (!by_both) return;  // the trusting parser would read past the end
+  EXPECT_EQ(parse(bytes, false).first, "<refused>");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, RefusedBytes,
+    testing::Values(
+        std::pair{u16(11) + u16(2) + "IP" + u16(3) + "abc", true},  // type names are exact
+        std::pair{u16(12) + u16(2) + "ip" + u16(4) + "1.2.", true},
+        std::pair{u16(19) + u16(4) + "LIST" + u16(11) + u16(3) + "foo" + u16(2) + "ab", true},
+        std::pair{""s, false}, std::pair{u16(8) + "\x04", false},        // header cut
+        std::pair{u16(9) + u16(4) + "LIST", false},                      // total past the end
+        std::pair{u16(8) + u16(5) + "LIST", false},                      // name past the end
+        std::pair{u16(15) + u16(6) + "string" + u16(4) + "abc", false},  // text past the end
+        std::pair{u16(11) + u16(6) + "string\x03", false},               // text length cut
+        std::pair{u16(20) + u16(4) + "LIST" + kStringAbc, false},        // child larger than parent
+        std::pair{u16(12) + u16(4) + "HASH" + u16(10) + "kk", false},    // key past the parent
+        std::pair{u16(9) + u16(4) + "HASH\x01", false},                  // key length cut
+        std::pair{u16(11) + u16(4) + "HASH" + u16(1) + "k" + kEmptyList, false},  // value past
+        std::pair{u16(4) + u16(4) + "LIST", false},  // total inside its own header
+        std::pair{u16(11) + u16(4) + "LIST" + u16(8) + "\x04", false}));  // nested header cut
+
+// Random valid trees of every container and several scalar types.
+UniqueData random_tree(std::mt19937& rng, int depth) {
+  static const char* const kScalars[][2] = {{"string", "a \"quoted\" text"},
+                                            {"string", ""},
+                                            {"int", "-42"},
+                                            {"ip", "10.1.2.3"},
+                                            {"eth_addr", "0:1:2:a:b:c"},
+                                            {"compression", "very high"},
+                                            {"ipaddr", "fe80::1%lo"},
+                                            {"ipaddr", "192.168.0.1"}};
+  int pick = static_cast<int>(rng() % (depth > 0 ? 10 : 8));
+  if (pick < 8) return scalar(kScalars[pick][0], kScalars[pick][1]);
+  UniqueData data = empty(pick == 8 ? DATA_LIST : DATA_HASH);
+  for (int i = static_cast<int>(rng() % 5); i > 0; --i) {
+    Data* child = random_tree(rng, depth - 1).release();
+    if (pick == 8) legacy_drep_addToList(data.get(), child);
+    if (pick == 9) legacy_drep_setHashValue(data.get(), child, std::to_string(rng() % 8).c_str());
   }
   return data;
+}
+
+// Valid trees parse alike in both parsers (bytes after the element ignored); every truncation is
+// refused; input the checked parser accepts after random damage was read within its bounds, so
+// the trusting parser must agree with it.
+TEST(CheckedParse, AgreesWithTheUncheckedParserAndRefusesTruncation) {
+  std::mt19937 rng(20240611);
+  int accepted = 0;
+  for (int round = 0; round < 200; ++round) {
+    std::string bytes = bytes_of(random_tree(rng, 4).get());
+    ASSERT_NE(bytes, "<none>");
+    EXPECT_EQ(parse(bytes, false), whole(bytes));
+    EXPECT_EQ(parse(bytes + "trailing", true), whole(bytes));
+    for (size_t cut = 0; cut < bytes.size(); ++cut) {
+      EXPECT_EQ(parse(bytes.substr(0, cut), true).first, "<refused>");
+    }
+    for (int mutation = 0; mutation < 50; ++mutation) {
+      std::string mutated = bytes;
+      for (int n = 1 + static_cast<int>(rng() % 3); n > 0; --n) {
+        mutated[rng() % mutated.size()] = static_cast<char>(rng());
+      }
+      auto checked = parse(mutated, true);
+      if (checked.first == "<refused>") continue;
+      ++accepted;
+      EXPECT_LE(checked.second, static_cast<int>(mutated.size()));
+      EXPECT_EQ(parse(mutated, false), checked);
+    }
+  }
+  EXPECT_GT(accepted, 100);  // the mutations must not all be trivially refused
+}
+
+TEST(CheckedParse, DeepestNestingRoundTripsAndCopies) {
+  constexpr int kDepth = 65535 / 8;
+  std::string bytes;
+  for (int level = 0; level < kDepth; ++level) bytes += u16(8 * (kDepth - level)) + u16(4) + "LIST";
+  EXPECT_EQ(parse(bytes, true), whole(bytes));
+  int consumed = 0;
+  UniqueData data(legacy_drep_buildDataFromBytes(
+      reinterpret_cast<const unsigned char*>(bytes.data()), &consumed));
+  ASSERT_NE(data, nullptr);
+  EXPECT_EQ(bytes_of(UniqueData(legacy_drep_copyData(data.get())).get()), bytes);
 }
 
 std::string dump(const Data* data) {
@@ -45,38 +262,27 @@ std::string keys_of(const Data* hash) {
 
 // { b: [ ip 1.2.3.4, {} ], a: string "x y" }
 UniqueData sample_tree() {
-  UniqueData list = container(false);
-  legacy_drep_addToList(list.get(), custom("ip", "1.2.3.4").release());
-  legacy_drep_addToList(list.get(), container(true).release());
-  UniqueData hash = container(true);
-  legacy_drep_setHashValue(hash.get(), list.release(), "b");
-  legacy_drep_setHashValue(hash.get(), custom("string", "x y").release(), "a");
-  return hash;
+  return with(empty(DATA_HASH),
+              {{"b", with(empty(DATA_LIST), {{nullptr, scalar("ip", "1.2.3.4").release()},
+                                             {nullptr, empty(DATA_HASH).release()}})
+                         .release()},
+               {"a", scalar("string", "x y").release()}});
 }
 
-TEST(DataDump, IndentsNestedValues) {
+TEST(DataTree, DumpIndentsNestedValues) {
   UniqueData tree = sample_tree();
-  UniqueData number(legacy_drep_createData());
-  legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr);
+  UniqueData number = int_scalar();
   legacy_drep_setInt(number.get(), -5);
   legacy_drep_addToList(legacy_drep_getHashValue(tree.get(), "b"), number.release());
   EXPECT_EQ(dump(tree.get()),
-            "DATA_HASH:\n"
-            "  key: 'b'\n"
-            "    DATA_LIST:\n"
-            "      DATA_SCALAR->SCALAR_CUSTOM: 1.2.3.4\n"
-            "      DATA_HASH:\n"
-            "      DATA_SCALAR->SCALAR_INT: -5\n"
-            "\n"
-            "  key: 'a'\n"
-            "    DATA_SCALAR->SCALAR_CUSTOM: x y\n"
-            "\n");
-  UniqueData none(legacy_drep_createData());
-  EXPECT_EQ(dump(none.get()), "DATA_NONE\n");
+            "DATA_HASH:\n  key: 'b'\n    DATA_LIST:\n      DATA_SCALAR->SCALAR_CUSTOM: 1.2.3.4\n"
+            "      DATA_HASH:\n      DATA_SCALAR->SCALAR_INT: -5\n\n  key: 'a'\n"
+            "    DATA_SCALAR->SCALAR_CUSTOM: x y\n\n");
+  EXPECT_EQ(dump(empty(DATA_NONE).get()), "DATA_NONE\n");
   EXPECT_EQ(dump(nullptr), "");
 }
 
-TEST(DataCopy, IsDeepAndKeepsOrderAndFlag) {
+TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlag) {
   UniqueData tree = sample_tree();
   const char quote = '"';
   Data* a = legacy_drep_getHashValue(tree.get(), "a");
@@ -84,178 +290,158 @@ TEST(DataCopy, IsDeepAndKeepsOrderAndFlag) {
   UniqueData copy(legacy_drep_copyData(tree.get()));
   EXPECT_EQ(dump(copy.get()), dump(tree.get()));
   EXPECT_EQ(keys_of(copy.get()), "ba");
-  Data* copiedA = legacy_drep_getHashValue(copy.get(), "a");
-  EXPECT_NE(copiedA, a);
+  Data* copied = legacy_drep_getHashValue(copy.get(), "a");
+  EXPECT_NE(copied, a);
   char flag = 0;
-  free(legacy_drep_getCustomString(copiedA, &flag));
+  free(legacy_drep_getCustomString(copied, &flag));
   EXPECT_EQ(flag, '"');
   // A never-set "ipaddr" has no text form; copying it must not end the process.
-  UniqueData ipaddr(legacy_drep_createData());
+  UniqueData ipaddr = empty(DATA_NONE);
   legacy_drep_initializeScalar(ipaddr.get(), SCALAR_CUSTOM, "ipaddr");
-  UniqueData ipaddrCopy(legacy_drep_copyData(ipaddr.get()));
-  EXPECT_EQ(memcmp(ipaddrCopy->custom->buffer, ipaddr->custom->buffer, SCALAR_IPADDR_SIZE), 0);
+  UniqueData ipaddr_copy(legacy_drep_copyData(ipaddr.get()));
+  EXPECT_EQ(memcmp(ipaddr_copy->custom->buffer, ipaddr->custom->buffer, SCALAR_IPADDR_SIZE), 0);
 }
 
-TEST(DataList, TailAndWalkSurviveDeletion) {
-  UniqueData list = container(false);
+TEST(DataTree, ListTailAndWalkSurviveDeletion) {
+  UniqueData list = empty(DATA_LIST);
   Data* items[3];
-  for (Data*& item : items) {
-    item = custom("int", "1").release();
-    legacy_drep_addToList(list.get(), item);
-  }
+  for (Data*& item : items) legacy_drep_addToList(list.get(), item = scalar("int", "1").release());
   EXPECT_EQ(legacy_drep_getNextToInList(list.get(), items[0]), items[1]);
   EXPECT_EQ(legacy_drep_deleteListItem(list.get(), items[1]), 0);
   EXPECT_EQ(legacy_drep_getNextToInList(list.get(), items[0]), items[2]);
   EXPECT_EQ(legacy_drep_deleteListItem(list.get(), items[2]), 0);  // the tail
-  Data* added = custom("int", "4").release();
+  Data* added = scalar("int", "4").release();
   legacy_drep_addToList(list.get(), added);
   EXPECT_EQ(legacy_drep_getFirstOfList(list.get()), items[0]);
   EXPECT_EQ(legacy_drep_getNextToInList(list.get(), items[0]), added);
   EXPECT_EQ(legacy_drep_getNextToInList(list.get(), added), nullptr);
-  UniqueData stranger = custom("int", "1");
+  UniqueData stranger = scalar("int", "1");
   EXPECT_EQ(legacy_drep_getNextToInList(list.get(), stranger.get()), nullptr);
   EXPECT_EQ(legacy_drep_deleteListItem(list.get(), stranger.get()), 0);  // not ours: kept
 }
 
-TEST(DataHash, ReplacesInPlaceAndDeletesFirstMatch) {
-  UniqueData hash = container(true);
+TEST(DataTree, HashReplacesInPlaceAndDeletesFirstMatch) {
+  UniqueData hash = empty(DATA_HASH);
   for (const char* key : {"c", "a", "b"}) {
-    legacy_drep_setHashValue(hash.get(), custom("string", key).release(), key);
+    legacy_drep_setHashValue(hash.get(), scalar("string", key).release(), key);
   }
-  Data* replacement = custom("string", "new").release();
+  Data* replacement = scalar("string", "new").release();
   EXPECT_EQ(legacy_drep_setHashValue(hash.get(), replacement, "a"), replacement);
-  EXPECT_EQ(keys_of(hash.get()), "cab");
   EXPECT_EQ(legacy_drep_getHashValue(hash.get(), "a"), replacement);
   EXPECT_EQ(legacy_drep_deleteHashValue(hash.get(), "b"), 0);
   EXPECT_EQ(legacy_drep_deleteHashValue(hash.get(), "missing"), 0);
-  legacy_drep_setHashValue(hash.get(), custom("string", "d").release(), "d");
+  legacy_drep_setHashValue(hash.get(), scalar("string", "d").release(), "d");
   EXPECT_EQ(keys_of(hash.get()), "cad");
   EXPECT_EQ(legacy_drep_getHashValue(hash.get(), nullptr), nullptr);
-  UniqueData list = container(false);
+  UniqueData list = empty(DATA_LIST);
   EXPECT_EQ(legacy_drep_setHashValue(list.get(), hash.get(), "x"), nullptr);
   EXPECT_EQ(legacy_drep_deleteHashValue(list.get(), "x"), -1);
 }
 
-TEST(DataScalar, KindsRefuseTheWrongOperations) {
-  UniqueData number(legacy_drep_createData());
-  EXPECT_EQ(legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr), 0);
+TEST(DataTree, ScalarKindsRefuseTheWrongOperations) {
+  UniqueData number = int_scalar();
   EXPECT_STREQ(legacy_drep_getTypeName(number.get()), "INT");
   EXPECT_EQ(legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr), -1);
   EXPECT_EQ(legacy_drep_initializeHash(number.get()), -1);
   EXPECT_EQ(legacy_drep_setString(number.get(), "x"), -1);
   EXPECT_EQ(legacy_drep_setInt(number.get(), 7), 0);
   EXPECT_EQ(legacy_drep_getInt(number.get()), 7);
-
-  UniqueData text(legacy_drep_createData());
+  UniqueData text = empty(DATA_NONE);
   legacy_drep_initializeScalar(text.get(), SCALAR_STRING, nullptr);
   EXPECT_EQ(legacy_drep_getString(text.get()), nullptr);
   EXPECT_EQ(legacy_drep_setString(text.get(), "hello"), 0);
   EXPECT_EQ(legacy_drep_setString(text.get(), "a longer text"), 0);
   EXPECT_STREQ(legacy_drep_getString(text.get()), "a longer text");
   EXPECT_EQ(legacy_drep_getInt(text.get()), 0);
-
-  UniqueData unknown(legacy_drep_createData());
+  EXPECT_EQ(bytes_of(text.get()), "<none>");
+  UniqueData unknown = empty(DATA_NONE);
   EXPECT_EQ(legacy_drep_initializeScalar(unknown.get(), SCALAR_CUSTOM, "IP"), -1);
   EXPECT_EQ(unknown->type, DATA_NONE);
-  UniqueData onOff = custom("cenum_on_off", "on");
-  EXPECT_STREQ(legacy_drep_getTypeName(onOff.get()), "cenum_on_off");
+  UniqueData on_off = scalar("cenum_on_off", "on");
+  EXPECT_STREQ(legacy_drep_getTypeName(on_off.get()), "cenum_on_off");
   const char flag = '\'';
-  EXPECT_EQ(legacy_drep_setCustomFromString(onOff.get(), "ON", &flag), -1);
-  EXPECT_EQ(onOff->customFlag, 0);  // a refused text stores no flag either
+  EXPECT_EQ(legacy_drep_setCustomFromString(on_off.get(), "ON", &flag), -1);
+  EXPECT_EQ(on_off->customFlag, 0);  // a refused text stores no flag either
   char buffer[20];
-  EXPECT_EQ(legacy_drep_getCustomStringToBuffer(onOff.get(), buffer, sizeof buffer), 0);
+  EXPECT_EQ(legacy_drep_getCustomStringToBuffer(on_off.get(), buffer, sizeof buffer), 0);
   EXPECT_STREQ(buffer, "on");
-  EXPECT_EQ(legacy_drep_getCustomStringToBuffer(onOff.get(), buffer, 2), -2);
+  EXPECT_EQ(legacy_drep_getCustomStringToBuffer(on_off.get(), buffer, 2), -2);
 }
-
-using DataDeathTest = testing::Test;
 
 // Each misuse ends the process with status 1 after logging its message and the closing line.
-TEST_F(DataDeathTest, TypeMisuseEndsTheProcess) {
-  UniqueData hash = container(true);
-  UniqueData number(legacy_drep_createData());
-  legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr);
-  UniqueData none(legacy_drep_createData());
-  auto exits = testing::ExitedWithCode(1);
-  const std::string last = "\nlog<3>: Last error fatal\\. Exit\\.";  // both at LOG_ERR
-  EXPECT_EXIT(legacy_drep_initializeList(hash.get()), exits,
-              "initializeList: Datatype was not DATA_NONE!" + last);
-  EXPECT_EXIT(legacy_drep_addToList(hash.get(), nullptr), exits,
-              "addToList: Datatype was not DATA_LIST!" + last);
-  EXPECT_EXIT(legacy_drep_getNextToInHash(number.get(), nullptr, nullptr), exits,
-              "getNextToInHash: Datatype was not DATA_HASH!" + last);
-  EXPECT_EXIT(legacy_drep_getHashValue(number.get(), "k"), exits,
-              "Not hash in legacy_drep_getHashValue!" + last);
-  EXPECT_EXIT(legacy_drep_getCustomString(number.get(), nullptr), exits,
-              "Scalar was not a custom!" + last);
-  EXPECT_EXIT(legacy_drep_setCustomFromString(number.get(), "1", nullptr), exits,
-              "Scalar was not a custom!" + last);
-  EXPECT_EXIT(legacy_drep_copyData(number.get()), exits,
-              "Only SCALAR_CUSTOM supported in help_copyScalar!" + last);
-  EXPECT_EXIT(legacy_drep_initializeScalar(none.get(), 9, nullptr), exits,
-              "Strange kind of scalar!" + last);
-  UniqueData ipaddr(legacy_drep_createData());
+TEST(DataDeathTest, TypeMisuseEndsTheProcess) {
+  UniqueData hash = empty(DATA_HASH);
+  UniqueData number = int_scalar();
+  UniqueData ipaddr = empty(DATA_NONE);
   legacy_drep_initializeScalar(ipaddr.get(), SCALAR_CUSTOM, "ipaddr");
-  EXPECT_EXIT(legacy_drep_getCustomString(ipaddr.get(), nullptr), exits,
-              "Failed to get string from custom\\." + last);
-}
-
-std::string field(const std::string& text) {
-  return std::string{static_cast<char>(text.size() & 0xff), static_cast<char>(text.size() >> 8)} +
-         text;
+  const std::pair<std::function<void()>, std::string> misuses[] = {
+      {[&] { legacy_drep_initializeList(hash.get()); },
+       "initializeList: Datatype was not DATA_NONE!"},
+      {[&] { legacy_drep_addToList(hash.get(), nullptr); },
+       "addToList: Datatype was not DATA_LIST!"},
+      {[&] { legacy_drep_getNextToInHash(number.get(), nullptr, nullptr); },
+       "getNextToInHash: Datatype was not DATA_HASH!"},
+      {[&] { legacy_drep_getHashValue(number.get(), "k"); },
+       "Not hash in legacy_drep_getHashValue!"},
+      {[&] { free(legacy_drep_getCustomString(number.get(), nullptr)); },
+       "Scalar was not a custom!"},
+      {[&] { legacy_drep_setCustomFromString(number.get(), "1", nullptr); },
+       "Scalar was not a custom!"},
+      {[&] { legacy_drep_copyData(number.get()); },
+       "Only SCALAR_CUSTOM supported in help_copyScalar!"},
+      {[&] { legacy_drep_initializeScalar(empty(DATA_NONE).get(), 9, nullptr); },
+       "Strange kind of scalar!"},
+      {[&] { free(legacy_drep_getCustomString(ipaddr.get(), nullptr)); },
+       "Failed to get string from custom\\."}};
+  for (const auto& [misuse, message] : misuses) {
+    EXPECT_EXIT(misuse(), testing::ExitedWithCode(1),
+                message + "\nlog<3>: Last error fatal\\. Exit\\.");  // both at LOG_ERR
+  }
 }
 
 TEST(IntegerField, ReadsExactlyOneInteger) {
-  struct Case {
-    std::string text;
-    int value;
-    int error;
-  } cases[] = {{"42", 42, 0},       {"42A", 0, 2}, {"12x", 0, 2},
-               {"", 0, 2},          {" 7", 7, 0},  {"7 ", 0, 2},
-               {"-13", -13, 0},     {"-", 0, 2},   {"2147483647", INT_MAX, 0},
-               {"2147483648", 0, 2}};
-  for (const Case& c : cases) {
-    std::string bytes = field(c.text);
-    int error = -9;
+  const std::tuple<std::string, int, int> cases[] = {
+      {"42", 42, 0},       {"42A", 0, 2}, {"12x", 0, 2},
+      {"", 0, 2},          {" 7", 7, 0},  {"7 ", 0, 2},
+      {"-13", -13, 0},     {"-", 0, 2},   {"2147483647", INT_MAX, 0},
+      {"2147483648", 0, 2}};
+  for (const auto& [text, value, expected_error] : cases) {
+    std::string bytes = u16(static_cast<int>(text.size())) + text;
     auto* raw = reinterpret_cast<const unsigned char*>(bytes.data());
-    EXPECT_EQ(legacy_drep_byteToInt(raw, &error), c.value) << c.text;
-    EXPECT_EQ(error, c.error) << c.text;
-    EXPECT_EQ(legacy_drep_byteToIntChecked(raw, bytes.size() - 1, &error), 0) << c.text;
+    int error = -9;
+    EXPECT_EQ(legacy_drep_byteToInt(raw, &error), value) << text;
+    EXPECT_EQ(error, expected_error) << text;
+    EXPECT_EQ(legacy_drep_byteToIntChecked(raw, bytes.size() - 1, &error), 0) << text;
     EXPECT_EQ(error, 2);
   }
 }
 
-struct RangeCase {
-  const char* constraint;
-  int value;
-  int result;
-  int corrected;
-};
-
-class RangeCheck : public testing::TestWithParam<RangeCase> {};
+class RangeCheck : public testing::TestWithParam<std::tuple<const char*, int, int, int>> {};
 
 TEST_P(RangeCheck, MovesToTheNearestAllowedValue) {
-  const RangeCase& c = GetParam();
-  int value = c.value;
-  EXPECT_EQ(legacy_drep_checkRange(c.constraint, &value), c.result);
-  EXPECT_EQ(value, c.corrected);
+  auto [constraint, value, result, corrected] = GetParam();
+  EXPECT_EQ(legacy_drep_checkRange(constraint, &value), result);
+  EXPECT_EQ(value, corrected);
 }
 
+constexpr char kRanges[] = "range=1,5-7,10-";
+constexpr char kIntLimits[] = "int:maxlength=3,min=0,max=100";
+
+// constraint, value, result, value after the check
 INSTANTIATE_TEST_SUITE_P(
     Constraints, RangeCheck,
-    testing::Values(RangeCase{"range=1,5-7,10-", 3, -1, 5},  // tie goes up
-                    RangeCase{"range=1,5-7,10-", 8, -1, 7}, RangeCase{"range=1,5-7,10-", 0, -1, 1},
-                    RangeCase{"range=1,5-7,10-", 12, 0, 12},
-                    RangeCase{"range=1,5-7,10-", INT_MAX, 0, INT_MAX},
-                    RangeCase{"range=1,5-7,10-", -100, -1, 1},
-                    RangeCase{"range=1, 5 - 7", 9, -1, 7}, RangeCase{"range= 5 -7", 6, 0, 6},
-                    RangeCase{"range=-10--5", -3, -1, -5}, RangeCase{"range=x", 3, -1, INT_MAX},
-                    RangeCase{"range=1-3,x", 5, -1, 3}, RangeCase{"int:range=2", 2, 0, 2},
-                    RangeCase{"min=5", 1000000, 0, 1000000}, RangeCase{"min=5", 4, -1, 5},
-                    RangeCase{"int:maxlength=3,min=0,max=100", 101, -1, 100},
-                    RangeCase{"int:maxlength=3,min=0,max=100", -1, -1, 0},
-                    RangeCase{"int:maxlength=3", 5000, 0, 5000},  // not a max=
-                    RangeCase{"maxlength=3,min=0", 5000, 0, 5000}, RangeCase{"max=10", 11, -1, 10},
-                    RangeCase{"max=10", INT_MIN, 0, INT_MIN}, RangeCase{"", 7, 0, 7}));
+    testing::Values(std::tuple{kRanges, 3, -1, 5},  // tie goes up
+                    std::tuple{kRanges, 8, -1, 7}, std::tuple{kRanges, 0, -1, 1},
+                    std::tuple{kRanges, 12, 0, 12}, std::tuple{kRanges, INT_MAX, 0, INT_MAX},
+                    std::tuple{kRanges, -100, -1, 1}, std::tuple{"range=1, 5 - 7", 9, -1, 7},
+                    std::tuple{"range= 5 -7", 6, 0, 6}, std::tuple{"range=-10--5", -3, -1, -5},
+                    std::tuple{"range=x", 3, -1, INT_MAX}, std::tuple{"range=1-3,x", 5, -1, 3},
+                    std::tuple{"int:range=2", 2, 0, 2}, std::tuple{"min=5", 1000000, 0, 1000000},
+                    std::tuple{"min=5", 4, -1, 5}, std::tuple{kIntLimits, 101, -1, 100},
+                    std::tuple{kIntLimits, -1, -1, 0},
+                    std::tuple{"int:maxlength=3", 5000, 0, 5000},  // not a max=
+                    std::tuple{"maxlength=3,min=0", 5000, 0, 5000},
+                    std::tuple{"max=10", 11, -1, 10}, std::tuple{"max=10", INT_MIN, 0, INT_MIN},
+                    std::tuple{"", 7, 0, 7}));
 
 }  // namespace
