@@ -89,10 +89,6 @@ struct ExchangeCase {
   std::string result;
 };
 
-void PrintTo(const ExchangeCase& c, std::ostream* os) {
-  *os << c.name;
-}
-
 class ExchangeTest : public ClientTest, public ::testing::WithParamInterface<ExchangeCase> {
  protected:
   std::string call(Call call) {
@@ -204,18 +200,22 @@ TEST_P(LyingReplyTest, RefusesReplyAndStaysInStep) {
 INSTANTIATE_TEST_SUITE_P(Replies, LyingReplyTest, ::testing::ValuesIn(kLyingReplies),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(ExchangeTest, BrokenFrameLosesTheConnection) {
-  send_reply(bytes({3, 0, 0, 0, 4, 0, 0, 0}));
-  EXPECT_EQ(call(get), std::to_string(-EPROTO)) << "shorter than its header";
+class BrokenFrameTest : public ExchangeTest {};
+
+// A frame shorter than its header, or cut by the peer's close, loses the connection.
+TEST_P(BrokenFrameTest, LosesTheConnection) {
+  send_reply(GetParam().reply);
+  shutdown(server_, SHUT_WR);
+  EXPECT_EQ(call(get), GetParam().result);
   EXPECT_EQ(call(get), std::to_string(-ENOTCONN));
 }
 
-TEST_F(ExchangeTest, TruncatedReplyLosesTheConnection) {
-  send_reply(bytes({100, 0, 0, 0, 20, 0, "short"}));
-  shutdown(server_, SHUT_WR);
-  EXPECT_EQ(call(get), std::to_string(-ECONNRESET));
-  EXPECT_EQ(call(get), std::to_string(-ENOTCONN));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Frames, BrokenFrameTest,
+    ::testing::Values(ExchangeCase{"Short", get, "", bytes({3, 0, 0, 0, 4, 0, 0, 0}), kRefused},
+                      ExchangeCase{"Cut", get, "", bytes({100, 0, 0, 0, 20, 0, "short"}),
+                                   std::to_string(-ECONNRESET)}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(ClientTest, ReadsReplyLongerThan16Bits) {
   std::string data;

@@ -38,101 +38,75 @@ std::string signature_of(const DbusSendMessage& m) {
   return s;
 }
 
-struct GoodText {
-  const char* text;
-  bool session;
-  bool method_call;
-  const char* dest;
-  const char* member;
-  const char* signature;
-};
+class DbusSendParseGood : public testing::TestWithParam<std::pair<const char*, const char*>> {};
 
-void PrintTo(const GoodText& c, std::ostream* os) {
-  *os << c.text;
-}
-
-class DbusSendParseGood : public testing::TestWithParam<GoodText> {};
-
+// The second text: bus, kind of message, destination, member and argument signature.
 TEST_P(DbusSendParseGood, ReadsOptionsNamesAndArgumentTypes) {
-  const GoodText& c = GetParam();
-  MessagePtr m = parse(c.text);
-  ASSERT_TRUE(m) << c.text;
-  EXPECT_EQ(m->bus == dbussend::BusKind::kSession, c.session);
-  EXPECT_EQ(m->method_call, c.method_call);
-  EXPECT_EQ(m->destination, c.dest);
-  EXPECT_EQ(m->path, "/a/b");
-  EXPECT_EQ(m->interface, "org.x.If");
-  EXPECT_EQ(m->member, c.member);
-  EXPECT_EQ(signature_of(*m), c.signature);
+  MessagePtr m = parse(GetParam().first);
+  ASSERT_TRUE(m) << GetParam().first;
+  EXPECT_EQ(m->path + " " + m->interface, "/a/b org.x.If");
+  std::string got = std::string(m->bus == dbussend::BusKind::kSession ? "session" : "system") +
+                    (m->method_call ? " call " : " signal ") + m->destination + " " + m->member +
+                    " " + signature_of(*m);
+  EXPECT_EQ(got, GetParam().second);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, DbusSendParseGood,
     testing::Values(
-        GoodText{"/a/b org.x.If.Changed", false, false, "", "Changed", ""},
-        GoodText{"dbus-send --session --dest=org.x /a/b org.x.If.M", true, false, "org.x", "M", ""},
-        GoodText{"dbus-send --system --type=method_call --print-reply --reply-timeout=500 "
-                 "--dest=:1.5 /a/b org.x.If.Get string:x",
-                 false, true, ":1.5", "Get", "s"},
-        GoodText{"dbus-send --system --type=method_call --print-reply=literal --dest=org.x "
-                 "/a/b org.x.If.Get",
-                 false, true, "org.x", "Get", ""},
-        GoodText{"/a/b org.x.If.All string: int16:-32768 uint16:65535 int32:-7 uint32:7 "
-                 "int64:-9 uint64:18446744073709551615 double:1.5 byte:255 boolean:true "
-                 "objpath:/x",
-                 false, false, "", "All", "snqiuxtdybo"},
-        GoodText{"/a/b org.x.If.C variant:int32:5 array:string:a,,b array:byte: "
-                 "dict:string:int32:k,1,l,2",
-                 false, false, "", "C", "vasaya{si}"}));
+        std::pair{"/a/b org.x.If.Changed", "system signal  Changed "},
+        std::pair{"dbus-send --session --dest=org.x /a/b org.x.If.M", "session signal org.x M "},
+        std::pair{"dbus-send --system --type=method_call --print-reply --reply-timeout=500 "
+                  "--dest=:1.5 /a/b org.x.If.Get string:x",
+                  "system call :1.5 Get s"},
+        std::pair{"dbus-send --system --type=method_call --print-reply=literal --dest=org.x "
+                  "/a/b org.x.If.Get",
+                  "system call org.x Get "},
+        std::pair{"/a/b org.x.If.All string: int16:-32768 uint16:65535 int32:-7 uint32:7 "
+                  "int64:-9 uint64:18446744073709551615 double:1.5 byte:255 boolean:true "
+                  "objpath:/x",
+                  "system signal  All snqiuxtdybo"},
+        std::pair{"/a/b org.x.If.C variant:int32:5 array:string:a,,b array:byte: "
+                  "dict:string:int32:k,1,l,2",
+                  "system signal  C vasaya{si}"}));
 
-struct BadText {
-  const char* text;
-  const char* error;  // must appear in the error text
-};
+class DbusSendParseBad : public testing::TestWithParam<std::pair<const char*, const char*>> {};
 
-void PrintTo(const BadText& c, std::ostream* os) {
-  *os << c.text;
-}
-
-class DbusSendParseBad : public testing::TestWithParam<BadText> {};
-
+// The error text names the word at fault.
 TEST_P(DbusSendParseBad, RefusesWithErrorNamingTheWord) {
   std::string error;
-  EXPECT_FALSE(parse(GetParam().text, &error)) << GetParam().text;
-  EXPECT_NE(error.find(GetParam().error), std::string::npos) << error;
-}
-
-TEST(DbusSendParse, RefusesNoText) {
-  char* error = nullptr;
-  EXPECT_EQ(dbus_send_from_string(nullptr, &error), nullptr);
-  TextPtr owned(error);
-  EXPECT_STREQ(error, "No message text");
+  EXPECT_FALSE(parse(GetParam().first, &error)) << GetParam().first;
+  EXPECT_NE(error.find(GetParam().second), std::string::npos) << error;
+  char* none = nullptr;
+  EXPECT_EQ(dbus_send_from_string(nullptr, &none), nullptr);
+  EXPECT_STREQ(TextPtr(none).get(), "No message text");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Texts, DbusSendParseBad,
-    testing::Values(BadText{"", "Cannot split message text"},
-                    BadText{"/a/b org.x.If.M 'string:open", "Cannot split message text"},
-                    BadText{"dbus-send --sytem /a/b org.x.If.M", "Unknown option '--sytem'"},
-                    BadText{"--type=error /a/b org.x.If.M", "'--type=error'"},
-                    BadText{"--dest=no..name /a/b org.x.If.M", "'--dest=no..name'"},
-                    BadText{"--reply-timeout=5s /a/b org.x.If.M", "'--reply-timeout=5s'"},
-                    BadText{"dbus-send --session", "Missing object path"},
-                    BadText{"a/b org.x.If.M", "Invalid object path 'a/b'"},
-                    BadText{"/a/b", "Missing INTERFACE.MEMBER"}, BadText{"/a/b Member", "'Member'"},
-                    BadText{"/a/b org.x.If.M int32", "'int32': expected TYPE:VALUE"},
-                    BadText{"/a/b org.x.If.M int32:2147483648", "'int32:2147483648'"},
-                    BadText{"/a/b org.x.If.M uint16:-1", "'uint16:-1'"},
-                    BadText{"/a/b org.x.If.M byte:256", "'byte:256'"},
-                    BadText{"/a/b org.x.If.M int32:12x", "'int32:12x'"},
-                    BadText{"/a/b org.x.If.M boolean:yes", "'boolean:yes'"},
-                    BadText{"/a/b org.x.If.M double:", "'double:'"},
-                    BadText{"/a/b org.x.If.M objpath:x/", "'objpath:x/'"},
-                    BadText{"/a/b org.x.If.M text:a", "'text:a': unknown type"},
-                    BadText{"/a/b org.x.If.M variant:int32", "'variant:int32'"},
-                    BadText{"/a/b org.x.If.M array:int32:1,x", "'array:int32:1,x'"},
-                    BadText{"/a/b org.x.If.M dict:string:int32:k", "a key has no value"},
-                    BadText{"/a/b org.x.If.M string:\xff", "does not fit"}));
+    testing::Values(std::pair{"", "Cannot split message text"},
+                    std::pair{"/a/b org.x.If.M 'string:open", "Cannot split message text"},
+                    std::pair{"dbus-send --sytem /a/b org.x.If.M", "Unknown option '--sytem'"},
+                    std::pair{"--type=error /a/b org.x.If.M", "'--type=error'"},
+                    std::pair{"--dest=no..name /a/b org.x.If.M", "'--dest=no..name'"},
+                    std::pair{"--reply-timeout=5s /a/b org.x.If.M", "'--reply-timeout=5s'"},
+                    std::pair{"dbus-send --session", "Missing object path"},
+                    std::pair{"a/b org.x.If.M", "Invalid object path 'a/b'"},
+                    std::pair{"/a/b", "Missing INTERFACE.MEMBER"},
+                    std::pair{"/a/b Member", "'Member'"},
+                    std::pair{"/a/b org.x.If.M int32", "'int32': expected TYPE:VALUE"},
+                    std::pair{"/a/b org.x.If.M int32:2147483648", "'int32:2147483648'"},
+                    std::pair{"/a/b org.x.If.M uint16:-1", "'uint16:-1'"},
+                    std::pair{"/a/b org.x.If.M byte:256", "'byte:256'"},
+                    std::pair{"/a/b org.x.If.M int32:12x", "'int32:12x'"},
+                    std::pair{"/a/b org.x.If.M boolean:yes", "'boolean:yes'"},
+                    std::pair{"/a/b org.x.If.M double:", "'double:'"},
+                    std::pair{"/a/b org.x.If.M objpath:x/", "'objpath:x/'"},
+                    std::pair{"/a/b org.x.If.M text:a", "'text:a': unknown type"},
+                    std::pair{"/a/b org.x.If.M variant:int32", "'variant:int32'"},
+                    std::pair{"/a/b org.x.If.M array:int32:1,x", "'array:int32:1,x'"},
+                    std::pair{"/a/b org.x.If.M dict:string:int32:k", "a key has no value"},
+                    std::pair{"/a/b org.x.If.M string:\xff", "does not fit"}));
 
 // Sending, against a private bus daemon that this test starts.
 class DbusSendTest : public testing::Test {
