@@ -35,27 +35,21 @@ std::string rewrite(const std::string& text, Rewrite fn, int* rc) {
 
 class DynamicFilesTest : public DynamicDirsTest {};
 
-struct MergeCase {
-  const char* line;
-  const char* group;  // written for a group template (file name given)
-  const char* param;  // written for a parameter template
-};
-
+// The line from the template, what a group template (file name given) writes, and what a
+// parameter template writes when it differs.
 TEST_F(DynamicFilesTest, MergeTextSubstitutesOnePlaceholderPerLine) {
-  const MergeCase cases[] = {
-      {"group REPLACE_GROUP {\n", "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n",
-       "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n"},
-      {"x REPLACE_NBR REPLACE\n", "x 10 REPLACE\n", "x 10 REPLACE\n"},
-      {"REPLACE then REPLACE_NBR\n", "REPLACE then 10\n", "REPLACE then 10\n"},
+  const std::tuple<const char*, std::string, std::string> cases[] = {
+      {"group REPLACE_GROUP {\n", "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n", ""},
+      {"x REPLACE_NBR REPLACE\n", "x 10 REPLACE\n", ""},
+      {"REPLACE then REPLACE_NBR\n", "REPLACE then 10\n", ""},
       {"file = \"REPLACE_FILE\"\n", "file = \"/d/net.conf\"\n", "file = \"Net.I10_FILE\"\n"},
-      {"[REPLACE]\n", "[Net.I10]\n", "[Net.I10]\n"},
+      {"[REPLACE]\n", "[Net.I10]\n", ""},
       {"  type = \"string\"\n", "  type = \"dynamic:string\"\n", "  type = \"string\"\n"},
-      {"type = \"a b\"\n", "type = \"a b\"\n", "type = \"a b\"\n"},
-      {"no newline", "no newline\n", "no newline\n"},
+      {"type = \"a b\"\n", "type = \"a b\"\n", ""},
+      {"no newline", "no newline\n", ""},
   };
-  for (const MergeCase& c : cases) {
-    SCOPED_TRACE(c.line);
-    write_text(dir("tmpl") + "/Eth_grp.conf", c.line);
+  for (const auto& [line, group, param] : cases) {
+    write_text(dir("tmpl") + "/Eth_grp.conf", line);
     char* buf = nullptr;
     size_t size = 0;
     FILE* out = open_memstream(&buf, &size);
@@ -63,7 +57,7 @@ TEST_F(DynamicFilesTest, MergeTextSubstitutesOnePlaceholderPerLine) {
     ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", "/d/net.conf"), 0);
     ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", nullptr), 0);
     fclose(out);
-    EXPECT_EQ(std::string(buf, size), std::string(c.group) + c.param);
+    EXPECT_EQ(std::string(buf, size), group + (param.empty() ? group : param)) << line;
     free(buf);
   }
 }
@@ -106,15 +100,11 @@ TEST_F(DynamicFilesTest, FileNamesAreNormalised) {
 }
 
 TEST_F(DynamicFilesTest, ParsePathSkipsRootAndSplitsAtDots) {
-  struct Case {
-    const char* path;
-    std::vector<std::string> components;
-  } cases[] = {
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
       {"root.Foo.Bar", {"Foo", "Bar"}}, {"root", {}}, {"Net.I0", {"I0"}}, {"root..A", {"", "A"}}};
-  for (const Case& c : cases) {
-    std::string path = c.path;
+  for (auto [path, components] : cases) {
     std::vector<char*> parts = parse_path(path.data());
-    EXPECT_EQ(std::vector<std::string>(parts.begin(), parts.end()), c.components) << c.path;
+    EXPECT_EQ(std::vector<std::string>(parts.begin(), parts.end()), components) << path;
   }
 }
 
@@ -136,80 +126,65 @@ constexpr const char* kInterfaceFile =
     "}\n"
     "}\n";
 
-struct PlaceCase {
-  const char* name;
-  std::vector<std::string> parent;
-  int number;
-  std::string input;
-  std::string expected;
-};
+// The dot-separated names of `path` as the rewriting functions take them; `path` holds the text.
+std::vector<char*> names_of(std::string* path) {
+  std::vector<char*> names;
+  for (char* name = strtok(path->data(), "."); name != nullptr; name = strtok(nullptr, ".")) {
+    names.push_back(name);
+  }
+  return names;
+}
 
 TEST_F(DynamicFilesTest, NewGroupBlockGoesToItsSortedPlace) {
   write_text(dir("tmpl") + "/Eth_grp.conf", "NEW REPLACE_GROUP\n");
   std::string head = "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\ngroup Interface {\n";
   std::string i0 = "group I0 {\n#DO NOT REMOVE THIS LINE: Interface.I0 Eth\nparam a {\n}\n}\n";
-  const PlaceCase cases[] = {
-      {"gap before the higher sibling",
-       {"Interface"},
-       1,
-       kInterfaceFile,
+  // parent, number, file before, file after
+  const std::tuple<std::string, int, std::string, std::string> cases[] = {
+      {"Interface", 1, kInterfaceFile,  // the gap before the higher sibling
        head + i0 + "NEW I1\n#DO NOT REMOVE THIS LINE: Interface.I1 Eth\ngroup I2 {\n}\n}\n"},
-      {"after all siblings",
-       {"Interface"},
-       17,
-       kInterfaceFile,
+      {"Interface", 17, kInterfaceFile,  // after all siblings
        head + i0 + "group I2 {\n}\nNEW I17\n#DO NOT REMOVE THIS LINE: Interface.I17 Eth\n}\n"},
-      {"header only",
-       {"Net", "Sub"},
-       0,
-       "#Created by tessard\n",
+      {"Net.Sub", 0, "#Created by tessard\n",  // header only
        "#Created by tessard\ngroup Net {\ngroup Sub {\nNEW S0\n"
        "#DO NOT REMOVE THIS LINE: Net.Sub.S0 Eth\n}\n}\n"},
-      {"missing inner block",
-       {"interface", "Sub"},
-       0,
-       kInterfaceFile,
+      {"interface.Sub", 0, kInterfaceFile,  // the inner block missing
        head + i0 +
-           "group I2 {\n}\ngroup Sub {\nNEW S0\n"
-           "#DO NOT REMOVE THIS LINE: interface.Sub.S0 Eth\n}\n}\n"},
+           "group I2 {\n}\ngroup Sub {\nNEW S0\n#DO NOT REMOVE THIS LINE: interface.Sub.S0 "
+           "Eth\n}\n}\n"},
   };
-  for (const PlaceCase& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::vector<std::string> storage = c.parent;
-    std::vector<char*> parent;
-    for (std::string& s : storage) parent.push_back(s.data());
-    std::string groupPath;
-    for (const std::string& s : c.parent) groupPath += s + ".";
-    groupPath += std::string(1, c.parent.back()[0]) + std::to_string(c.number);
-    TemplateMerge merge{dir("tmpl") + "/Eth_grp.conf", "/none", groupPath, "/d/x.conf"};
+  for (const auto& [path, number, input, expected] : cases) {
+    std::string names = path;
+    std::vector<char*> parent = names_of(&names);
+    char letter = parent.back()[0];
+    TemplateMerge merge{dir("tmpl") + "/Eth_grp.conf", "/none",
+                        path + "." + letter + std::to_string(number), "/d/x.conf"};
     int rc = -1;
     std::string out = rewrite(
-        c.input,
+        input,
         [&](FILE* in, FILE* o) {
-          return find_sorted_place_in_file(in, o, parent, c.parent.back()[0], c.number, merge);
+          return find_sorted_place_in_file(in, o, parent, letter, number, merge);
         },
         &rc);
     EXPECT_EQ(rc, 0);
-    EXPECT_EQ(out, c.expected);
+    EXPECT_EQ(out, expected) << path << " " << number;
   }
 }
 
 TEST_F(DynamicFilesTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
   std::string file = std::string(kInterfaceFile) + "group Interface2 {\n}\n";
-  std::string a = "Interface", b = "I0";
-  std::vector<char*> group{a.data(), b.data()};
-  int rc = -1;
-  std::string out = rewrite(
-      file, [&](FILE* in, FILE* o) { return copy_without_group(in, o, group, "scratch"); }, &rc);
-  EXPECT_EQ(rc, 0);
-  EXPECT_EQ(out,
-            "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\ngroup Interface {\n"
-            "group I2 {\n}\n}\ngroup Interface2 {\n}\n");
-  std::string other = "I1";
-  group = {a.data(), other.data()};
-  out = rewrite(
-      file, [&](FILE* in, FILE* o) { return copy_without_group(in, o, group, "scratch"); }, &rc);
-  EXPECT_EQ(out, file) << "I1 of another parent is not the group to delete";
+  // I1 of another parent is not the group to delete.
+  for (std::string path : {"Interface.I0", "Interface.I1"}) {
+    std::vector<char*> group = names_of(&path);
+    int rc = -1;
+    std::string out = rewrite(
+        file, [&](FILE* in, FILE* o) { return copy_without_group(in, o, group, "scratch"); }, &rc);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(out, path.back() == '1'
+                       ? file
+                       : "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\n"
+                         "group Interface {\ngroup I2 {\n}\n}\ngroup Interface2 {\n}\n");
+  }
 }
 
 }  // namespace

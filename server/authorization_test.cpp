@@ -14,48 +14,32 @@
 
 namespace {
 
-struct RuleCase {
-  std::string text;
-  int bit;
-  int status;
-};
-
-void PrintTo(const RuleCase& c, std::ostream* os) {
-  *os << '"' << c.text << "\" bit " << c.bit;
-}
-
-class AccessRuleTest : public ::testing::TestWithParam<RuleCase> {};
+class AccessRuleTest : public ::testing::TestWithParam<std::tuple<const char*, int, bool>> {};
 
 // The claimed gid's group is "admin"; group names of other entries are looked up in the user cache,
 // where uid 0 has none of them.
 TEST_P(AccessRuleTest, DecidesByTheFirstMatchingEntryWithTheBit) {
+  auto [rule, bit, allowed] = GetParam();
   ASSERT_EQ(populateUserCache(), 0);
-  EXPECT_EQ(evaluateAccessControl(GetParam().text.c_str(), 0, "admin", GetParam().bit),
-            GetParam().status);
+  EXPECT_EQ(evaluateAccessControl(rule, 0, "admin", bit),
+            allowed ? STATUS_OK : STATUS_ACCESS_REFUSED);
 }
 
+constexpr int R = ACCESS_READ, W = ACCESS_WRITE;
+
+// rule, access asked, whether it is granted
 INSTANTIATE_TEST_SUITE_P(
     Rules, AccessRuleTest,
-    ::testing::Values(RuleCase{":1", ACCESS_READ, STATUS_OK},
-                      RuleCase{":1", ACCESS_WRITE, STATUS_ACCESS_REFUSED},
-                      RuleCase{"admin:2", ACCESS_WRITE, STATUS_OK},
-                      RuleCase{"admin:2", ACCESS_READ, STATUS_ACCESS_REFUSED},
-                      RuleCase{"admin:x", ACCESS_READ, STATUS_ACCESS_REFUSED},
-                      RuleCase{":1;admin:x", ACCESS_READ, STATUS_OK},
-                      RuleCase{":1;admin:x", ACCESS_WRITE, STATUS_ACCESS_REFUSED},
-                      RuleCase{"admin: 3", ACCESS_WRITE, STATUS_OK},
-                      RuleCase{"admin:3 ;", ACCESS_WRITE, STATUS_OK},
-                      RuleCase{"admin:3\t", ACCESS_WRITE, STATUS_OK},
-                      RuleCase{"admin:3,", ACCESS_WRITE, STATUS_ACCESS_REFUSED},
-                      RuleCase{"admin:0xC", ACCESS_CREATE, STATUS_OK},
-                      RuleCase{"admin:", ACCESS_READ, STATUS_ACCESS_REFUSED},
-                      RuleCase{"admin", ACCESS_READ, STATUS_ACCESS_REFUSED},
-                      RuleCase{"", ACCESS_READ, STATUS_ACCESS_REFUSED},
-                      RuleCase{"Admin:f", ACCESS_READ, STATUS_ACCESS_REFUSED},
-                      RuleCase{"operator:f;admin:1", ACCESS_READ, STATUS_OK},
-                      RuleCase{"admin:1;admin:2", ACCESS_WRITE, STATUS_OK},
-                      RuleCase{"operator:x;:4", ACCESS_DELETE, STATUS_OK},
-                      RuleCase{"admin:1;", ACCESS_WRITE, STATUS_ACCESS_REFUSED}));
+    ::testing::Values(
+        std::tuple{":1", R, true}, std::tuple{":1", W, false}, std::tuple{"admin:2", W, true},
+        std::tuple{"admin:2", R, false}, std::tuple{"admin:x", R, false},
+        std::tuple{":1;admin:x", R, true}, std::tuple{":1;admin:x", W, false},
+        std::tuple{"admin: 3", W, true}, std::tuple{"admin:3 ;", W, true},
+        std::tuple{"admin:3\t", W, true}, std::tuple{"admin:3,", W, false},
+        std::tuple{"admin:0xC", ACCESS_CREATE, true}, std::tuple{"admin:", R, false},
+        std::tuple{"admin", R, false}, std::tuple{"", R, false}, std::tuple{"Admin:f", R, false},
+        std::tuple{"operator:f;admin:1", R, true}, std::tuple{"admin:1;admin:2", W, true},
+        std::tuple{"operator:x;:4", ACCESS_DELETE, true}, std::tuple{"admin:1;", W, false}));
 
 TEST(UserCache, RootHasItsPrimaryGroup) {
   ASSERT_EQ(populateUserCache(), 0);

@@ -9,163 +9,121 @@
 
 namespace {
 
-class SocketPair {
- public:
-  SocketPair() { socketpair(AF_UNIX, SOCK_STREAM, 0, fds_); }
-  ~SocketPair() {
-    for (int fd : fds_) {
-      if (fd >= 0) close(fd);
-    }
-  }
-  int daemon() const { return fds_[0]; }
-  int client() const { return fds_[1]; }
-  void CloseClient() {
-    close(fds_[1]);
-    fds_[1] = -1;
-  }
-  std::vector<unsigned char> Receive(size_t count) {
-    std::vector<unsigned char> bytes(count);
-    size_t done = 0;
-    while (done < count) {
-      ssize_t got = read(client(), bytes.data() + done, count - done);
-      if (got <= 0) break;
-      done += got;
-    }
-    EXPECT_EQ(done, count);
-    return bytes;
-  }
+using Bytes = std::vector<unsigned char>;
 
- private:
-  int fds_[2] = {-1, -1};
-};
-
-RequestReader reader_of(const std::vector<unsigned char>& bytes) {
+RequestReader reader_of(const Bytes& bytes) {
   return RequestReader{bytes.data(), static_cast<int>(bytes.size()), 0};
 }
 
-std::vector<unsigned char> counted(const std::string& text) {
-  std::vector<unsigned char> bytes = {static_cast<unsigned char>(text.size() & 0xFF),
-                                      static_cast<unsigned char>(text.size() >> 8)};
-  bytes.insert(bytes.end(), text.begin(), text.end());
-  return bytes;
-}
-
 TEST(FieldReaders, StopAtTheEndOfThePayload) {
-  std::vector<unsigned char> bytes = {0x01, 0x34, 0x12};
+  Bytes bytes = {0x01, 0x34, 0x12, 0x07};
   RequestReader reader = reader_of(bytes);
   int value = 0;
   ASSERT_EQ(read_int_8(&reader, &value), 0);
   EXPECT_EQ(value, 1);
   ASSERT_EQ(read_int_16(&reader, &value), 0);
   EXPECT_EQ(value, 0x1234);
-  EXPECT_EQ(read_int_8(&reader, &value), -1);
-  EXPECT_EQ(read_int_16(&reader, &value), -1);
+  EXPECT_EQ(read_int_16(&reader, &value), -1) << "needs both bytes";
+  EXPECT_EQ(value, 0x1234);
   EXPECT_EQ(reader.pos, 3) << "a refused read does not move";
+  ASSERT_EQ(read_int_8(&reader, &value), 0);
+  EXPECT_EQ(read_int_8(&reader, &value), -1);
 }
 
-TEST(FieldReaders, Int16NeedsBothBytes) {
-  std::vector<unsigned char> bytes = {0x07};
-  RequestReader reader = reader_of(bytes);
-  int value = -1;
-  EXPECT_EQ(read_int_16(&reader, &value), -1);
-  EXPECT_EQ(value, -1);
-}
+class GetPathTest : public ::testing::TestWithParam<std::pair<std::string, std::string>> {};
 
-struct PathCase {
-  std::string sent;
-  int result;
-  std::string full;
-};
-
-void PrintTo(const PathCase& c, std::ostream* os) {
-  *os << '"' << c.sent.substr(0, 24) << '"';
-}
-
-class GetPathTest : public ::testing::TestWithParam<PathCase> {};
-
+// The path sent with its 16-bit length, and the full path made of it ("" when refused).
 TEST_P(GetPathTest, MakesFullPaths) {
-  std::vector<unsigned char> bytes = counted(GetParam().sent);
+  const std::string& sent = GetParam().first;
+  Bytes bytes = {static_cast<unsigned char>(sent.size() & 0xFF),
+                 static_cast<unsigned char>(sent.size() >> 8)};
+  bytes.insert(bytes.end(), sent.begin(), sent.end());
   RequestReader reader = reader_of(bytes);
   std::string path;
-  ASSERT_EQ(getPath(&reader, &path), GetParam().result);
-  if (GetParam().result == 0) {
-    EXPECT_EQ(path, GetParam().full);
-  }
+  int result = getPath(&reader, &path);
+  EXPECT_EQ(result == 0 ? path : "", GetParam().second);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Paths, GetPathTest,
-    ::testing::Values(PathCase{"network.eth0", 0, "root.network.eth0"},
-                      PathCase{"root.network.eth0", 0, "root.network.eth0"},
-                      PathCase{"roo", 0, "root.roo"}, PathCase{"root", 0, "root"},
-                      PathCase{"", 0, "root."}, PathCase{"a b", -1, ""},
-                      PathCase{std::string("a\0b", 3), -1, ""},
-                      PathCase{"root." + std::string(250, 'x'), 0, "root." + std::string(250, 'x')},
-                      PathCase{std::string(256, 'x'), -1, ""},
+    ::testing::Values(std::pair{"network.eth0", "root.network.eth0"},
+                      std::pair{"root.network.eth0", "root.network.eth0"},
+                      std::pair{"roo", "root.roo"}, std::pair{"root", "root"},
+                      std::pair{"", "root."}, std::pair{"a b", ""},
+                      std::pair{std::string("a\0b", 3), ""},
+                      std::pair{"root." + std::string(250, 'x'), "root." + std::string(250, 'x')},
+                      std::pair{std::string(256, 'x'), ""},
                       // 255 bytes pass the length limit, but "root." makes the path too long.
-                      PathCase{std::string(255, 'x'), -1, ""}));
+                      std::pair{std::string(255, 'x'), ""}));
 
 TEST(GetPath, RefusesLengthBeyondPayload) {
-  std::vector<unsigned char> bytes = {0x05, 0x00, 'a', 'b'};
+  Bytes bytes = {0x05, 0x00, 'a', 'b'};
   RequestReader reader = reader_of(bytes);
   std::string path;
   EXPECT_EQ(getPath(&reader, &path), -1);
 }
 
-TEST(ReplyBuffer, StatusOnlyReplyIsFourBytes) {
-  SocketPair pair;
-  sendStatus(pair.daemon(), STATUS_MALFORMED);
-  EXPECT_EQ(pair.Receive(4), (std::vector<unsigned char>{0x04, 0x00, 0x00, 0x04}));
-}
+// Replies go to the daemon's end of a socket pair; the test reads them at the client's end.
+class ReplyBuffer : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds_), 0); }
+  void TearDown() override {
+    for (int fd : fds_) close(fd);
+  }
+  Bytes receive(size_t count) {
+    Bytes bytes(count);
+    size_t done = 0;
+    for (ssize_t got = 1; done < count && got > 0; done += got > 0 ? got : 0) {
+      got = read(fds_[1], bytes.data() + done, count - done);
+    }
+    EXPECT_EQ(done, count);
+    return bytes;
+  }
+  int fds_[2] = {-1, -1};
+};
 
-TEST(ReplyBuffer, CountedItemsFollowTheHeader) {
-  SocketPair pair;
-  createMessage(pair.daemon(), 4 + 2 + 3 + 2);
+TEST_F(ReplyBuffer, StatusAndCountedItemsFollowTheHeader) {
+  sendStatus(fds_[0], STATUS_MALFORMED);
+  EXPECT_EQ(receive(4), (Bytes{0x04, 0x00, 0x00, 0x04}));
+  createMessage(fds_[0], 4 + 2 + 3 + 2);
   addMessageData("abc", 3);
   addMessageDataNoLen("\x01\x02", 2);
-  sendMessage(pair.daemon());
-  EXPECT_EQ(pair.Receive(11),
-            (std::vector<unsigned char>{0x0B, 0, 0, 0, 3, 0, 'a', 'b', 'c', 1, 2}));
+  sendMessage(fds_[0]);
+  EXPECT_EQ(receive(11), (Bytes{0x0B, 0, 0, 0, 3, 0, 'a', 'b', 'c', 1, 2}));
 }
 
-TEST(ReplyBuffer, ReplyLargerThanTheBufferIsSentWhole) {
-  SocketPair pair;
+TEST_F(ReplyBuffer, ReplyLargerThanTheBufferIsSentWhole) {
   std::string item(1994, 'v');
-  createMessage(pair.daemon(), 2000);
+  createMessage(fds_[0], 2000);
   addMessageData(item.data(), static_cast<int>(item.size()));
-  sendMessage(pair.daemon());
-  std::vector<unsigned char> reply = pair.Receive(2000);
+  sendMessage(fds_[0]);
+  Bytes reply = receive(2000);
   EXPECT_EQ(reply[0] | (reply[1] << 8) | (reply[2] << 16), 2000);
   EXPECT_EQ(reply.back(), 'v');
 }
 
-TEST(ReplyBuffer, TooLongReplyAnswersStatusTwoAndRecovers) {
-  SocketPair pair;
-  createMessage(pair.daemon(), 0x1000000);
+TEST_F(ReplyBuffer, TooLongReplyAnswersStatusTwoAndRecovers) {
+  createMessage(fds_[0], 0x1000000);
   addMessageData("x", 1);
-  sendMessage(pair.daemon());
-  EXPECT_EQ(pair.Receive(4), (std::vector<unsigned char>{0x04, 0x00, 0x00, 0x02}));
-  createMessage(pair.daemon(), 7);
+  sendMessage(fds_[0]);
+  EXPECT_EQ(receive(4), (Bytes{0x04, 0x00, 0x00, 0x02}));
+  createMessage(fds_[0], 7);
   addMessageData("z", 1);
-  sendMessage(pair.daemon());
-  EXPECT_EQ(pair.Receive(7), (std::vector<unsigned char>{7, 0, 0, 0, 1, 0, 'z'}));
+  sendMessage(fds_[0]);
+  EXPECT_EQ(receive(7), (Bytes{7, 0, 0, 0, 1, 0, 'z'}));
 }
 
-TEST(ReplyBufferDeathTest, CreateWhileActiveAborts) {
-  SocketPair pair;
+TEST_F(ReplyBuffer, CreateWhileActiveAbortsAndWritingToAClosedPeerFailsWithoutSignal) {
   EXPECT_DEATH(
       {
-        createMessage(pair.daemon(), 8);
-        createMessage(pair.daemon(), 8);
+        createMessage(fds_[0], 8);
+        createMessage(fds_[0], 8);
       },
       "message_buffer_state == INACTIVE");
-}
-
-TEST(WriteAll, FailsOnClosedPeerWithoutSignal) {
-  SocketPair pair;
-  pair.CloseClient();
+  close(fds_[1]);
+  fds_[1] = -1;
   signal(SIGPIPE, SIG_IGN);
-  EXPECT_EQ(write_all(pair.daemon(), "abc", 3, 1), -1);
+  EXPECT_EQ(write_all(fds_[0], "abc", 3, 1), -1);
 }
 
 }  // namespace

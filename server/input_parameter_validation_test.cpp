@@ -6,21 +6,14 @@
 
 namespace {
 
-struct NameCase {
-  std::string text;
-  int template_ok;
-  int group_ok;
-};
-
-void PrintTo(const NameCase& c, std::ostream* os) {
-  *os << '"' << c.text.substr(0, 24) << '"';
-}
-
+using NameCase = std::tuple<std::string, int, int>;
 class NameCheckTest : public ::testing::TestWithParam<NameCase> {};
 
+// text, valid as a template name, valid as a group path
 TEST_P(NameCheckTest, AcceptsOnlyItsCharacters) {
-  EXPECT_EQ(validateTemplateName(GetParam().text), GetParam().template_ok);
-  EXPECT_EQ(validateGroupPath(GetParam().text), GetParam().group_ok);
+  auto [text, template_ok, group_ok] = GetParam();
+  EXPECT_EQ(validateTemplateName(text), template_ok);
+  EXPECT_EQ(validateGroupPath(text), group_ok);
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, NameCheckTest,
@@ -31,19 +24,11 @@ INSTANTIATE_TEST_SUITE_P(Names, NameCheckTest,
                                            NameCase{"a/b", 0, 0}, NameCase{"a b", 0, 0},
                                            NameCase{"\xC3\xA9t\xC3\xA9", 0, 0}));
 
-struct FileCase {
-  std::string path;
-  int ok;
-};
-
-void PrintTo(const FileCase& c, std::ostream* os) {
-  *os << '"' << c.path.substr(0, 40) << '"';
-}
-
+using FileCase = std::pair<std::string, int>;
 class ReadFilePathTest : public ::testing::TestWithParam<FileCase> {};
 
 TEST_P(ReadFilePathTest, AllowsOnlyConfFilesInTheThreeDirectories) {
-  EXPECT_EQ(validateReadGroupFilePath(GetParam().path), GetParam().ok) << GetParam().path;
+  EXPECT_EQ(validateReadGroupFilePath(GetParam().first), GetParam().second);
 }
 
 INSTANTIATE_TEST_SUITE_P(
