@@ -9,10 +9,12 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "init/init.h"
 #include "mapping/quibmapping.h"
@@ -57,8 +59,8 @@ Data* string_value(const char* text) {
 class SyncTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    parser_init();
-    mif_init();
+    static const bool kReady = parser_init() == 0 && mif_init() == 0;  // once per process
+    ASSERT_TRUE(kReady);
   }
 
   void SetUp() override {
@@ -115,8 +117,11 @@ TEST_F(SyncTest, FirstSyncLoadsEveryValueAndClampsIt) {
   EXPECT_EQ(value_of("root.Net.c"), "<none>");  // not in the file
   EXPECT_EQ(map_getParamByPath("root.Net.a")->status, PARAMSTATUS_LOADED);
   EXPECT_EQ(count_logged("a received a value out of range when defined."), 1);
-  EXPECT_EQ(inode_of(net_), before);  // only read
   EXPECT_EQ(read_file(net_), "a 15\nb hello\n");
+  client_sets("root.Net.b", "hello");  // equal bytes: nothing to write
+  EXPECT_EQ(map_getUpdatedParamList(), nullptr);
+  map_sync(10, 0);
+  EXPECT_EQ(inode_of(net_), before);  // only read
 }
 
 TEST_F(SyncTest, FullSyncWritesTwoChangesOnceAndRunsTheSetterOnce) {
@@ -156,50 +161,37 @@ TEST_F(SyncTest, AFailedWriteIsReportedAndWrittenByTheNextSync) {
   EXPECT_EQ(read_file(net_), "a xxxxxxxx\nb yyyyyyyy\n");
 }
 
-TEST_F(SyncTest, EqualBytesWriteNothing) {
-  load("a 1\n");
-  map_sync(0, 0);
-  ino_t before = inode_of(net_);
-  client_sets("root.Net.a", "1");
-  EXPECT_EQ(map_getUpdatedParamList(), nullptr);
-  map_sync(10, 0);
-  EXPECT_EQ(inode_of(net_), before);
-}
+class SyncModeTest
+    : public SyncTest,
+      public ::testing::WithParamInterface<std::tuple<int, const char*, const char*>> {};
 
-TEST_F(SyncTest, SignalOnlyRunsSettersAndKeepsTheChangePending) {
-  load("a 1\n");
-  map_sync(0, 0);
-  client_sets("root.Net.a", "2");
-  map_sync(1, 0);
-  EXPECT_EQ(setter_log(1), "2:\n");
-  EXPECT_EQ(read_file(net_), "a 1\n");
-  map_sync(11, 0);  // nothing new to signal
-  map_sync(0, 0);
-  EXPECT_EQ(read_file(net_), "a 2\n");
-  EXPECT_EQ(setter_log(2), "2:\n2:\n");
-}
-
-TEST_F(SyncTest, WriteOnlyWritesWithoutSetters) {
+// A change synchronised in a mode: the file afterwards and the setter's log. A signal-only run
+// keeps the change pending for the next full synchronisation; modes out of range are ignored.
+TEST_P(SyncModeTest, WritesAndSignalsAsTheModeSays) {
+  auto [mode, file, log] = GetParam();
   load("a 1\n");
   map_sync(2, 0);
   client_sets("root.Net.a", "2");
-  map_sync(12, 0);
-  EXPECT_EQ(read_file(net_), "a 2\n");
+  EXPECT_EQ(map_sync(mode, 0), 0);
+  EXPECT_EQ(read_file(net_), file);
+  EXPECT_EQ(map_getUpdatedParamList() != nullptr, std::string(file) == "a 1\n");
+  if (mode == 1) map_sync(11, 0);  // nothing new to signal
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(read_file(log_), "");
+  EXPECT_EQ(setter_log(std::count(log, log + strlen(log), '\n')), log);
+  int logged = count_logged("map_sync signalOnly=" + std::to_string(mode) + " out of range");
+  EXPECT_EQ(logged, mode < 0 || mode > 12 || (mode > 2 && mode < 9) ? 1 : 0);
+  map_sync(0, 0);
+  EXPECT_EQ(read_file(net_), "a 2\n");
 }
 
-TEST_F(SyncTest, RefusesModesOutOfRange) {
-  load("a 1\n");
-  map_sync(0, 0);
-  client_sets("root.Net.a", "2");
-  for (int mode : {3, 8, 13, -1}) EXPECT_EQ(map_sync(mode, 0), 0);
-  EXPECT_EQ(count_logged("map_sync signalOnly=3 out of range"), 1);
-  EXPECT_EQ(count_logged("map_sync signalOnly=-1 out of range"), 1);
-  map_sync(9, 0);
-  EXPECT_EQ(read_file(net_), "a 1\n");
-  EXPECT_NE(map_getUpdatedParamList(), nullptr);
-}
+// mode, file, setter log
+INSTANTIATE_TEST_SUITE_P(Modes, SyncModeTest,
+                         ::testing::Values(std::tuple{0, "a 2\n", "2:\n"},
+                                           std::tuple{1, "a 1\n", "2:\n"},
+                                           std::tuple{12, "a 2\n", ""}, std::tuple{9, "a 1\n", ""},
+                                           std::tuple{3, "a 1\n", ""}, std::tuple{8, "a 1\n", ""},
+                                           std::tuple{13, "a 1\n", ""},
+                                           std::tuple{-1, "a 1\n", ""}));
 
 TEST_F(SyncTest, FreesADeferredGroupAfterItsSettersRan) {
   load("a 1\n");

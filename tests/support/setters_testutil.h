@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "dbussend/dbussend.h"
 #include "mapping/quibmapping.h"
 #include "mapping/setters.h"
@@ -28,10 +29,8 @@ class AnnounceTest : public testing::Test {
     update_clearRunSetters();
     update_clearSignalledProcesses();
     clear_captured_log();
-    const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/tessard-set-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
+    dir_ = testing::TempDir() + "tessard-set-XXXXXX";
+    ASSERT_NE(mkdtemp(dir_.data()), nullptr);
   }
 
   void TearDown() override {
@@ -76,16 +75,13 @@ class AnnounceTest : public testing::Test {
 
   static std::string value_of(const Param* p) {
     if (p->value->type != DATA_SCALAR) return "<none>";
-    char* text = legacy_drep_getCustomString(p->value, nullptr);
-    std::string result = text;
-    free(text);
-    return result;
+    CString text(legacy_drep_getCustomString(p->value, nullptr));
+    return text.get();
   }
 
   std::string read_file(const std::string& name) const {
-    std::ifstream in(dir_ + "/" + name);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(dir_ + "/" + name).rdbuf();
     return text.str();
   }
 
