@@ -24,20 +24,39 @@ UniqueData scalar(const char* type, const char* text) {
   return data;
 }
 
-// An empty DATA_NONE, DATA_LIST or DATA_HASH.
-UniqueData empty(uint32_t type) {
+// A value written in a short notation: [a,b] a list, {k:a,l:b} a hash, type=text a custom
+// scalar, # an integer scalar, - an empty value; an empty text gives no value at all.
+UniqueData tree(const char** text) {
+  char c = **text;
+  if (c == '\0') return UniqueData();
   UniqueData data(legacy_drep_createData());
-  if (type == DATA_LIST) legacy_drep_initializeList(data.get());
-  if (type == DATA_HASH) legacy_drep_initializeHash(data.get());
+  if (c == '-' || c == '#') {
+    if (c == '#') legacy_drep_initializeScalar(data.get(), SCALAR_INT, nullptr);
+    ++*text;
+    return data;
+  }
+  if (c != '[' && c != '{') {
+    size_t type = strcspn(*text, "="), end = strcspn(*text, ",]}");
+    std::string type_name(*text, type), value(*text + type + 1, end - type - 1);
+    *text += end;
+    return scalar(type_name.c_str(), value.c_str());
+  }
+  if (c == '[') legacy_drep_initializeList(data.get());
+  if (c == '{') legacy_drep_initializeHash(data.get());
+  for (++*text; **text != ']' && **text != '}'; *text += **text == ',' ? 1 : 0) {
+    std::string key(*text, c == '{' ? strcspn(*text, ":") + 1 : 0);
+    *text += key.size();
+    Data* item = tree(text).release();
+    if (c == '[') legacy_drep_addToList(data.get(), item);
+    if (c == '{') legacy_drep_setHashValue(data.get(), item, key.substr(0, key.size() - 1).c_str());
+  }
+  ++*text;
   return data;
 }
 
-UniqueData with(UniqueData container, std::initializer_list<std::pair<const char*, Data*>> items) {
-  for (auto [key, value] : items) {
-    if (key == nullptr) legacy_drep_addToList(container.get(), value);
-    if (key != nullptr) legacy_drep_setHashValue(container.get(), value, key);
-  }
-  return container;
+UniqueData tree(const std::string& text) {
+  const char* at = text.c_str();
+  return tree(&at);
 }
 
 // The serialisation as a string, or "<none>" with length 0.
@@ -73,76 +92,47 @@ const std::string kEmptyList = "\x08\x00\x04\x00LIST"s;
 const std::string kEmptyHash = "\x08\x00\x04\x00HASH"s;
 const std::string kStringAbc = "\x0f\x00\x06\x00string\x03\x00"s + "abc";
 
-struct EncodeCase {
-  std::function<UniqueData()> build;
-  std::string bytes;  // "<none>": not serialisable
-};
-
-class ByteFormat : public testing::TestWithParam<EncodeCase> {};
+class ByteFormat : public testing::TestWithParam<std::pair<const char*, std::string>> {};
 
 // Encodes to the bytes and back: both parsers read the whole element and give the same bytes.
 TEST_P(ByteFormat, EncodesAndDecodesBack) {
-  EXPECT_EQ(bytes_of(GetParam().build().get()), GetParam().bytes);
-  if (GetParam().bytes == "<none>") return;
-  EXPECT_EQ(parse(GetParam().bytes, true), whole(GetParam().bytes));
-  EXPECT_EQ(parse(GetParam().bytes, false), whole(GetParam().bytes));
+  auto [value, bytes] = GetParam();
+  EXPECT_EQ(bytes_of(tree(value).get()), bytes);
+  if (bytes == "<none>") return;
+  EXPECT_EQ(parse(bytes, true), whole(bytes));
+  EXPECT_EQ(parse(bytes, false), whole(bytes));
 }
 
-UniqueData int_scalar() {
-  UniqueData number = empty(DATA_NONE);
-  legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr);
-  return number;
-}
-
+// A hash keeps insertion order; only custom scalars are serialised.
 INSTANTIATE_TEST_SUITE_P(
     Values, ByteFormat,
-    testing::Values(EncodeCase{[] { return empty(DATA_LIST); }, kEmptyList},
-                    EncodeCase{[] { return empty(DATA_HASH); }, kEmptyHash},
-                    EncodeCase{[] { return scalar("string", "abc"); }, kStringAbc},
-                    // A hash keeps insertion order.
-                    EncodeCase{[] {
-                                 return with(empty(DATA_HASH),
-                                             {{"b", scalar("yes_no", "yes").release()},
-                                              {"a", with(empty(DATA_LIST),
-                                                         {{nullptr, scalar("int", "-1").release()},
-                                                          {nullptr, empty(DATA_HASH).release()}})
-                                                        .release()}});
-                               },
-                               u16(56) + u16(4) + "HASH" + u16(1) + "b" + u16(15) + u16(6) +
-                                   "yes_no" + u16(3) + "yes" + u16(1) + "a" + u16(27) + u16(4) +
-                                   "LIST" + u16(11) + u16(3) + "int" + u16(2) + "-1" + kEmptyHash},
-                    // Only custom scalars are serialised.
-                    EncodeCase{[] {
-                                 return with(empty(DATA_LIST), {{nullptr, int_scalar().release()}});
-                               },
-                               "<none>"},
-                    EncodeCase{[] {
-                                 return with(empty(DATA_HASH), {{"k", legacy_drep_createData()}});
-                               },
-                               "<none>"},
-                    EncodeCase{[] { return empty(DATA_NONE); }, "<none>"},
-                    EncodeCase{[] { return UniqueData(); }, "<none>"}));
+    testing::Values(std::pair{"[]", kEmptyList}, std::pair{"{}", kEmptyHash},
+                    std::pair{"string=abc", kStringAbc},
+                    std::pair{"{b:yes_no=yes,a:[int=-1,{}]}",
+                              u16(56) + u16(4) + "HASH" + u16(1) + "b" + u16(15) + u16(6) +
+                                  "yes_no" + u16(3) + "yes" + u16(1) + "a" + u16(27) + u16(4) +
+                                  "LIST" + u16(11) + u16(3) + "int" + u16(2) + "-1" + kEmptyHash},
+                    std::pair{"[#]", "<none>"s}, std::pair{"{k:-}", "<none>"s},
+                    std::pair{"-", "<none>"s}, std::pair{"", "<none>"s}));
 
 TEST(ByteFormatLimits, ElementsUpTo65535Bytes) {
-  // container, hash key length, text length, whether it fits
-  const std::tuple<uint32_t, size_t, size_t, bool> cases[] = {
-      {DATA_NONE, 0, 65523, true},  {DATA_NONE, 0, 65524, false}, {DATA_LIST, 0, 65515, true},
-      {DATA_LIST, 0, 65516, false}, {DATA_HASH, 65513, 0, true},  {DATA_HASH, 65514, 0, false}};
-  for (auto [container, key_length, text_length, fits] : cases) {
+  // the value around a long text or key, the text's length, the key's, whether it fits
+  const std::tuple<const char*, size_t, size_t, bool> cases[] = {
+      {"%s", 65523, 0, true},           {"%s", 65524, 0, false},
+      {"[%s]", 65515, 0, true},         {"[%s]", 65516, 0, false},
+      {"{%s:string=}", 0, 65513, true}, {"{%s:string=}", 0, 65514, false}};
+  for (auto [form, text_length, key_length, fits] : cases) {
     tessard::test::clear_captured_log();
-    UniqueData value = scalar("string", std::string(text_length, 'v').c_str());
-    std::string key(key_length, 'k');
-    UniqueData top =
-        container == DATA_NONE
-            ? std::move(value)
-            : with(empty(container),
-                   {{container == DATA_HASH ? key.c_str() : nullptr, value.release()}});
-    std::string bytes = bytes_of(top.get());
-    EXPECT_TRUE(fits ? bytes.size() == 65535 : bytes == "<none>") << container << text_length;
+    std::string inner =
+        key_length > 0 ? std::string(key_length, 'k') : "string=" + std::string(text_length, 'v');
+    std::string value = form;
+    value.replace(value.find("%s"), 2, inner);
+    std::string bytes = bytes_of(tree(value).get());
+    EXPECT_TRUE(fits ? bytes.size() == 65535 : bytes == "<none>") << form << text_length;
     EXPECT_EQ(parse(bytes, true), fits ? whole(bytes) : parse("", true));
     // Only a scalar's own lengths are reported; containers fail without a message.
     EXPECT_EQ(tessard::test::count_logged("Length too long in help_scalarToByteString."),
-              !fits && container == DATA_NONE ? 1 : 0);
+              !fits && form[0] == '%' ? 1 : 0);
   }
 }
 
@@ -193,7 +183,7 @@ UniqueData random_tree(std::mt19937& rng, int depth) {
                                             {"ipaddr", "192.168.0.1"}};
   int pick = static_cast<int>(rng() % (depth > 0 ? 10 : 8));
   if (pick < 8) return scalar(kScalars[pick][0], kScalars[pick][1]);
-  UniqueData data = empty(pick == 8 ? DATA_LIST : DATA_HASH);
+  UniqueData data = tree(pick == 8 ? "[]" : "{}");
   for (int i = static_cast<int>(rng() % 5); i > 0; --i) {
     Data* child = random_tree(rng, depth - 1).release();
     if (pick == 8) legacy_drep_addToList(data.get(), child);
@@ -260,35 +250,18 @@ std::string keys_of(const Data* hash) {
   return keys;
 }
 
-// { b: [ ip 1.2.3.4, {} ], a: string "x y" }
-UniqueData sample_tree() {
-  return with(empty(DATA_HASH),
-              {{"b", with(empty(DATA_LIST), {{nullptr, scalar("ip", "1.2.3.4").release()},
-                                             {nullptr, empty(DATA_HASH).release()}})
-                         .release()},
-               {"a", scalar("string", "x y").release()}});
-}
+constexpr char kSampleTree[] = "{b:[ip=1.2.3.4,{}],a:string=x y}";
 
-TEST(DataTree, DumpIndentsNestedValues) {
-  UniqueData tree = sample_tree();
-  UniqueData number = int_scalar();
-  legacy_drep_setInt(number.get(), -5);
-  legacy_drep_addToList(legacy_drep_getHashValue(tree.get(), "b"), number.release());
-  EXPECT_EQ(dump(tree.get()),
-            "DATA_HASH:\n  key: 'b'\n    DATA_LIST:\n      DATA_SCALAR->SCALAR_CUSTOM: 1.2.3.4\n"
-            "      DATA_HASH:\n      DATA_SCALAR->SCALAR_INT: -5\n\n  key: 'a'\n"
-            "    DATA_SCALAR->SCALAR_CUSTOM: x y\n\n");
-  EXPECT_EQ(dump(empty(DATA_NONE).get()), "DATA_NONE\n");
-  EXPECT_EQ(dump(nullptr), "");
-}
-
-TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlag) {
-  UniqueData tree = sample_tree();
+TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlagAndDumpShowsIt) {
+  UniqueData sample = tree(kSampleTree);
   const char quote = '"';
-  Data* a = legacy_drep_getHashValue(tree.get(), "a");
+  Data* a = legacy_drep_getHashValue(sample.get(), "a");
   legacy_drep_setCustomFromString(a, "z", &quote);
-  UniqueData copy(legacy_drep_copyData(tree.get()));
-  EXPECT_EQ(dump(copy.get()), dump(tree.get()));
+  UniqueData copy(legacy_drep_copyData(sample.get()));
+  EXPECT_EQ(dump(copy.get()),
+            "DATA_HASH:\n  key: 'b'\n    DATA_LIST:\n      DATA_SCALAR->SCALAR_CUSTOM: 1.2.3.4\n"
+            "      DATA_HASH:\n\n  key: 'a'\n    DATA_SCALAR->SCALAR_CUSTOM: z\n\n");
+  EXPECT_EQ(dump(tree("-").get()) + dump(nullptr), "DATA_NONE\n");
   EXPECT_EQ(keys_of(copy.get()), "ba");
   Data* copied = legacy_drep_getHashValue(copy.get(), "a");
   EXPECT_NE(copied, a);
@@ -296,14 +269,14 @@ TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlag) {
   free(legacy_drep_getCustomString(copied, &flag));
   EXPECT_EQ(flag, '"');
   // A never-set "ipaddr" has no text form; copying it must not end the process.
-  UniqueData ipaddr = empty(DATA_NONE);
+  UniqueData ipaddr = tree("-");
   legacy_drep_initializeScalar(ipaddr.get(), SCALAR_CUSTOM, "ipaddr");
   UniqueData ipaddr_copy(legacy_drep_copyData(ipaddr.get()));
   EXPECT_EQ(memcmp(ipaddr_copy->custom->buffer, ipaddr->custom->buffer, SCALAR_IPADDR_SIZE), 0);
 }
 
 TEST(DataTree, ListTailAndWalkSurviveDeletion) {
-  UniqueData list = empty(DATA_LIST);
+  UniqueData list = tree("[]");
   Data* items[3];
   for (Data*& item : items) legacy_drep_addToList(list.get(), item = scalar("int", "1").release());
   EXPECT_EQ(legacy_drep_getNextToInList(list.get(), items[0]), items[1]);
@@ -321,10 +294,7 @@ TEST(DataTree, ListTailAndWalkSurviveDeletion) {
 }
 
 TEST(DataTree, HashReplacesInPlaceAndDeletesFirstMatch) {
-  UniqueData hash = empty(DATA_HASH);
-  for (const char* key : {"c", "a", "b"}) {
-    legacy_drep_setHashValue(hash.get(), scalar("string", key).release(), key);
-  }
+  UniqueData hash = tree("{c:string=c,a:string=a,b:string=b}");
   Data* replacement = scalar("string", "new").release();
   EXPECT_EQ(legacy_drep_setHashValue(hash.get(), replacement, "a"), replacement);
   EXPECT_EQ(legacy_drep_getHashValue(hash.get(), "a"), replacement);
@@ -333,20 +303,20 @@ TEST(DataTree, HashReplacesInPlaceAndDeletesFirstMatch) {
   legacy_drep_setHashValue(hash.get(), scalar("string", "d").release(), "d");
   EXPECT_EQ(keys_of(hash.get()), "cad");
   EXPECT_EQ(legacy_drep_getHashValue(hash.get(), nullptr), nullptr);
-  UniqueData list = empty(DATA_LIST);
+  UniqueData list = tree("[]");
   EXPECT_EQ(legacy_drep_setHashValue(list.get(), hash.get(), "x"), nullptr);
   EXPECT_EQ(legacy_drep_deleteHashValue(list.get(), "x"), -1);
 }
 
 TEST(DataTree, ScalarKindsRefuseTheWrongOperations) {
-  UniqueData number = int_scalar();
+  UniqueData number = tree("#");
   EXPECT_STREQ(legacy_drep_getTypeName(number.get()), "INT");
   EXPECT_EQ(legacy_drep_initializeScalar(number.get(), SCALAR_INT, nullptr), -1);
   EXPECT_EQ(legacy_drep_initializeHash(number.get()), -1);
   EXPECT_EQ(legacy_drep_setString(number.get(), "x"), -1);
   EXPECT_EQ(legacy_drep_setInt(number.get(), 7), 0);
   EXPECT_EQ(legacy_drep_getInt(number.get()), 7);
-  UniqueData text = empty(DATA_NONE);
+  UniqueData text = tree("-");
   legacy_drep_initializeScalar(text.get(), SCALAR_STRING, nullptr);
   EXPECT_EQ(legacy_drep_getString(text.get()), nullptr);
   EXPECT_EQ(legacy_drep_setString(text.get(), "hello"), 0);
@@ -354,7 +324,7 @@ TEST(DataTree, ScalarKindsRefuseTheWrongOperations) {
   EXPECT_STREQ(legacy_drep_getString(text.get()), "a longer text");
   EXPECT_EQ(legacy_drep_getInt(text.get()), 0);
   EXPECT_EQ(bytes_of(text.get()), "<none>");
-  UniqueData unknown = empty(DATA_NONE);
+  UniqueData unknown = tree("-");
   EXPECT_EQ(legacy_drep_initializeScalar(unknown.get(), SCALAR_CUSTOM, "IP"), -1);
   EXPECT_EQ(unknown->type, DATA_NONE);
   UniqueData on_off = scalar("cenum_on_off", "on");
@@ -370,9 +340,9 @@ TEST(DataTree, ScalarKindsRefuseTheWrongOperations) {
 
 // Each misuse ends the process with status 1 after logging its message and the closing line.
 TEST(DataDeathTest, TypeMisuseEndsTheProcess) {
-  UniqueData hash = empty(DATA_HASH);
-  UniqueData number = int_scalar();
-  UniqueData ipaddr = empty(DATA_NONE);
+  UniqueData hash = tree("{}");
+  UniqueData number = tree("#");
+  UniqueData ipaddr = tree("-");
   legacy_drep_initializeScalar(ipaddr.get(), SCALAR_CUSTOM, "ipaddr");
   const std::pair<std::function<void()>, std::string> misuses[] = {
       {[&] { legacy_drep_initializeList(hash.get()); },
@@ -389,7 +359,7 @@ TEST(DataDeathTest, TypeMisuseEndsTheProcess) {
        "Scalar was not a custom!"},
       {[&] { legacy_drep_copyData(number.get()); },
        "Only SCALAR_CUSTOM supported in help_copyScalar!"},
-      {[&] { legacy_drep_initializeScalar(empty(DATA_NONE).get(), 9, nullptr); },
+      {[&] { legacy_drep_initializeScalar(tree("-").get(), 9, nullptr); },
        "Strange kind of scalar!"},
       {[&] { free(legacy_drep_getCustomString(ipaddr.get(), nullptr)); },
        "Failed to get string from custom\\."}};
