@@ -1,21 +1,76 @@
-// The file side of dynamic groups: names, templates, and the rewriting of group and parameter
-// files, without the parameter database.
+// Dynamic groups: the file side (names, templates, the rewriting of group and parameter files)
+// and creating, deleting and synchronising groups with the parameter database.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "dynamic/dynamic.h"
 #include "dynamic/dynamic_internal.h"
-#include "tests/support/dynamic_testing.h"
+#include "init/init.h"
+#include "mapping/quibmapping.h"
+#include "parsers/mappinginterface.h"
+#include "parsers/parserframework.h"
 
 namespace {
+
+void write_text(const std::string& path, const std::string& text) {
+  std::ofstream out(path);
+  out << text;
+  ASSERT_TRUE(out.good()) << path;
+}
+
+std::string read_text(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return lstat(path.c_str(), &st) == 0;
+}
+
+// Template, data and scratch directories in a fresh temporary directory, named so that a pending
+// file's path is shorter than its final file's, as with the daemon's /tmp and /etc/dynamic. File
+// names are lowered and their dots replaced, so the directory path must be lower case without
+// dots; a test fails at once when $TMPDIR does not allow that.
+class DynamicDirsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    static int counter = 0;
+    root_ = testing::TempDir() + "dyntest_" + std::to_string(getpid()) + "_" +
+            std::to_string(counter++);
+    for (char c : root_) {
+      ASSERT_FALSE(isupper(static_cast<unsigned char>(c)) || c == '.')
+          << "temporary directory " << root_ << " must be lower case without dots";
+    }
+    for (const char* sub : {"", "/tmpl", "/tmplfb", "/etcdynamic", "/etcdynamic/param", "/tmp"}) {
+      ASSERT_EQ(mkdir((root_ + sub).c_str(), 0755), 0) << root_ + sub << ": " << strerror(errno);
+    }
+    ASSERT_EQ(dyn_init(dir("tmpl").c_str(), dir("tmplfb").c_str(), dir("etcdynamic/param").c_str(),
+                       dir("etcdynamic").c_str()),
+              0);
+    dyn_setScratchDir(dir("tmp").c_str());
+  }
+  void TearDown() override {
+    while (TmpListEntry* entry = dyn_tmplistHead()) remove_tmplist(entry);
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+  }
+
+  std::string dir(const std::string& sub) const { return root_ + "/" + sub; }
+
+  std::string root_;
+};
 
 // Runs a stream function over TEXT and returns what it wrote.
 template <typename Rewrite>
@@ -33,11 +88,9 @@ std::string rewrite(const std::string& text, Rewrite fn, int* rc) {
   return result;
 }
 
-class DynamicFilesTest : public DynamicDirsTest {};
-
 // The line from the template, what a group template (file name given) writes, and what a
 // parameter template writes when it differs.
-TEST_F(DynamicFilesTest, MergeTextSubstitutesOnePlaceholderPerLine) {
+TEST_F(DynamicDirsTest, MergeTextSubstitutesOnePlaceholderPerLine) {
   const std::tuple<const char*, std::string, std::string> cases[] = {
       {"group REPLACE_GROUP {\n", "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n", ""},
       {"x REPLACE_NBR REPLACE\n", "x 10 REPLACE\n", ""},
@@ -62,7 +115,7 @@ TEST_F(DynamicFilesTest, MergeTextSubstitutesOnePlaceholderPerLine) {
   }
 }
 
-TEST_F(DynamicFilesTest, ReplaceTextAlwaysHoldsTheWholeResult) {
+TEST_F(DynamicDirsTest, ReplaceTextAlwaysHoldsTheWholeResult) {
   size_t capacity = 8;
   char* line = static_cast<char*>(malloc(capacity));
   strcpy(line, "a_X_b");
@@ -73,7 +126,7 @@ TEST_F(DynamicFilesTest, ReplaceTextAlwaysHoldsTheWholeResult) {
   free(line);
 }
 
-TEST_F(DynamicFilesTest, GetOptionFromTemplate) {
+TEST_F(DynamicDirsTest, GetOptionFromTemplate) {
   write_text(dir("tmplfb") + "/Eth_grp.conf",
              "maxGroups = \"4\n"
              "x = 1\n"
@@ -92,14 +145,14 @@ TEST_F(DynamicFilesTest, GetOptionFromTemplate) {
   free(value);
 }
 
-TEST_F(DynamicFilesTest, FileNamesAreNormalised) {
+TEST_F(DynamicDirsTest, FileNamesAreNormalised) {
   EXPECT_EQ(data_file_name("Net", false), dir("etcdynamic/param") + "/net.conf");
   EXPECT_EQ(data_file_name("Foo.Bar", true), dir("etcdynamic") + "/foo_bar.conf");
   EXPECT_EQ(data_file_name("Net.CONF", true), dir("etcdynamic") + "/net.conf.conf");
   EXPECT_EQ(pending_file_name("Foo.Bar", kTempPar), dir("tmp") + "/foo_bar_temp_par");
 }
 
-TEST_F(DynamicFilesTest, ParsePathSkipsRootAndSplitsAtDots) {
+TEST_F(DynamicDirsTest, ParsePathSkipsRootAndSplitsAtDots) {
   const std::pair<std::string, std::vector<std::string>> cases[] = {
       {"root.Foo.Bar", {"Foo", "Bar"}}, {"root", {}}, {"Net.I0", {"I0"}}, {"root..A", {"", "A"}}};
   for (auto [path, components] : cases) {
@@ -135,7 +188,7 @@ std::vector<char*> names_of(std::string* path) {
   return names;
 }
 
-TEST_F(DynamicFilesTest, NewGroupBlockGoesToItsSortedPlace) {
+TEST_F(DynamicDirsTest, NewGroupBlockGoesToItsSortedPlace) {
   write_text(dir("tmpl") + "/Eth_grp.conf", "NEW REPLACE_GROUP\n");
   std::string head = "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\ngroup Interface {\n";
   std::string i0 = "group I0 {\n#DO NOT REMOVE THIS LINE: Interface.I0 Eth\nparam a {\n}\n}\n";
@@ -171,7 +224,7 @@ TEST_F(DynamicFilesTest, NewGroupBlockGoesToItsSortedPlace) {
   }
 }
 
-TEST_F(DynamicFilesTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
+TEST_F(DynamicDirsTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
   std::string file = std::string(kInterfaceFile) + "group Interface2 {\n}\n";
   // I1 of another parent is not the group to delete.
   for (std::string path : {"Interface.I0", "Interface.I1"}) {
@@ -186,5 +239,153 @@ TEST_F(DynamicFilesTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
                          "group Interface {\ngroup I2 {\n}\n}\ngroup Interface2 {\n}\n");
   }
 }
+
+constexpr const char* kGroupTemplate =
+    "group REPLACE_GROUP {\n"
+    "file = \"REPLACE_FILE\"\n"
+    "parser = \"Standardparser\"\n"
+    "param Name {\n"
+    "mount = \"Standard{REPLACE}{Name}\"\n"
+    "type = \"string\"\n"
+    "}\n"
+    "}\n";
+constexpr const char* kParamTemplate = "[REPLACE]\nName default\n";
+
+class DynamicGroupsTest : public DynamicDirsTest {
+ protected:
+  void SetUp() override {
+    DynamicDirsTest::SetUp();
+    init_installMapHooks();
+    static const bool kParsersReady = parser_init() == 0;
+    ASSERT_TRUE(kParsersReady);
+    ASSERT_EQ(mif_init(), 0);
+    ASSERT_EQ(map_init("/dev/null"), 0);
+    write_text(dir("tmplfb") + "/Eth_grp.conf", kGroupTemplate);
+    write_text(dir("tmpl") + "/Eth_par.conf", kParamTemplate);
+  }
+  void TearDown() override {
+    upgradeMode = 0;
+    DynamicDirsTest::TearDown();
+  }
+
+  // Creates a group under root.Net.Interface and returns its name ("" on failure).
+  std::string create(int number, int* status = nullptr, const char* tmpl = "Eth") {
+    char* name = create_new_group("root.Net.Interface", number, tmpl, status, 10);
+    std::string result = name != nullptr ? name : "";
+    free(name);
+    return result;
+  }
+
+  std::vector<std::string> children(const char* path) {
+    std::vector<std::string> names;
+    for (Group* g = map_getGroupByPath(path)->children; g != nullptr; g = g->next) {
+      names.push_back(g->name);
+    }
+    return names;
+  }
+
+  std::string group_file() const { return dir("etcdynamic/param/net_interface.conf"); }
+  std::string param_file() const { return dir("etcdynamic/net_interface.conf"); }
+  std::string pending_group() const { return dir("tmp/net_interface_temp_grp"); }
+};
+
+// Where the header lines of the group blocks stand in a group file.
+std::vector<std::string> headers(const std::string& text) {
+  std::vector<std::string> found;
+  size_t at = 0;
+  while ((at = text.find("group ", at)) != std::string::npos) {
+    size_t end = text.find(' ', at + 6);
+    found.push_back(text.substr(at + 6, end - at - 6));
+    at = end;
+  }
+  return found;
+}
+
+TEST_F(DynamicGroupsTest, AutomaticNumberingFillsTheGapBeforeTheHigherSibling) {
+  EXPECT_EQ(create(-1), "I0");
+  EXPECT_EQ(create(2), "I2");
+  ASSERT_EQ(dyn_sync(0), 0);
+  EXPECT_EQ(create(-1), "I1");
+  ASSERT_EQ(dyn_sync(0), 0);
+  EXPECT_EQ(headers(read_text(group_file())),
+            (std::vector<std::string>{"Net", "Interface", "I0", "I1", "I2"}));
+  EXPECT_EQ(children("root.Net.Interface"), (std::vector<std::string>{"I0", "I1", "I2"}));
+  EXPECT_EQ(create(12), "I12");
+  EXPECT_EQ(create(-1), "I3");
+  EXPECT_EQ(children("root.Net.Interface"),
+            (std::vector<std::string>{"I0", "I1", "I2", "I3", "I12"}))
+      << "siblings are kept in numeric order, not by name";
+  EXPECT_EQ(map_getGroupByPath("root.Net")->daemonPending, 1);
+}
+
+TEST_F(DynamicGroupsTest, SignalOnlySyncLeavesTheFilesPending) {
+  ASSERT_EQ(create(-1), "I0");
+  std::string pendingGroup = read_text(pending_group());
+  ASSERT_EQ(dyn_sync(1), 0);
+  EXPECT_EQ(read_text(group_file()), "#Created by tessard\n");
+  EXPECT_NE(dyn_tmplistHead(), nullptr);
+  ASSERT_EQ(dyn_sync(0), 0);
+  EXPECT_EQ(read_text(group_file()), pendingGroup);
+  EXPECT_FALSE(exists(pending_group()));
+  EXPECT_EQ(dyn_tmplistHead(), nullptr);
+}
+
+TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
+  ASSERT_EQ(create(-1), "I0");
+  Param* param = map_getParamByPath("root.Net.Interface.I0.Name");
+  ASSERT_NE(param, nullptr);
+  EXPECT_EQ(map_getParamStatus(param), PARAMSTATUS_LOADED);
+  Option* file = map_getParamOption(param, "file");
+  ASSERT_NE(file, nullptr);
+  EXPECT_STREQ(file->value, param_file().c_str()) << "the final file is named again";
+  Option* type = map_getParamOption(param, "type");
+  ASSERT_NE(type, nullptr);
+  EXPECT_STREQ(type->value, "dynamic:string");
+}
+
+// Scratch files sit in a directory every user may write to: a planted link is not followed and
+// a planted file is not reused, so the pending file is the daemon's own, private and clean.
+TEST_F(DynamicGroupsTest, ScratchFilesAreMadeFreshAndPrivate) {
+  write_text(dir("victim"), "keep\n");
+  ASSERT_EQ(symlink(dir("victim").c_str(), dir("tmp/temp_grp").c_str()), 0);
+  write_text(dir("tmp/temp_par"), "[planted]\n");
+  ASSERT_EQ(chmod(dir("tmp/temp_par").c_str(), 0666), 0);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(dir("tmp/temp_par").c_str(), 1234, 1234), 0);
+  }
+  ASSERT_EQ(create(-1), "I0");
+  EXPECT_EQ(read_text(dir("victim")), "keep\n");
+  struct stat st {};
+  ASSERT_EQ(lstat(dir("tmp/net_interface_temp_par").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(st.st_uid, geteuid());
+  EXPECT_EQ(read_text(dir("tmp/net_interface_temp_par")).find("planted"), std::string::npos);
+}
+
+// A parent path whose names the configuration grammar cannot read back (it would be written into
+// the group file) is refused like a missing template, and the daemon goes on.
+class FailedCreationTest
+    : public DynamicGroupsTest,
+      public ::testing::WithParamInterface<std::pair<const char*, const char*>> {};
+
+TEST_P(FailedCreationTest, LeavesNoGroupNoScratchAndNoPendingFiles) {
+  auto [parent, tmpl] = GetParam();
+  int status = 0;
+  EXPECT_EQ(create_new_group(parent, -1, tmpl, &status, 10), nullptr);
+  EXPECT_NE(status, -1);
+  EXPECT_EQ(map_getGroupByPath("root.Net.Interface.I0"), nullptr);
+  EXPECT_FALSE(exists(dir("tmp/temp_par")));
+  EXPECT_FALSE(exists(dir("tmp/temp_grp")));
+  EXPECT_EQ(dyn_tmplistHead(), nullptr);
+  EXPECT_EQ(create(-1), "I0") << "the number is free again";
+}
+
+INSTANTIATE_TEST_SUITE_P(Parents, FailedCreationTest,
+                         ::testing::Values(std::pair{"root.Net.Interface", "Missing"},
+                                           std::pair{"root.Net.0x", "Eth"},
+                                           std::pair{"root.4et.Interface", "Eth"},
+                                           std::pair{"root.Ne-.Interface", "Eth"},
+                                           std::pair{"root.Net.Inter face", "Eth"}));
 
 }  // namespace

@@ -261,7 +261,7 @@ TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlagAndDumpShowsIt) {
   EXPECT_EQ(dump(copy.get()),
             "DATA_HASH:\n  key: 'b'\n    DATA_LIST:\n      DATA_SCALAR->SCALAR_CUSTOM: 1.2.3.4\n"
             "      DATA_HASH:\n\n  key: 'a'\n    DATA_SCALAR->SCALAR_CUSTOM: z\n\n");
-  EXPECT_EQ(dump(tree("-").get()) + dump(nullptr), "DATA_NONE\n");
+  EXPECT_EQ(dump(tree("[-]").get()) + dump(nullptr), "DATA_LIST:\n  DATA_NONE\n");
   EXPECT_EQ(keys_of(copy.get()), "ba");
   Data* copied = legacy_drep_getHashValue(copy.get(), "a");
   EXPECT_NE(copied, a);

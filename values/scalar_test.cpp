@@ -91,6 +91,8 @@ TEST(ScalarTypes, LookUpIsExactAndIpaddrKeepsTheInterfaceIndex) {
   EXPECT_EQ(head[0], 10);
   EXPECT_EQ(head[1], static_cast<int32_t>(if_nametoindex("lo")));
   EXPECT_EQ(scalar->buffer[8] + scalar->buffer[23], 0xfe + 0x01);
+  scalar_setFromBytes(scalar.get(), nullptr, 0, &result);
+  EXPECT_EQ(result, -1);
   scalar_setFromString(scalar.get(), "::2", &result);
   memcpy(head, scalar->buffer, sizeof head);
   EXPECT_EQ(head[1], -1);
