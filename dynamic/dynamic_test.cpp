@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -19,19 +18,16 @@
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "tests/support/textfile.h"
 
 namespace {
+
+using tessard::test::read_text;
 
 void write_text(const std::string& path, const std::string& text) {
   std::ofstream out(path);
   out << text;
   ASSERT_TRUE(out.good()) << path;
-}
-
-std::string read_text(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
 }
 
 bool exists(const std::string& path) {

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -22,17 +21,13 @@
 #include "parsers/parserframework.h"
 #include "parsers/quibconfigparser.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/textfile.h"
 #include "values/legacydatarep.h"
 
 namespace {
 
 using tessard::test::count_logged;
-
-std::string read_file(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
+using tessard::test::read_text;
 
 ino_t inode_of(const std::string& path) {
   struct stat status {};
@@ -96,11 +91,11 @@ class SyncTest : public ::testing::Test {
   // Setter commands run detached: wait until the log holds `lines` lines.
   std::string setter_log(int lines) {
     for (int i = 0; i < 200; i++) {
-      std::string text = read_file(log_);
+      std::string text = read_text(log_);
       if (std::count(text.begin(), text.end(), '\n') >= lines) return text;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return read_file(log_);
+    return read_text(log_);
   }
 
   std::string dir_;
@@ -117,7 +112,7 @@ TEST_F(SyncTest, FirstSyncLoadsEveryValueAndClampsIt) {
   EXPECT_EQ(value_of("root.Net.c"), "<none>");  // not in the file
   EXPECT_EQ(map_getParamByPath("root.Net.a")->status, PARAMSTATUS_LOADED);
   EXPECT_EQ(count_logged("a received a value out of range when defined."), 1);
-  EXPECT_EQ(read_file(net_), "a 15\nb hello\n");
+  EXPECT_EQ(read_text(net_), "a 15\nb hello\n");
   client_sets("root.Net.b", "hello");  // equal bytes: nothing to write
   EXPECT_EQ(map_getUpdatedParamList(), nullptr);
   map_sync(10, 0);
@@ -130,11 +125,11 @@ TEST_F(SyncTest, FullSyncWritesTwoChangesOnceAndRunsTheSetterOnce) {
   client_sets("root.Net.a", "x");
   client_sets("root.Net.a", "y");
   client_sets("root.Net.b", "z");
-  EXPECT_EQ(read_file(net_), "# net\na 1\nb 2\n");  // nothing before the synchronisation
+  EXPECT_EQ(read_text(net_), "# net\na 1\nb 2\n");  // nothing before the synchronisation
   ASSERT_NE(map_getUpdatedParamList(), nullptr);
   EXPECT_EQ(map_getUpdatedParamList()->next->next, nullptr);
   EXPECT_EQ(map_sync(0, 0), 0);
-  EXPECT_EQ(read_file(net_), "# net\na y\nb z\n");
+  EXPECT_EQ(read_text(net_), "# net\na y\nb z\n");
   EXPECT_EQ(map_getParamByPath("root.Net.a")->status, PARAMSTATUS_LOADED);
   EXPECT_EQ(map_getUpdatedParamList(), nullptr);
   EXPECT_EQ(setter_log(1), "y:z\n");  // one command text, all changed params in the environment
@@ -155,10 +150,10 @@ TEST_F(SyncTest, AFailedWriteIsReportedAndWrittenByTheNextSync) {
   int failed = map_sync(10, 0);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &saved), 0);
   EXPECT_NE(failed, 0);
-  EXPECT_EQ(read_file(net_), "a 1\nb 2\n");
+  EXPECT_EQ(read_text(net_), "a 1\nb 2\n");
   EXPECT_EQ(value_of("root.Net.a"), "xxxxxxxx");
   EXPECT_EQ(map_sync(0, 0), 0);
-  EXPECT_EQ(read_file(net_), "a xxxxxxxx\nb yyyyyyyy\n");
+  EXPECT_EQ(read_text(net_), "a xxxxxxxx\nb yyyyyyyy\n");
 }
 
 class SyncModeTest
@@ -173,7 +168,7 @@ TEST_P(SyncModeTest, WritesAndSignalsAsTheModeSays) {
   map_sync(2, 0);
   client_sets("root.Net.a", "2");
   EXPECT_EQ(map_sync(mode, 0), 0);
-  EXPECT_EQ(read_file(net_), file);
+  EXPECT_EQ(read_text(net_), file);
   EXPECT_EQ(map_getUpdatedParamList() != nullptr, std::string(file) == "a 1\n");
   if (mode == 1) map_sync(11, 0);  // nothing new to signal
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -181,7 +176,7 @@ TEST_P(SyncModeTest, WritesAndSignalsAsTheModeSays) {
   int logged = count_logged("map_sync signalOnly=" + std::to_string(mode) + " out of range");
   EXPECT_EQ(logged, mode < 0 || mode > 12 || (mode > 2 && mode < 9) ? 1 : 0);
   map_sync(0, 0);
-  EXPECT_EQ(read_file(net_), "a 2\n");
+  EXPECT_EQ(read_text(net_), "a 2\n");
 }
 
 // mode, file, setter log
@@ -203,7 +198,7 @@ TEST_F(SyncTest, FreesADeferredGroupAfterItsSettersRan) {
   map_sync(0, 0);
   EXPECT_EQ(map_getUpdatedGroupList(), nullptr);
   EXPECT_EQ(setter_log(1), "2:\n");     // run for the removed group, before it was freed
-  EXPECT_EQ(read_file(net_), "a 1\n");  // a removed group's file is not written
+  EXPECT_EQ(read_text(net_), "a 1\n");  // a removed group's file is not written
 }
 
 TEST_F(SyncTest, RedeclaringAGroupReadsItBackAndDropsVanishedParams) {

@@ -12,18 +12,14 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "base/handles.h"
+#include "tests/support/textfile.h"
 
 namespace {
 
-std::string read_text(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
+using tessard::test::read_text;
 
 // "uid:gid:mode" of the file itself (not of a link's target), or "none".
 std::string owner(const std::string& path) {

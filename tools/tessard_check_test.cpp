@@ -8,9 +8,10 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
+
+#include "tests/support/textfile.h"
 
 namespace {
 
@@ -42,12 +43,7 @@ class CheckTest : public ::testing::Test {
     }
   }
 
-  std::string Read(const std::string& path) const {
-    std::ifstream in(root_ + path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
+  std::string Read(const std::string& path) const { return tessard::test::read_text(root_ + path); }
 
   // Replaces the first `find` in the copy's file by `replace`.
   void Plant(const std::string& path, const std::string& find, const std::string& replace) {

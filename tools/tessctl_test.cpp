@@ -5,11 +5,11 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "tests/support/clienttestutil.h"
+#include "tests/support/textfile.h"
 
 namespace {
 
@@ -34,18 +34,13 @@ class TessctlTest : public ::testing::Test {
     for (const char* name : {"/socket", "/out", "/err"}) unlink((dir_ + name).c_str());
     rmdir(dir_.c_str());
   }
-  static std::string slurp(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-  }
   Outcome tessctl(const std::vector<std::string>& args) {
     std::string command = TESSCTL_PATH " --socket '" + socket_ + "'";
     for (const std::string& arg : args) command += " '" + arg + "'";
     command += " >" + dir_ + "/out 2>" + dir_ + "/err";
     int status = system(command.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(dir_ + "/out"),
-            slurp(dir_ + "/err")};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, tessard::test::read_text(dir_ + "/out"),
+            tessard::test::read_text(dir_ + "/err")};
   }
   // Runs tessctl against a fake daemon giving `replies`; returns what tessctl sent.
   std::vector<std::string> against(std::vector<std::string> replies,

@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,6 +16,7 @@
 #include "mapping/setters.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/testbus.h"
+#include "tests/support/textfile.h"
 #include "values/legacydatarep.h"
 
 namespace tessard::test {
@@ -79,11 +79,7 @@ class AnnounceTest : public testing::Test {
     return text.get();
   }
 
-  std::string read_file(const std::string& name) const {
-    std::stringstream text;
-    text << std::ifstream(dir_ + "/" + name).rdbuf();
-    return text.str();
-  }
+  std::string read_file(const std::string& name) const { return read_text(dir_ + "/" + name); }
 
   std::string dir_;
   testbus::PrivateBus bus_;
