@@ -1,0 +1,677 @@
+// The backing-file formats, each run over text exactly as over a file's content: one table of
+// formats (a sample file, what it reads, how one changed value rewrites it), then the odd cases
+// of single formats and rounds of random input.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "parsers/camsettingsparser.h"
+#include "parsers/ispparser.h"
+#include "parsers/nwparser.h"
+#include "parsers/resolvparser.h"
+#include "parsers/shellparser.h"
+#include "parsers/singlevalueparser.h"
+#include "parsers/standard2parser.h"
+#include "parsers/standardparser.h"
+#include "tests/support/parsertest_support.h"
+
+namespace {
+
+using tessard::test::client_sets;
+using tessard::test::count_logged;
+using tessard::test::read_text;
+using tessard::test::value_text;
+using tessard::test::write_file;
+
+std::vector<std::string> split(std::string_view text, char separator) {
+  std::vector<std::string> parts(1);
+  for (char c : text) {
+    if (c == separator) {
+      parts.emplace_back();
+    } else {
+      parts.back() += c;
+    }
+  }
+  return parts;
+}
+
+// Names each instance of a parametrised test after its row.
+constexpr auto kByName = [](const auto& info) { return std::string(info.param.name); };
+
+using Rows = std::vector<std::vector<std::string>>;
+
+Rows rows(std::string_view table) {
+  Rows result;
+  for (const std::string& row : split(table, ';')) result.push_back(split(row, '|'));
+  if (table.empty()) result.clear();
+  return result;
+}
+
+class Formats : public tessard::test::ParserTest {
+ protected:
+  // A parameter of the test's group bound at `mount`, to no file.
+  Param* bound(const char* mount) {
+    return param(("p" + std::to_string(++params_)).c_str(), "", mount, nullptr);
+  }
+  // Runs `parse` over `text` held in a heap block of exactly its size, so that a read past the
+  // end is caught by AddressSanitizer. Write mode when `output` is not null.
+  int run(ParseFunction parse, std::string_view text, std::string* output = nullptr) {
+    std::unique_ptr<char[]> exact(new char[text.size()]);
+    std::copy(text.begin(), text.end(), exact.get());
+    int result = parser_runOnText(parse, std::string_view(exact.get(), text.size()), "(text)",
+                                  group_->path, output == nullptr ? 1 : 0, output);
+    mif_reset();
+    return result;
+  }
+  // What a fresh parameter bound at `mount` reads from `text`.
+  std::string read_back(ParseFunction parse, const std::string& text, const char* mount) {
+    group_ = new_group();
+    Param* p = bound(mount);
+    EXPECT_EQ(run(parse, text), 0);
+    return value_text(p);
+  }
+  // Binds a parameter at the first field of each row; a client sets it to the second when `set`.
+  std::vector<Param*> bind_rows(const Rows& table, bool set) {
+    std::vector<Param*> params;
+    for (const auto& row : table) {
+      params.push_back(bound(row[0].c_str()));
+      if (set) client_sets(params.back(), row[1].c_str());
+    }
+    return params;
+  }
+  // Each parameter holds the second field of its row ("" when left out), as a scalar of the type
+  // in the third when there is one.
+  static void expect_values(const std::vector<Param*>& params, const Rows& table) {
+    for (size_t i = 0; i < params.size(); ++i) {
+      EXPECT_EQ(value_text(params[i]), table[i].size() > 1 ? table[i][1] : "") << table[i][0];
+      if (table[i].size() > 2) {
+        EXPECT_EQ(legacy_drep_getTypeName(map_getParamData(params[i])), table[i][2]);
+      }
+    }
+  }
+  int params_ = 0;
+};
+
+// A read gives the parameter bound at `mount` the value ("<none>": not bound), as a scalar of the
+// type when one is given. An edit sets the parameter bound at `mount` to the value: the text has
+// the new text in place of the first old text; without them the text stays and the change waits.
+// Reads and edits are written as table rows: fields split at "|", rows at ";".
+struct Format {
+  const char* name;
+  ParseFunction parse;
+  std::string sample;  // every value in the form the parser writes it
+  const char* reads;   // mount|value|type, value "" when left out, no type check when left out
+  const char* edits;   // mount|value|old text|new text, mount|value when not written
+};
+
+// A block of a provider list, in the reading order.
+std::string isp_block(const std::string& name, const std::string& login = "yes") {
+  return "[" + name + "]\nLOGIN = " + login +
+         "\nUSERNAME = bob\nPASSWD = secret\nPASSWORD = secret\nPROMPT =\nPHONE1 = 5551234\n"
+         "PHONE2 =  \nCONNECTIONTYPE = ppp\nCLOSEAFTER = 300\nNORETRIES = 3\n"
+         "WAITBEFORERETRY = 30\nUPLOADPATH = \"/upload\"\nSELECTED = no\nUSERNAMEB =\n";
+}
+
+const std::string kIsp = "# Dial-up providers\nusing = home\n\n" + isp_block("home") +
+                         "\n# the spare one\n" + isp_block("spare", "no");
+
+const char kShell[] =
+    "# Wired interface eth0.\n\nDEVICE='eth0'\n  ONBOOT='yes'\n\t\n# Static address\n"
+    "IPADDR='192.168.0.90'\nNETMASK=''\nGATEWAY=\n# after the empty one\nexport MTU='1500'\n"
+    "export\tETHTOOL_OPTS='autoneg on'\nsetenv HOSTNAME 'cam01'\nMSG='it'\\''s'\n"
+    "echo 'not an assignment'\nif [ -n \"$IPADDR\" ]; then :; fi\nLAST='end'";
+
+const char kStandard[] =
+    "# Camera settings\n\nhostname   camera01\nDescription \"Front door \\\"north\\\"\"   \n"
+    "\t[net]\nip \"192.168.0.90\"\r\n# mode auto\nmode manual\n[user]\nlonely\n   nextline\n"
+    "\"full name\" Administrator\nlast \xe9t\xe9";
+
+const char kStandard2[] =
+    "# Embedded web server of the camera.\nmodel = CAM2100\nserial \"A1B2-00042\"\n\n[http]\n"
+    "enabled = yes\nport=80\n  timeout   =   30\t\nempty =\n# Account of the web interface\n"
+    "[admin]\r\nuser = admin\r\npassword = \"change me\"\nlonely\nlast = value";
+
+const char kCamsettings[] =
+    "# Image settings of the camera head.\n\n[Image]\nint Brightness 50\n"
+    "int   Contrast    50\t\ncenum_on_off Mirror off\n  resolution Resolution 640x480\n"
+    "ip Address \"192.168.0.90\"\r\n\n[Exposure]\nhigh_low Sensitivity low\norphan\n"
+    "string Empty\n# Text drawn into the picture\n[Overlay]\nyes_no ShowClock yes\n"
+    "string Text \"Front entrance\"";
+
+const char kNetwork[] =
+    "# Network settings of the unit\nHOSTNAME=cam01\nIP=\"192.168.0.90\"\n"
+    "  NETMASK = \"255.255.255.0\"\n\nexport GATEWAY=\"192.168.0.1\"\n"
+    "setenv BROADCAST \"192.168.0.255\"\nDHCPENABLE=no\nMACADR=\"00:40:8c:12:34:56\"\n"
+    "# UPnP\nUPNPFRIENDLYNAME=\"Front door\"";
+
+const char kResolv[] =
+    "# Resolver configuration.\n\ndomain example.com\nnameserver 192.168.0.1\n"
+    "options timeout:2 rotate\n  nameserver\t192.168.0.2\nnameserver 10.0.0.3   # last resort\n";
+
+const Format kFormats[] = {
+    {"Shell", shellparser_parse, kShell,
+     "Shell{DEVICE}|eth0;Shell{ONBOOT}|yes;Shell{IPADDR}|192.168.0.90;Shell{NETMASK};"
+     "Shell{GATEWAY};Shell{MTU}|1500;Shell{ETHTOOL_OPTS}|autoneg on;Shell{HOSTNAME}|cam01;"
+     "Shell{MSG}|it's;Shell{LAST}|end;Shell{echo}|<none>;Shell{if}|<none>;Shell{export}|<none>",
+     "Shell{IPADDR}|10.0.0.1|IPADDR='192.168.0.90'|IPADDR='10.0.0.1';"
+     "Shell{ONBOOT}|no|  ONBOOT='yes'|  ONBOOT='no';"
+     "Shell{NETMASK}|255.0.0.0|NETMASK=''|NETMASK='255.0.0.0';"
+     "Shell{GATEWAY}|10.0.0.254|GATEWAY=\n|GATEWAY='10.0.0.254'\n;"
+     "Shell{MTU}|9000|export MTU='1500'|export MTU='9000';Shell{ETHTOOL_OPTS}||'autoneg on'|'';"
+     "Shell{HOSTNAME}|cam 02|'cam01'|'cam 02';Shell{MSG}|don't|'it'\\''s'|'don'\\''t';"
+     "Shell{LAST}|x|LAST='end'|LAST='x';Shell{echo}|v;"
+     "Shell{MISSING}|v"},
+    {"Standard", standardparser_parse, kStandard,
+     "Standard{Root}{hostname}|camera01;Standard{Root}{Description}|Front door \"north\";"
+     "Standard{net}{ip}|192.168.0.90;Standard{net}{mode}|manual;"
+     "Standard{user}{full name}|Administrator;Standard{user}{last}|\xe9t\xe9;"
+     "Standard{user}{lonely}|<none>;Standard{user}{nextline}|<none>;Standard{Root}{mode}|<none>",
+     "Standard{Root}{hostname}|cam02|camera01|cam02;"
+     "Standard{Root}{hostname}|cam 02|camera01|\"cam 02\";"
+     "Standard{Root}{hostname}|a\"b\\c|camera01|\"a\\\"b\\\\c\";"
+     "Standard{Root}{hostname}||camera01|\"\";"
+     "Standard{Root}{Description}|Back|\"Front door \\\"north\\\"\"|Back;"
+     "Standard{net}{ip}|10.0.0.1|\"192.168.0.90\"|\"10.0.0.1\";Standard{user}{"
+     "last}|x|\xe9t\xe9|x;Standard{user}{missing}|v;Standard{user}{lonely}|v"},
+    {"Standard2", standard2parser_parse, kStandard2,
+     "Standard2{Root}{model}|CAM2100;Standard2{Root}{serial}|A1B2-00042;"
+     "Standard2{http}{enabled}|yes;Standard2{http}{port}|80;Standard2{http}{timeout}|30;"
+     "Standard2{http}{empty};Standard2{admin}{user}|admin;Standard2{admin}{password}|change me;"
+     "Standard2{admin}{last}|value;Standard2{admin}{lonely}|<none>;"
+     "Standard2{Root}{enabled}|<none>;Standard2{http}{model}|<none>",
+     "Standard2{Root}{model}|CAM3000|= CAM2100|= CAM3000;"
+     "Standard2{Root}{serial}|B2|serial \"A1B2-00042\"|serial = B2;"
+     "Standard2{http}{port}|8080|port=80|port=8080;Standard2{http}{timeout}|60|=   30\t|=   60\t;"
+     "Standard2{http}{empty}|x|empty =\n|empty =x\n;"
+     "Standard2{admin}{user}|root|= admin\r|= root\r;"
+     "Standard2{admin}{password}|a\"b\\c|\"change me\"|\"a\\\"b\\\\c\";"
+     "Standard2{admin}{last}||= value|= "
+     "\"\";Standard2{admin}{lonely}|v;Standard2{admin}{missing}|v"},
+    {"Camsettings", camsettingsparser_parse, kCamsettings,
+     "Camsettings{Image}{Brightness}|50|int;Camsettings{Image}{Contrast}|50|int;"
+     "Camsettings{Image}{Mirror}|off|cenum_on_off;"
+     "Camsettings{Image}{Resolution}|640x480|resolution;"
+     "Camsettings{Image}{Address}|192.168.0.90|ip;Camsettings{Exposure}{Sensitivity}|low|high_low;"
+     "Camsettings{Overlay}{ShowClock}|yes|yes_no;Camsettings{Overlay}{Text}|Front entrance|string;"
+     "Camsettings{Exposure}{Empty}|<none>;Camsettings{Exposure}{orphan}|<none>;"
+     "Camsettings{Overlay}{Brightness}|<none>",
+     "Camsettings{Image}{Brightness}|75|Brightness 50|Brightness 75;"
+     "Camsettings{Image}{Contrast}|60|Contrast    50\t|Contrast 60\t;"
+     "Camsettings{Image}{Mirror}|on|Mirror off|Mirror on;"
+     "Camsettings{Image}{Address}|10.0.0.1|\"192.168.0.90\"|\"10.0.0.1\";"
+     "Camsettings{Overlay}{Text}|Back \"door\"|\"Front entrance\"|\"Back \\\"door\\\"\";"
+     "Camsettings{Exposure}{Empty}|x|string Empty|string Empty "
+     "x;Camsettings{Image}{Missing}|1;Camsettings{Exposure}{orphan}|1"},
+    {"Network", nwparser_parse, kNetwork,
+     "Network{HOSTNAME}|cam01|string;Network{IP}|192.168.0.90|ip;"
+     "Network{NETMASK}|255.255.255.0|ip;Network{GATEWAY}|192.168.0.1|ip;"
+     "Network{BROADCAST}|192.168.0.255|ip;Network{DHCPENABLE}|no|yes_no;"
+     "Network{MACADR}|00:40:8c:12:34:56|eth_addr;Network{UPNPFRIENDLYNAME}|Front door|string;"
+     "Network{NAMESERVER}|<none>",
+     "Network{IP}|10.0.0.2|IP=\"192.168.0.90\"|IP=\"10.0.0.2\";"
+     "Network{NETMASK}|255.0.0.0|= \"255.255.255.0\"|= \"255.0.0.0\";"
+     "Network{GATEWAY}|10.0.0.1|GATEWAY=\"192.168.0.1\"|GATEWAY=\"10.0.0.1\";"
+     "Network{BROADCAST}|10.255.255.255|BROADCAST \"192.168.0.255\"|BROADCAST \"10.255.255.255\";"
+     "Network{HOSTNAME}|cam 02|=cam01|=\"cam "
+     "02\";Network{UPNPFRIENDLYNAME}|Gate|\"Front door\"|Gate"},
+    {"Resolv", resolvparser_parse, kResolv,
+     "Resolv{Search}|example.com|string;Resolv{Nameserver0}|192.168.0.1|ipaddr;"
+     "Resolv{Nameserver1}|192.168.0.2;Resolv{Nameserver2}|10.0.0.3;Resolv{Nameserver3}|<none>;"
+     "Resolv{options}|<none>",
+     "Resolv{Search}|corp.example local|domain example.com|domain corp.example local;"
+     "Resolv{Nameserver1}|10.1.1.1|nameserver\t192.168.0.2|nameserver "
+     "10.1.1.1;Resolv{Nameserver2}|10.2.2.2|nameserver 10.0.0.3|nameserver 10.2.2.2"},
+    {"Isp", ispparser_parse, kIsp,
+     "ISP{using}|home;ISP{isps}{home}{ISPNAME}|home;ISP{isps}{home}{LOGIN}|yes;"
+     "ISP{isps}{spare}{LOGIN}|no;ISP{isps}{home}{PROMPT};ISP{isps}{home}{PHONE2};"
+     "ISP{isps}{spare}{UPLOADPATH}|/upload;ISP{isps}{spare}{USERNAMEB}",
+     "ISP{using}|spare|using = home|using = spare;"
+     "ISP{isps}{home}{PHONE1}|5559999|PHONE1 = 5551234|PHONE1 = 5559999;"
+     "ISP{isps}{home}{PROMPT}|ogin:|PROMPT =\n|PROMPT = "
+     "ogin:\n;ISP{isps}{home}{PHONE2}|1|PHONE2 =  \n|PHONE2 = 1\n"},
+};
+
+class FormatTest : public Formats, public ::testing::WithParamInterface<Format> {};
+
+TEST_P(FormatTest, ReadsEveryValueOfTheSample) {
+  const Format& f = GetParam();
+  std::vector<Param*> params = bind_rows(rows(f.reads), false);
+  ASSERT_EQ(run(f.parse, f.sample), 0);
+  expect_values(params, rows(f.reads));
+}
+
+TEST_P(FormatTest, OnlyTheChangedValueChangesAndReadsBack) {
+  const Format& f = GetParam();
+  for (const auto& edit : rows(f.edits)) {
+    SCOPED_TRACE(edit[0] + "=" + edit[1]);
+    group_ = new_group();
+    Param* p = bind_rows({edit}, true)[0];
+    bool changes = edit.size() == 4;
+    std::string expected = f.sample, written;
+    if (changes) expected.replace(expected.find(edit[2]), edit[2].size(), edit[3]);
+    ASSERT_EQ(run(f.parse, f.sample, &written), 0);
+    EXPECT_EQ(written, expected);
+    EXPECT_EQ(p->status, changes ? PARAMSTATUS_STORED : PARAMSTATUS_UPDATED);
+    if (changes) {
+      EXPECT_EQ(read_back(f.parse, written, edit[0].c_str()), edit[1]);
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(All, FormatTest, ::testing::ValuesIn(kFormats), kByName);
+
+// A text of one format and a run over it: with `written` null, a read run in which each mount of
+// `values` reads its value; otherwise a write run after a client set each value, which writes
+// `written`. A failing run logs `logged`.
+struct OddCase {
+  const char* name;
+  ParseFunction parse;
+  std::string text;
+  const char* values;  // mount|value rows
+  const char* written = nullptr;
+  int result = 0;
+  const char* logged = nullptr;
+};
+
+class OddCaseTest : public Formats, public ::testing::WithParamInterface<OddCase> {};
+
+TEST_P(OddCaseTest, RunGivesTheValuesAndText) {
+  const OddCase& c = GetParam();
+  std::vector<Param*> params = bind_rows(rows(c.values), c.written != nullptr);
+  std::string written;
+  EXPECT_EQ(run(c.parse, c.text, c.written != nullptr ? &written : nullptr), c.result);
+  if (c.written != nullptr) {
+    EXPECT_EQ(written, c.written);
+  } else {
+    expect_values(params, rows(c.values));
+  }
+  if (c.logged != nullptr) {
+    EXPECT_EQ(count_logged(c.logged), 1) << c.logged;
+  }
+}
+
+std::string isp_swapped() {
+  std::string text = "using = a\n" + isp_block("a");
+  return text.replace(text.find("USERNAME = bob"), 14, "PASSWD = bob");
+}
+
+const OddCase kOddCases[] = {
+    // A double-quoted shell value keeps its backslashes and is written between single quotes; a
+    // bare one gains quotes.
+    {"ShellDoubleQuoted", shellparser_parse, "A=\"x \\\"y\\\"\"\n", "Shell{A}|x \\\"y\\\""},
+    {"ShellCanonical", shellparser_parse, "A=\"x \\\"y\\\"\"\nB=plain\nC='c'\nls -l\n",
+     "Shell{C}|d", "A='x \\\"y\\\"'\nB='plain'\nC='d'\nls -l\n"},
+    // An unreadable value fails the run and leaves its parameter and the later ones without one.
+    {"ShellUnclosed", shellparser_parse, "A='a'\n# note\nB='open\nC='c'\n",
+     "Shell{A}|a;Shell{B}|<none>;Shell{C}|<none>", nullptr, 1,
+     "Unreadable value of 'B' on line 3."},
+    {"ShellTooLong", shellparser_parse, "A='a'\n# note\nB='" + std::string(1024, 'x') + "'\n",
+     "Shell{B}|<none>", nullptr, 1, "Unreadable value of 'B' on line 3."},
+    {"StandardSameKeyInTwoSections", standardparser_parse, "x 0\n[a]\nx 1\n[b]\nx 2\n",
+     "Standard{a}{x}|1;Standard{b}{x}|2"},
+    {"StandardSecondSection", standardparser_parse, "x 0\n[a]\nx 1\n[b]\nx 2\n",
+     "Standard{b}{x}|22", "x 0\n[a]\nx 1\n[b]\nx 22\n"},
+    // A "#" after a value is a key; a line that cannot be read is copied as it is.
+    {"StandardHashIsAKey", standardparser_parse, "mode manual # note\n", "Standard{Root}{#}|note"},
+    {"StandardCanonical", standardparser_parse,
+     "ip 1.2.3.4\nmode manual # note\n\x01 \"open\nk v\n", "Standard{Root}{k}|w",
+     "ip \"1.2.3.4\"\nmode manual \"#\" note\n\x01 \"open\nk w\n"},
+    {"Standard2Canonical", standard2parser_parse, "version = 4.12.1\nname = plain\nx = 1\n",
+     "Standard2{Root}{x}|2", "version = \"4.12.1\"\nname = plain\nx = 2\n"},
+    {"Standard2Unreadable", standard2parser_parse, "a = 1\n[s]\nb = \"open\nc = 3\n",
+     "Standard2{Root}{a}|1", nullptr, 1, "Unreadable value of 'b' on line 3."},
+    {"CamsettingsFourthWord", camsettingsparser_parse, "[S]\nint A 1\nint B 2 extra\n", "", nullptr,
+     1, "Camsettings file: more than a value after 'B' on line 3."},
+    {"CamsettingsNoHeader", camsettingsparser_parse, "int A 1\n[S]\n", "", nullptr, 1,
+     "Camsettings file: expected a section header at '' on line 1."},
+    {"CamsettingsCommentsOnly", camsettingsparser_parse, "# nothing\n", "", nullptr, 1,
+     "Camsettings file: expected a section header at '' on line 2."},
+    {"CamsettingsUnknownType", camsettingsparser_parse, "[S]\nfloat B 1.5\n", "", nullptr, 1,
+     "Camsettings file: unknown type of 'B' on line 2."},
+    {"CamsettingsLongKey", camsettingsparser_parse,
+     "[S]\nint K23456789012345678901234567890123 1\n", "", nullptr, 1,
+     "Camsettings file: key longer than 32 characters 'K23456789012345678901234567890123' on "
+     "line 2."},
+    {"CamsettingsUnclosed", camsettingsparser_parse, "[S]\nstring B \"open\n", "", nullptr, 1,
+     "Camsettings file: more than a value after 'B' on line 2."},
+    {"NetworkUnknownKey", nwparser_parse, "HOSTNAME=cam01\nMTU=1500\n", "Network{HOSTNAME}|cam01",
+     nullptr, 1, "Network file: unknown key 'MTU' on line 2."},
+    {"NetworkNoEquals", nwparser_parse, "IP 10.0.0.2\n", "", nullptr, 1,
+     "Network file: missing \"=\" on line 1."},
+    {"NetworkNoValue", nwparser_parse, "IP=\n", "", nullptr, 1,
+     "Network file: missing value on line 1."},
+    {"NetworkNoKey", nwparser_parse, "export\n", "", nullptr, 1,
+     "Network file: missing key on line 1."},
+    {"NetworkUnclosed", nwparser_parse, "IP=\"open\n", "", nullptr, 1,
+     "Network file: unreadable value on line 1."},
+    {"ResolvDefaults", resolvparser_parse, "options rotate\n",
+     "Resolv{Search}|;Resolv{Nameserver1}|0.0.0.0"},
+    // 0.0.0.0 and an empty search list stand for no line.
+    {"ResolvRemovedLines", resolvparser_parse, "domain a\nnameserver 1.2.3.4\noptions x\n",
+     "Resolv{Nameserver0}|0.0.0.0;Resolv{Search}|", "\n\noptions x\n"},
+    {"ResolvEmptyFileGetsAllThree", resolvparser_parse, "",
+     "Resolv{Nameserver1}|10.0.0.2;Resolv{Search}|a;Resolv{Nameserver0}|1.1.1.1",
+     "search a\nnameserver 1.1.1.1\nnameserver 10.0.0.2\n"},
+    // The top is after the comment lines that open the file.
+    {"ResolvFirstOnTopSecondAtTheEnd", resolvparser_parse, "# kept\noptions rotate\n",
+     "Resolv{Nameserver0}|10.0.0.1;Resolv{Nameserver1}|10.0.0.2",
+     "# kept\nnameserver 10.0.0.1\noptions rotate\nnameserver 10.0.0.2\n"},
+    {"ResolvSearchOnTop", resolvparser_parse, "nameserver 10.0.0.1\n", "Resolv{Search}|a",
+     "search a\nnameserver 10.0.0.1\n"},
+    {"ResolvSecondAfterTheFirst", resolvparser_parse, "nameserver 10.0.0.1",
+     "Resolv{Nameserver1}|10.0.0.2", "nameserver 10.0.0.1\nnameserver 10.0.0.2\n"},
+    {"ResolvNoAddressNoLine", resolvparser_parse, "", "Resolv{Nameserver0}|0.0.0.0", ""},
+    // Search lines after the first that maps the value are dropped.
+    {"ResolvLaterSearchLinesDropped", resolvparser_parse, "search a\ndomain b\n",
+     "Resolv{Search}|c", "search c\n\n"},
+    {"ResolvNameserverValueOnNextLine", resolvparser_parse, "search a\nnameserver\n10.0.0.1\n", "",
+     nullptr, 1, "Resolver file: no value after 'nameserver' on line 2."},
+    {"ResolvSearchValueOnNextLine", resolvparser_parse, "search\na\n", "", nullptr, 1,
+     "Resolver file: no value after 'search' on line 1."},
+    {"IspEmpty", ispparser_parse, "", "", nullptr, 1, "ISP file: no entry 'using' on line 1."},
+    {"IspNoEquals", ispparser_parse, "using home\n", "", nullptr, 1,
+     "ISP file: expected \"=\" after 'using' on line 1."},
+    {"IspEntriesOutOfOrder", ispparser_parse, isp_swapped(), "", nullptr, 1,
+     "ISP file: expected the entry 'USERNAME' on line 4."},
+    {"IspNoHeader", ispparser_parse, "using = a\nLOGIN = x\n", "", nullptr, 1,
+     "ISP file: expected a provider's header '[' on line 2."},
+    {"IspTruncated", ispparser_parse, "using = a\n" + isp_block("a").substr(0, 40), "", nullptr, 1,
+     "ISP file: expected the entry 'PASSWORD'"},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, OddCaseTest, ::testing::ValuesIn(kOddCases), kByName);
+
+// The last line that is not a comment holds the value, taken as it stands; only it is replaced.
+struct SingleValueCase {
+  const char* name;
+  const char* text;
+  const char* value;
+  const char* written;  // after the value was changed to "cam-02"
+};
+
+class SingleValueTest : public Formats, public ::testing::WithParamInterface<SingleValueCase> {};
+
+TEST_P(SingleValueTest, ReadsTheLastValueLineAndReplacesOnlyIt) {
+  const SingleValueCase& c = GetParam();
+  Param* p = bound("Singlevalue{}");
+  ASSERT_EQ(run(singlevalueparser_parse, c.text), 0);
+  EXPECT_EQ(value_text(p), c.value);
+  client_sets(p, "cam-02");
+  std::string written;
+  ASSERT_EQ(run(singlevalueparser_parse, c.text, &written), 0);
+  EXPECT_EQ(written, c.written);
+  EXPECT_EQ(read_back(singlevalueparser_parse, written, "Singlevalue{}"), "cam-02");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, SingleValueTest,
+    ::testing::Values(
+        SingleValueCase{"CommentsAndBlanksAround", "# Host\n\n  \t\ncam-1\n\n# kept\n", "cam-1",
+                        "# Host\n\n  \t\ncam-02\n\n# kept\n"},
+        SingleValueCase{"LastOfSeveralLines", "old\n# between\nthe value  \n", "the value  ",
+                        "old\n# between\ncam-02\n"},
+        SingleValueCase{"NoLineEnd", "value", "value", "cam-02"},
+        SingleValueCase{"CarriageReturn", "value\r\n", "value", "cam-02\r\n"},
+        SingleValueCase{"LeadingBlanks", "  spaced value\n", "  spaced value", "cam-02\n"},
+        SingleValueCase{"CommentLinesOnly", "# only\n# comments\n", "# only",
+                        "cam-02\n# comments\n"},
+        SingleValueCase{"IndentedHash", "v\n  # not a comment\n", "# not a comment",
+                        "v\n  cam-02\n"},
+        SingleValueCase{"EmptyFile", "", "", "cam-02"},
+        SingleValueCase{"BlankLinesOnly", "\n\n", "", "cam-02\n\n"}),
+    kByName);
+
+// A changed provider list replaces the blocks after the "using" line; each block is written in
+// the writing order, which puts SELECTED and USERNAMEB earlier than a reader expects them. The
+// root parameter writes the "using" line as well.
+TEST_F(Formats, IspListWrittenInTheWritingOrder) {
+  auto hash = [](std::vector<std::pair<const char*, Data*>> entries) {
+    Data* data = legacy_drep_createData();
+    legacy_drep_initializeHash(data);
+    for (auto [key, value] : entries) legacy_drep_setHashValue(data, value, key);
+    return data;
+  };
+  auto text = [](const char* value) {
+    Data* data = legacy_drep_createData();
+    legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string");
+    legacy_drep_setCustomFromString(data, value, nullptr);
+    return data;
+  };
+  Param* list = bound("ISP{isps}");
+  client_sets(list, nullptr,
+              hash({{"new", hash({{"LOGIN", text("l")},
+                                  {"USERNAMEB", text("ub")},
+                                  {"SELECTED", text("yes")},
+                                  {"UPLOADPATH", text("/up")}})}}));
+  std::string written;
+  ASSERT_EQ(run(ispparser_parse, kIsp, &written), 0);
+  EXPECT_EQ(written,
+            "# Dial-up providers\nusing = home\n\n"
+            "[new]\nSELECTED = yes\nLOGIN = l\nUSERNAME = \nUSERNAMEB = ub\nPASSWD = \n"
+            "PASSWORD = \nPROMPT = \nPHONE1 = \nPHONE2 = \nCONNECTIONTYPE = \nCLOSEAFTER = \n"
+            "NORETRIES = \nWAITBEFORERETRY = \nUPLOADPATH = /up\n\n");
+  EXPECT_EQ(list->status, PARAMSTATUS_STORED);
+  group_ = new_group();
+  Param* whole = bound("ISP");
+  client_sets(
+      whole, nullptr,
+      hash({{"using", text("only")}, {"isps", hash({{"only", hash({{"LOGIN", text("x")}})}})}}));
+  ASSERT_EQ(run(ispparser_parse, kIsp, &written), 0);
+  EXPECT_TRUE(
+      written.starts_with("# Dial-up providers\nusing = only\n[only]\nSELECTED = \nLOGIN = x\n"))
+      << written;
+  EXPECT_EQ(written.find("home"), std::string::npos) << written;
+}
+
+// The real shell as the oracle: whatever value the parser writes, in every assignment form,
+// sourcing the file gives exactly that value. setenv is given the meaning it has in csh.
+TEST_F(Formats, ShellSourcingTheFileGivesTheWrittenValue) {
+  const std::string before = "# head\nFIRST='1'\n", after = "\n# tail\nOTHER='2'\n";
+  for (const char* line : {"NAME='old'", "NAME=", "NAME=   ", "NAME=\"old\"", "export NAME='old'",
+                           "setenv NAME 'old'", "NAME=bare"}) {
+    for (const char* value : {"two words", "it's", "say \"hi\"", "back\\slash", "$HOME ${X} $(id)",
+                              "", "`id`", "tab\there", "multi\nline", "''\\''", "\\'"}) {
+      SCOPED_TRACE(std::string(line) + " := " + value);
+      group_ = new_group();
+      Param* p = bound("Shell{NAME}");
+      client_sets(p, value);
+      std::string written;
+      ASSERT_EQ(run(shellparser_parse, before + line + after, &written), 0);
+      ASSERT_TRUE(written.starts_with(before) && written.ends_with(after)) << written;
+      write_file(file("ifcfg"), written);
+      std::string command =
+          "sh -c 'setenv() { eval \"$1=\\$2\"; }; . \"$1\"; printf %s \"$NAME\"' sh '" +
+          file("ifcfg") + "'";
+      FILE* pipe = popen(command.c_str(), "r");
+      ASSERT_NE(pipe, nullptr) << "cannot run sh";
+      std::string out;
+      char buffer[256];
+      for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+      EXPECT_EQ(pclose(pipe), 0) << "sh failed on " << written;
+      EXPECT_EQ(out, value) << written;
+      EXPECT_EQ(read_back(shellparser_parse, written, "Shell{NAME}"), value);
+    }
+  }
+}
+
+// Texts of random bytes: mostly characters of `alphabet` (those a grammar cares about), now and
+// then a NUL or any other byte.
+class RandomText {
+ public:
+  RandomText(std::string_view alphabet, unsigned seed) : alphabet_(alphabet), seed_(seed) {}
+  std::string next(unsigned max_length) {
+    std::string text;
+    for (unsigned n = draw() % (max_length + 1); n > 0; --n) {
+      unsigned pick = draw() % 64;
+      text += pick == 0 ? '\0' : pick == 1 ? static_cast<char>(draw()) : letter();
+    }
+    return text;
+  }
+  // `base` with a few characters of the alphabet inserted, deleted or put in place of others.
+  std::string mutate(std::string_view base) {
+    std::string text(base);
+    for (unsigned edits = 1 + draw() % 4; edits > 0; --edits) {
+      size_t at = draw() % (text.size() + 1);
+      unsigned how = draw() % 3;
+      if (how == 0) {
+        text.insert(at, 1, letter());
+      } else if (at < text.size()) {
+        how == 1 ? void(text.erase(at, 1)) : void(text[at] = letter());
+      }
+    }
+    return text;
+  }
+
+ private:
+  unsigned draw() { return (seed_ = seed_ * 1103515245 + 12345) >> 16; }
+  char letter() { return alphabet_[draw() % alphabet_.size()]; }
+  std::string alphabet_;
+  unsigned seed_;
+};
+
+// Rounds of random texts (random edits of `base` when one is given) run in read mode and in write
+// mode with the parameter bound at `mount` set to `value`. Both modes agree; a successful write
+// reads again and writes itself unchanged once no value is changed, unless the text holds one of
+// the `unstable` characters. At least `succeeding` rounds parse.
+struct RoundsCase {
+  const char* name;
+  ParseFunction parse;
+  std::string_view alphabet;
+  const char* mount;
+  const char* value;
+  std::string base;
+  const char* unstable;
+  int succeeding;
+};
+
+class RoundsTest : public Formats, public ::testing::WithParamInterface<RoundsCase> {};
+
+TEST_P(RoundsTest, NeverCrashAndRewriteStably) {
+  const RoundsCase& c = GetParam();
+  Param* changed = bound(c.mount);
+  RandomText random(c.alphabet, 4711);
+  int succeeded = 0;
+  for (int round = 0; round < 2000 && !HasFailure(); ++round) {
+    std::string text = c.base.empty() ? random.next(80) : random.mutate(c.base), once, twice;
+    SCOPED_TRACE(::testing::PrintToString(text));
+    changed->status = PARAMSTATUS_DEFINED;
+    int read = run(c.parse, text);
+    client_sets(changed, c.value);
+    EXPECT_EQ(run(c.parse, text, &once), read);
+    if (read != 0) continue;
+    ++succeeded;
+    if (text.find_first_of(c.unstable) != std::string::npos) continue;
+    changed->status = PARAMSTATUS_LOADED;
+    EXPECT_EQ(run(c.parse, once, &twice), 0);
+    EXPECT_EQ(twice, once);
+  }
+  EXPECT_GE(succeeded, c.succeeding);
+}
+
+// A double-quoted shell value ends at its closing quote and what follows it on the line is
+// copied; written back in single quotes, that rest joins the value on the next reading. In the
+// Standard formats a quote that the canonical form adds to a later token could close one left
+// open. A Standard2 key that occurs twice keeps its new value only at its first place.
+const RoundsCase kRounds[] = {
+    {"Shell", shellparser_parse, "aI= \t\n'\"\\$#\x01", "Shell{IPADDR}", "it's \"x\"", kShell, "\"",
+     300},
+    {"ShellNew", shellparser_parse, "ab= \t\n'\"\\#\x01\xe9", "Shell{zz}", "v", "", "\"", 300},
+    {"Standard", standardparser_parse, "ab1 \t\n\r\"\\[]#=_\x01\x7f\xa0\xe9", "Standard{Root}{zz}",
+     "v", "", "\"", 2000},
+    {"Standard2", standard2parser_parse, "ab1 \t\n\r=\"\\[]#_\xe9", "Standard2{http}{port}", "v w",
+     kStandard2, "", 300},
+    {"Standard2New", standard2parser_parse, "ab1 \t\n\r=\"\\[]#_\xe9", "Standard2{Root}{zz}", "v",
+     "", "", 300},
+    {"Camsettings", camsettingsparser_parse, "ab1 \t\n\"[]#_\x01\xe9",
+     "Camsettings{Image}{Contrast}", "v w", kCamsettings, "", 300},
+    {"CamsettingsNew", camsettingsparser_parse, "ab1 \t\n\"[]#", "Camsettings{Image}{Contrast}",
+     "v", "", "", 20},
+    {"Network", nwparser_parse, "IPex1 =\"\t\n#\x01", "Network{HOSTNAME}", "v w", kNetwork, "",
+     300},
+    {"Resolv", resolvparser_parse, "ns1. \t\n#\x01\xe9", "Resolv{Search}", "v w", kResolv, "", 300},
+    {"ResolvNew", resolvparser_parse, "nameserv 1.\n#", "Resolv{Nameserver1}", "10.0.0.9", "", "",
+     1000},
+    {"Isp", ispparser_parse, "ab1 =\t\n[]#\"\x01", "ISP{isps}{home}{PHONE1}", "v", kIsp, "", 100},
+    {"Singlevalue", singlevalueparser_parse, "ab #\n\r\t\x01\xe9", "Singlevalue{}", "cam 02", "",
+     "", 1000},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, RoundsTest, ::testing::ValuesIn(kRounds), kByName);
+
+// Random edits of `base`, malformed ones included (unclosed quotes, repeated keys, NUL bytes):
+// once B is set and the text rewritten, each of `others` reads from the written text what it read
+// from the original, and B its new value when it was written. At least 500 rounds rewrite.
+struct KeptCase {
+  const char* name;
+  ParseFunction parse;
+  std::string_view alphabet;
+  const char* base;
+  const char* changed;
+  std::vector<const char*> others;
+};
+
+class KeptTest : public Formats, public ::testing::WithParamInterface<KeptCase> {};
+
+TEST_P(KeptTest, RewritingAMalformedTextChangesNoOtherEntry) {
+  const KeptCase& c = GetParam();
+  Param* changed = bound(c.changed);
+  std::vector<Param*> others;
+  for (const char* mount : c.others) others.push_back(bound(mount));
+  auto read_others = [&](const std::string& text) {
+    for (Param* p : others) legacy_drep_resetData(&p->value), p->status = PARAMSTATUS_DEFINED;
+    legacy_drep_resetData(&changed->value);
+    changed->status = PARAMSTATUS_DEFINED;
+    run(c.parse, text);
+    std::vector<std::string> values;
+    for (Param* p : others) values.push_back(value_text(p));
+    return values;
+  };
+  RandomText random(c.alphabet, 2024);
+  int rewritten = 0;
+  for (int round = 0; round < 1500 && !HasFailure(); ++round) {
+    std::string text = random.mutate(c.base), written;
+    std::vector<std::string> before = read_others(text);
+    client_sets(changed, "new value");
+    // A failed or malformed run leaves the file as it is.
+    if (run(c.parse, text, &written) != 0 || parser_lastInputMalformed()) continue;
+    bool stored = changed->status == PARAMSTATUS_STORED;
+    rewritten += written != text;
+    SCOPED_TRACE(::testing::PrintToString(text) + " -> " + ::testing::PrintToString(written));
+    EXPECT_EQ(read_others(written), before);
+    if (stored) {
+      EXPECT_EQ(value_text(changed), "new value");
+    }
+  }
+  EXPECT_GT(rewritten, 500);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, KeptTest,
+    ::testing::Values(KeptCase{"Shell",
+                               shellparser_parse,
+                               std::string_view("ABC= \n'\"\\#\0", 12),
+                               "A='1'\nB='two'\nexport C='3'\nA=4\n",
+                               "Shell{B}",
+                               {"Shell{A}", "Shell{C}"}},
+                      KeptCase{"Standard",
+                               standardparser_parse,
+                               std::string_view("abc \n\"\\[]#\0", 12),
+                               "a 1\nb \"two\"\n[s]\nc 3\na 4\n",
+                               "Standard{Root}{b}",
+                               {"Standard{Root}{a}", "Standard{s}{c}", "Standard{s}{a}"}},
+                      KeptCase{"Standard2",
+                               standard2parser_parse,
+                               std::string_view("abc =\n\"\\[]#\0", 13),
+                               "a = 1\nb = \"two\"\n[s]\nc = 3\na 4\n",
+                               "Standard2{Root}{b}",
+                               {"Standard2{Root}{a}", "Standard2{s}{c}", "Standard2{s}{a}"}}),
+    kByName);
+
+}  // namespace
