@@ -181,30 +181,21 @@ struct GrammarCase {
 };
 
 // Group files are written from client requests: a grammar error refuses the file and never ends
-// the daemon.
-class GrammarTest : public ConfigTest, public ::testing::WithParamInterface<GrammarCase> {
- protected:
-  std::string Message(const std::string& path) const {
-    std::string message = GetParam().message;
-    size_t at = message.find("%s");
-    return at == std::string::npos ? message : message.replace(at, 2, path);
-  }
-};
+// the daemon. With a report it is an error at its line.
+class GrammarTest : public ConfigTest, public ::testing::WithParamInterface<GrammarCase> {};
 
 TEST_P(GrammarTest, RefusesTheFileWithTheMessage) {
-  std::string path = write("main.conf", GetParam().text);
+  const GrammarCase& c = GetParam();
+  std::string path = write("main.conf", c.text), message = c.message;
+  if (size_t at = message.find("%s"); at != std::string::npos) message.replace(at, 2, path);
   tessard::test::clear_captured_log();
   EXPECT_EQ(config_parseFile(path.c_str(), 1), 1);
-  EXPECT_EQ(tessard::test::count_logged(Message(path)), 1) << Message(path);
-}
-
-TEST_P(GrammarTest, WithAReportIsAnErrorAtItsLine) {
-  std::string path = write("main.conf", GetParam().text);
+  EXPECT_EQ(tessard::test::count_logged(message), 1) << message;
   ConfigReport report;
   EXPECT_EQ(config_parseFileReporting(path.c_str(), 1, &report), 1);
-  EXPECT_EQ(report.error.message, GetParam().reported ? GetParam().reported : Message(path));
+  EXPECT_EQ(report.error.message, c.reported != nullptr ? c.reported : message);
   EXPECT_EQ(report.error.file, path);
-  EXPECT_EQ(report.error.line, GetParam().line);
+  EXPECT_EQ(report.error.line, c.line);
 }
 
 INSTANTIATE_TEST_SUITE_P(
