@@ -77,11 +77,12 @@ class Formats : public tessard::test::ParserTest {
     EXPECT_EQ(run(parse, text), 0);
     return value_text(p);
   }
-  // Binds a parameter at the first field of each row; a client sets it to the second when `set`.
-  std::vector<Param*> bind_rows(const Rows& table, bool set) {
+  // Binds a parameter at the first field of each row (below `root`); a client sets it to the second
+  // when `set`.
+  std::vector<Param*> bind_rows(const Rows& table, bool set, const std::string& root = "") {
     std::vector<Param*> params;
     for (const auto& row : table) {
-      params.push_back(bound(row[0].c_str()));
+      params.push_back(bound((root + row[0]).c_str()));
       if (set) client_sets(params.back(), row[1].c_str());
     }
     return params;
@@ -104,7 +105,7 @@ class Formats : public tessard::test::ParserTest {
 // the new text in place of the first old text; without them the text stays and the change waits.
 // Reads and edits are written as table rows: fields split at "|", rows at ";".
 struct Format {
-  const char* name;
+  const char* name;  // the root of every mount
   ParseFunction parse;
   std::string sample;  // every value in the form the parser writes it
   const char* reads;   // mount|value|type, value "" when left out, no type check when left out
@@ -157,92 +158,75 @@ const char kResolv[] =
 
 const Format kFormats[] = {
     {"Shell", shellparser_parse, kShell,
-     "Shell{DEVICE}|eth0;Shell{ONBOOT}|yes;Shell{IPADDR}|192.168.0.90;Shell{NETMASK};"
-     "Shell{GATEWAY};Shell{MTU}|1500;Shell{ETHTOOL_OPTS}|autoneg on;Shell{HOSTNAME}|cam01;"
-     "Shell{MSG}|it's;Shell{LAST}|end;Shell{echo}|<none>;Shell{if}|<none>;Shell{export}|<none>",
-     "Shell{IPADDR}|10.0.0.1|IPADDR='192.168.0.90'|IPADDR='10.0.0.1';"
-     "Shell{ONBOOT}|no|  ONBOOT='yes'|  ONBOOT='no';"
-     "Shell{NETMASK}|255.0.0.0|NETMASK=''|NETMASK='255.0.0.0';"
-     "Shell{GATEWAY}|10.0.0.254|GATEWAY=\n|GATEWAY='10.0.0.254'\n;"
-     "Shell{MTU}|9000|export MTU='1500'|export MTU='9000';Shell{ETHTOOL_OPTS}||'autoneg on'|'';"
-     "Shell{HOSTNAME}|cam 02|'cam01'|'cam 02';Shell{MSG}|don't|'it'\\''s'|'don'\\''t';"
-     "Shell{LAST}|x|LAST='end'|LAST='x';Shell{echo}|v;"
-     "Shell{MISSING}|v"},
+     "{DEVICE}|eth0;{ONBOOT}|yes;{IPADDR}|192.168.0.90;{NETMASK};{GATEWAY};{MTU}|1500;"
+     "{ETHTOOL_OPTS}|autoneg on;{HOSTNAME}|cam01;{MSG}|it's;{LAST}|end;{echo}|<none>;{if}|<none>;"
+     "{export}|<none>",
+     "{IPADDR}|10.0.0.1|IPADDR='192.168.0.90'|IPADDR='10.0.0.1';"
+     "{ONBOOT}|no|  ONBOOT='yes'|  ONBOOT='no';{NETMASK}|255.0.0.0|NETMASK=''|NETMASK='255.0.0.0';"
+     "{GATEWAY}|10.0.0.254|GATEWAY=\n|GATEWAY='10.0.0.254'\n;"
+     "{MTU}|9000|export MTU='1500'|export MTU='9000';{ETHTOOL_OPTS}||'autoneg on'|'';"
+     "{HOSTNAME}|cam 02|'cam01'|'cam 02';{MSG}|don't|'it'\\''s'|'don'\\''t';"
+     "{LAST}|x|LAST='end'|LAST='x';{echo}|v;{MISSING}|v"},
     {"Standard", standardparser_parse, kStandard,
-     "Standard{Root}{hostname}|camera01;Standard{Root}{Description}|Front door \"north\";"
-     "Standard{net}{ip}|192.168.0.90;Standard{net}{mode}|manual;"
-     "Standard{user}{full name}|Administrator;Standard{user}{last}|\xe9t\xe9;"
-     "Standard{user}{lonely}|<none>;Standard{user}{nextline}|<none>;Standard{Root}{mode}|<none>",
-     "Standard{Root}{hostname}|cam02|camera01|cam02;"
-     "Standard{Root}{hostname}|cam 02|camera01|\"cam 02\";"
-     "Standard{Root}{hostname}|a\"b\\c|camera01|\"a\\\"b\\\\c\";"
-     "Standard{Root}{hostname}||camera01|\"\";"
-     "Standard{Root}{Description}|Back|\"Front door \\\"north\\\"\"|Back;"
-     "Standard{net}{ip}|10.0.0.1|\"192.168.0.90\"|\"10.0.0.1\";Standard{user}{"
-     "last}|x|\xe9t\xe9|x;Standard{user}{missing}|v;Standard{user}{lonely}|v"},
+     "{Root}{hostname}|camera01;{Root}{Description}|Front door \"north\";{net}{ip}|192.168.0.90;"
+     "{net}{mode}|manual;{user}{full name}|Administrator;{user}{last}|\xe9t\xe9;"
+     "{user}{lonely}|<none>;{user}{nextline}|<none>;{Root}{mode}|<none>",
+     "{Root}{hostname}|cam02|camera01|cam02;{Root}{hostname}|cam 02|camera01|\"cam 02\";"
+     "{Root}{hostname}|a\"b\\c|camera01|\"a\\\"b\\\\c\";{Root}{hostname}||camera01|\"\";"
+     "{Root}{Description}|Back|\"Front door \\\"north\\\"\"|Back;"
+     "{net}{ip}|10.0.0.1|\"192.168.0.90\"|\"10.0.0.1\";{user}{last}|x|\xe9t\xe9|x;"
+     "{user}{missing}|v;{user}{lonely}|v"},
     {"Standard2", standard2parser_parse, kStandard2,
-     "Standard2{Root}{model}|CAM2100;Standard2{Root}{serial}|A1B2-00042;"
-     "Standard2{http}{enabled}|yes;Standard2{http}{port}|80;Standard2{http}{timeout}|30;"
-     "Standard2{http}{empty};Standard2{admin}{user}|admin;Standard2{admin}{password}|change me;"
-     "Standard2{admin}{last}|value;Standard2{admin}{lonely}|<none>;"
-     "Standard2{Root}{enabled}|<none>;Standard2{http}{model}|<none>",
-     "Standard2{Root}{model}|CAM3000|= CAM2100|= CAM3000;"
-     "Standard2{Root}{serial}|B2|serial \"A1B2-00042\"|serial = B2;"
-     "Standard2{http}{port}|8080|port=80|port=8080;Standard2{http}{timeout}|60|=   30\t|=   60\t;"
-     "Standard2{http}{empty}|x|empty =\n|empty =x\n;"
-     "Standard2{admin}{user}|root|= admin\r|= root\r;"
-     "Standard2{admin}{password}|a\"b\\c|\"change me\"|\"a\\\"b\\\\c\";"
-     "Standard2{admin}{last}||= value|= "
-     "\"\";Standard2{admin}{lonely}|v;Standard2{admin}{missing}|v"},
+     "{Root}{model}|CAM2100;{Root}{serial}|A1B2-00042;{http}{enabled}|yes;{http}{port}|80;"
+     "{http}{timeout}|30;{http}{empty};{admin}{user}|admin;{admin}{password}|change me;"
+     "{admin}{last}|value;{admin}{lonely}|<none>;{Root}{enabled}|<none>;{http}{model}|<none>",
+     "{Root}{model}|CAM3000|= CAM2100|= CAM3000;"
+     "{Root}{serial}|B2|serial \"A1B2-00042\"|serial = B2;{http}{port}|8080|port=80|port=8080;"
+     "{http}{timeout}|60|=   30\t|=   60\t;{http}{empty}|x|empty =\n|empty =x\n;"
+     "{admin}{user}|root|= admin\r|= root\r;"
+     "{admin}{password}|a\"b\\c|\"change me\"|\"a\\\"b\\\\c\";{admin}{last}||= value|= \"\";"
+     "{admin}{lonely}|v;{admin}{missing}|v"},
     {"Camsettings", camsettingsparser_parse, kCamsettings,
-     "Camsettings{Image}{Brightness}|50|int;Camsettings{Image}{Contrast}|50|int;"
-     "Camsettings{Image}{Mirror}|off|cenum_on_off;"
-     "Camsettings{Image}{Resolution}|640x480|resolution;"
-     "Camsettings{Image}{Address}|192.168.0.90|ip;Camsettings{Exposure}{Sensitivity}|low|high_low;"
-     "Camsettings{Overlay}{ShowClock}|yes|yes_no;Camsettings{Overlay}{Text}|Front entrance|string;"
-     "Camsettings{Exposure}{Empty}|<none>;Camsettings{Exposure}{orphan}|<none>;"
-     "Camsettings{Overlay}{Brightness}|<none>",
-     "Camsettings{Image}{Brightness}|75|Brightness 50|Brightness 75;"
-     "Camsettings{Image}{Contrast}|60|Contrast    50\t|Contrast 60\t;"
-     "Camsettings{Image}{Mirror}|on|Mirror off|Mirror on;"
-     "Camsettings{Image}{Address}|10.0.0.1|\"192.168.0.90\"|\"10.0.0.1\";"
-     "Camsettings{Overlay}{Text}|Back \"door\"|\"Front entrance\"|\"Back \\\"door\\\"\";"
-     "Camsettings{Exposure}{Empty}|x|string Empty|string Empty "
-     "x;Camsettings{Image}{Missing}|1;Camsettings{Exposure}{orphan}|1"},
+     "{Image}{Brightness}|50|int;{Image}{Contrast}|50|int;{Image}{Mirror}|off|cenum_on_off;"
+     "{Image}{Resolution}|640x480|resolution;{Image}{Address}|192.168.0.90|ip;"
+     "{Exposure}{Sensitivity}|low|high_low;{Overlay}{ShowClock}|yes|yes_no;"
+     "{Overlay}{Text}|Front entrance|string;{Exposure}{Empty}|<none>;{Exposure}{orphan}|<none>;"
+     "{Overlay}{Brightness}|<none>",
+     "{Image}{Brightness}|75|Brightness 50|Brightness 75;"
+     "{Image}{Contrast}|60|Contrast    50\t|Contrast 60\t;{Image}{Mirror}|on|Mirror off|Mirror on;"
+     "{Image}{Address}|10.0.0.1|\"192.168.0.90\"|\"10.0.0.1\";"
+     "{Overlay}{Text}|Back \"door\"|\"Front entrance\"|\"Back \\\"door\\\"\";"
+     "{Exposure}{Empty}|x|string Empty|string Empty x;{Image}{Missing}|1;{Exposure}{orphan}|1"},
     {"Network", nwparser_parse, kNetwork,
-     "Network{HOSTNAME}|cam01|string;Network{IP}|192.168.0.90|ip;"
-     "Network{NETMASK}|255.255.255.0|ip;Network{GATEWAY}|192.168.0.1|ip;"
-     "Network{BROADCAST}|192.168.0.255|ip;Network{DHCPENABLE}|no|yes_no;"
-     "Network{MACADR}|00:40:8c:12:34:56|eth_addr;Network{UPNPFRIENDLYNAME}|Front door|string;"
-     "Network{NAMESERVER}|<none>",
-     "Network{IP}|10.0.0.2|IP=\"192.168.0.90\"|IP=\"10.0.0.2\";"
-     "Network{NETMASK}|255.0.0.0|= \"255.255.255.0\"|= \"255.0.0.0\";"
-     "Network{GATEWAY}|10.0.0.1|GATEWAY=\"192.168.0.1\"|GATEWAY=\"10.0.0.1\";"
-     "Network{BROADCAST}|10.255.255.255|BROADCAST \"192.168.0.255\"|BROADCAST \"10.255.255.255\";"
-     "Network{HOSTNAME}|cam 02|=cam01|=\"cam "
-     "02\";Network{UPNPFRIENDLYNAME}|Gate|\"Front door\"|Gate"},
+     "{HOSTNAME}|cam01|string;{IP}|192.168.0.90|ip;{NETMASK}|255.255.255.0|ip;"
+     "{GATEWAY}|192.168.0.1|ip;{BROADCAST}|192.168.0.255|ip;{DHCPENABLE}|no|yes_no;"
+     "{MACADR}|00:40:8c:12:34:56|eth_addr;{UPNPFRIENDLYNAME}|Front door|string;{NAMESERVER}|<none>",
+     "{IP}|10.0.0.2|IP=\"192.168.0.90\"|IP=\"10.0.0.2\";"
+     "{NETMASK}|255.0.0.0|= \"255.255.255.0\"|= \"255.0.0.0\";"
+     "{GATEWAY}|10.0.0.1|GATEWAY=\"192.168.0.1\"|GATEWAY=\"10.0.0.1\";"
+     "{BROADCAST}|10.255.255.255|BROADCAST \"192.168.0.255\"|BROADCAST \"10.255.255.255\";"
+     "{HOSTNAME}|cam 02|=cam01|=\"cam 02\";{UPNPFRIENDLYNAME}|Gate|\"Front door\"|Gate"},
     {"Resolv", resolvparser_parse, kResolv,
-     "Resolv{Search}|example.com|string;Resolv{Nameserver0}|192.168.0.1|ipaddr;"
-     "Resolv{Nameserver1}|192.168.0.2;Resolv{Nameserver2}|10.0.0.3;Resolv{Nameserver3}|<none>;"
-     "Resolv{options}|<none>",
-     "Resolv{Search}|corp.example local|domain example.com|domain corp.example local;"
-     "Resolv{Nameserver1}|10.1.1.1|nameserver\t192.168.0.2|nameserver "
-     "10.1.1.1;Resolv{Nameserver2}|10.2.2.2|nameserver 10.0.0.3|nameserver 10.2.2.2"},
-    {"Isp", ispparser_parse, kIsp,
-     "ISP{using}|home;ISP{isps}{home}{ISPNAME}|home;ISP{isps}{home}{LOGIN}|yes;"
-     "ISP{isps}{spare}{LOGIN}|no;ISP{isps}{home}{PROMPT};ISP{isps}{home}{PHONE2};"
-     "ISP{isps}{spare}{UPLOADPATH}|/upload;ISP{isps}{spare}{USERNAMEB}",
-     "ISP{using}|spare|using = home|using = spare;"
-     "ISP{isps}{home}{PHONE1}|5559999|PHONE1 = 5551234|PHONE1 = 5559999;"
-     "ISP{isps}{home}{PROMPT}|ogin:|PROMPT =\n|PROMPT = "
-     "ogin:\n;ISP{isps}{home}{PHONE2}|1|PHONE2 =  \n|PHONE2 = 1\n"},
+     "{Search}|example.com|string;{Nameserver0}|192.168.0.1|ipaddr;{Nameserver1}|192.168.0.2;"
+     "{Nameserver2}|10.0.0.3;{Nameserver3}|<none>;{options}|<none>",
+     "{Search}|corp.example local|domain example.com|domain corp.example local;"
+     "{Nameserver1}|10.1.1.1|nameserver\t192.168.0.2|nameserver 10.1.1.1;"
+     "{Nameserver2}|10.2.2.2|nameserver 10.0.0.3|nameserver 10.2.2.2"},
+    {"ISP", ispparser_parse, kIsp,
+     "{using}|home;{isps}{home}{ISPNAME}|home;{isps}{home}{LOGIN}|yes;{isps}{spare}{LOGIN}|no;"
+     "{isps}{home}{PROMPT};{isps}{home}{PHONE2};{isps}{spare}{UPLOADPATH}|/upload;"
+     "{isps}{spare}{USERNAMEB}",
+     "{using}|spare|using = home|using = spare;"
+     "{isps}{home}{PHONE1}|5559999|PHONE1 = 5551234|PHONE1 = 5559999;"
+     "{isps}{home}{PROMPT}|ogin:|PROMPT =\n|PROMPT = ogin:\n;"
+     "{isps}{home}{PHONE2}|1|PHONE2 =  \n|PHONE2 = 1\n"},
 };
 
 class FormatTest : public Formats, public ::testing::WithParamInterface<Format> {};
 
 TEST_P(FormatTest, ReadsEveryValueOfTheSample) {
   const Format& f = GetParam();
-  std::vector<Param*> params = bind_rows(rows(f.reads), false);
+  std::vector<Param*> params = bind_rows(rows(f.reads), false, f.name);
   ASSERT_EQ(run(f.parse, f.sample), 0);
   expect_values(params, rows(f.reads));
 }
@@ -252,7 +236,7 @@ TEST_P(FormatTest, OnlyTheChangedValueChangesAndReadsBack) {
   for (const auto& edit : rows(f.edits)) {
     SCOPED_TRACE(edit[0] + "=" + edit[1]);
     group_ = new_group();
-    Param* p = bind_rows({edit}, true)[0];
+    Param* p = bind_rows({edit}, true, f.name)[0];
     bool changes = edit.size() == 4;
     std::string expected = f.sample, written;
     if (changes) expected.replace(expected.find(edit[2]), edit[2].size(), edit[3]);
@@ -260,7 +244,7 @@ TEST_P(FormatTest, OnlyTheChangedValueChangesAndReadsBack) {
     EXPECT_EQ(written, expected);
     EXPECT_EQ(p->status, changes ? PARAMSTATUS_STORED : PARAMSTATUS_UPDATED);
     if (changes) {
-      EXPECT_EQ(read_back(f.parse, written, edit[0].c_str()), edit[1]);
+      EXPECT_EQ(read_back(f.parse, written, (f.name + edit[0]).c_str()), edit[1]);
     }
   }
 }
@@ -537,9 +521,9 @@ class RandomText {
 // Rounds of random texts (random edits of `base` when one is given) run in read mode and in write
 // mode with the parameter bound at `mount` set to `value`. Both modes agree. Where `others` (mount
 // rows) are given, unless the text is malformed (and so not rewritten), each of them reads from
-// the written text what it read before, and a stored value reads back. A successful write writes itself unchanged
-// once no value is changed, unless the text holds one of the `unstable` characters. At least
-// `succeeding` rounds parse.
+// the written text what it read before, and a stored value reads back. A successful write writes
+// itself unchanged once no value is changed, unless the text holds one of the `unstable`
+// characters. At least `succeeding` rounds parse.
 struct RoundsCase {
   const char* name;
   ParseFunction parse;
