@@ -17,7 +17,6 @@ class MappingTest : public tessard::test::ParserTest {
  protected:
   // Sets up what the case needs, then misuses the interface.
   void misuse(const FatalCase& c);
-  Param* mounted(const char* name, const char* mount) { return param(name, "", mount); }
   void set_scalar(const char* text, int quote = 0) {
     mif_enterScalar("string");
     EXPECT_EQ(dif_customScalarSetFromString(text, quote), 0);
@@ -34,10 +33,10 @@ class MappingTest : public tessard::test::ParserTest {
 };
 
 TEST_F(MappingTest, DefinedParamConsumedBelowItsGroupOnly) {
-  Param* p = mounted("p", "T{a}{k}");
+  Param* p = bound("T{a}{k}");
   Group* other = group_;
   group_ = new_group();  // a second group with the same mount, not searched
-  Param* elsewhere = mounted("p", "T{a}{k}");
+  Param* elsewhere = bound("T{a}{k}");
   mif_enterRootSection("T", other->path);
   mif_enterSection("a");
   mif_enterSection("k");
@@ -53,7 +52,7 @@ TEST_F(MappingTest, DefinedParamConsumedBelowItsGroupOnly) {
 }
 
 TEST_F(MappingTest, HashAndListConsumedThenProducedInOrder) {
-  Param* p = mounted("p", "T{h}");
+  Param* p = bound("T{h}");
   mif_enterRootSection("T", group_->path);
   mif_enterSection("h");
   for (const char* key : {"b", "a"}) {
@@ -82,8 +81,8 @@ TEST_F(MappingTest, HashAndListConsumedThenProducedInOrder) {
 }
 
 TEST_F(MappingTest, LoadedParamWalkedWithoutTouchingItsValue) {
-  Param* loaded = mounted("p", "T{h}");
-  Param* next = mounted("q", "T{k}");
+  Param* loaded = bound("T{h}");
+  Param* next = bound("T{k}");
   client_sets(loaded, "kept");
   loaded->status = PARAMSTATUS_LOADED;
   mif_enterRootSection("T", group_->path);
@@ -149,7 +148,7 @@ class ModeTest : public MappingTest, public ::testing::WithParamInterface<ModeCa
 
 TEST_P(ModeTest, StatusDecidesWhatHappensToTheValue) {
   const ModeCase& c = GetParam();
-  Param* p = mounted("p", "T{k}");
+  Param* p = bound("T{k}");
   map_setParamOption("type", c.type, p);
   client_sets(p, "new");
   p->status = c.status;
@@ -212,10 +211,10 @@ const FatalCase kFatal[] = {
 
 void MappingTest::misuse(const FatalCase& c) {
   group_path = group_->path;
-  if (c.setup == kNestedMounts) mounted("p", "T{a}"), mounted("q", "T{a}{b}");
-  if (c.setup == kNoData) mounted("p", "T")->status = PARAMSTATUS_UPDATED;
-  if (c.setup == kConsuming) mounted("p", "T{k}");
-  if (c.setup == kProducing) client_sets(mounted("p", "T{k}"), "v");
+  if (c.setup == kNestedMounts) bound("T{a}"), bound("T{a}{b}");
+  if (c.setup == kNoData) bound("T")->status = PARAMSTATUS_UPDATED;
+  if (c.setup == kConsuming) bound("T{k}");
+  if (c.setup == kProducing) client_sets(bound("T{k}"), "v");
   if (c.setup == kConsuming || c.setup == kProducing) {
     mif_enterRootSection("T", group_path);
     mif_enterSection("k");

@@ -26,7 +26,6 @@ namespace {
 
 using tessard::test::client_sets;
 using tessard::test::count_logged;
-using tessard::test::read_text;
 using tessard::test::value_text;
 using tessard::test::write_file;
 
@@ -56,10 +55,6 @@ Rows rows(std::string_view table) {
 
 class Formats : public tessard::test::ParserTest {
  protected:
-  // A parameter of the test's group bound at `mount`, to no file.
-  Param* bound(const char* mount) {
-    return param(("p" + std::to_string(++params_)).c_str(), "", mount, nullptr);
-  }
   // Runs `parse` over `text` held in a heap block of exactly its size, so that a read past the
   // end is caught by AddressSanitizer. Write mode when `output` is not null.
   int run(ParseFunction parse, std::string_view text, std::string* output = nullptr) {
@@ -97,7 +92,6 @@ class Formats : public tessard::test::ParserTest {
       }
     }
   }
-  int params_ = 0;
 };
 
 // A read gives the parameter bound at `mount` the value ("<none>": not bound), as a scalar of the

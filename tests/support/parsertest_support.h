@@ -83,10 +83,15 @@ class ParserTest : public ::testing::Test {
     map_setParamOption("mount", mount, p);
     return p;
   }
+  // A parameter of the test's group bound at `mount`, to no file.
+  Param* bound(const char* mount) {
+    return param(("p" + std::to_string(++params_)).c_str(), "", mount, nullptr);
+  }
   int invoke(Param* p, int readonly) { return parser_invokeForParam(p, group_->path, readonly); }
 
   Group* group_ = nullptr;
   std::string dir_;
+  int params_ = 0;
 };
 
 }  // namespace tessard::test
