@@ -26,6 +26,7 @@ namespace {
 
 using tessard::test::client_sets;
 using tessard::test::count_logged;
+using tessard::test::string_data;
 using tessard::test::value_text;
 using tessard::test::write_file;
 
@@ -414,18 +415,12 @@ TEST_F(Formats, IspListWrittenInTheWritingOrder) {
     for (auto [key, value] : entries) legacy_drep_setHashValue(data, value, key);
     return data;
   };
-  auto text = [](const char* value) {
-    Data* data = legacy_drep_createData();
-    legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string");
-    legacy_drep_setCustomFromString(data, value, nullptr);
-    return data;
-  };
   Param* list = bound("ISP{isps}");
   client_sets(list, nullptr,
-              hash({{"new", hash({{"LOGIN", text("l")},
-                                  {"USERNAMEB", text("ub")},
-                                  {"SELECTED", text("yes")},
-                                  {"UPLOADPATH", text("/up")}})}}));
+              hash({{"new", hash({{"LOGIN", string_data("l")},
+                                  {"USERNAMEB", string_data("ub")},
+                                  {"SELECTED", string_data("yes")},
+                                  {"UPLOADPATH", string_data("/up")}})}}));
   std::string written;
   ASSERT_EQ(run(ispparser_parse, kIsp, &written), 0);
   EXPECT_EQ(written,
@@ -436,9 +431,9 @@ TEST_F(Formats, IspListWrittenInTheWritingOrder) {
   EXPECT_EQ(list->status, PARAMSTATUS_STORED);
   group_ = new_group();
   Param* whole = bound("ISP");
-  client_sets(
-      whole, nullptr,
-      hash({{"using", text("only")}, {"isps", hash({{"only", hash({{"LOGIN", text("x")}})}})}}));
+  client_sets(whole, nullptr,
+              hash({{"using", string_data("only")},
+                    {"isps", hash({{"only", hash({{"LOGIN", string_data("x")}})}})}}));
   ASSERT_EQ(run(ispparser_parse, kIsp, &written), 0);
   EXPECT_TRUE(
       written.starts_with("# Dial-up providers\nusing = only\n[only]\nSELECTED = \nLOGIN = x\n"))

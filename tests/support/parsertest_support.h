@@ -31,14 +31,17 @@ inline std::string value_text(Param* param, char* quote = nullptr) {
   return result;
 }
 
+// A scalar of type "string" holding `text`.
+inline Data* string_data(const char* text) {
+  Data* data = legacy_drep_createData();
+  legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string");
+  legacy_drep_setCustomFromString(data, text, nullptr);
+  return data;
+}
+
 // Gives the parameter a new value, as a client's change does: `data`, or the string `text`.
 inline void client_sets(Param* param, const char* text, Data* data = nullptr) {
-  if (data == nullptr) {
-    data = legacy_drep_createData();
-    legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string");
-    legacy_drep_setCustomFromString(data, text, nullptr);
-  }
-  map_setParamData(param, data);
+  map_setParamData(param, data != nullptr ? data : string_data(text));
   param->status = PARAMSTATUS_UPDATED;
   param->synced = 0;
 }
