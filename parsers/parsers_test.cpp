@@ -42,8 +42,15 @@ std::vector<std::string> split(std::string_view text, char separator) {
   return parts;
 }
 
-// Names each instance of a parametrised test after its row.
+// Names each instance of a parametrised test, and prints its row, by the row's name.
 constexpr auto kByName = [](const auto& info) { return std::string(info.param.name); };
+template <typename Case>
+requires requires(const Case& c) {
+  c.name;
+}
+std::ostream& operator<<(std::ostream& os, const Case& c) {
+  return os << c.name;
+}
 
 using Rows = std::vector<std::vector<std::string>>;
 
