@@ -55,7 +55,7 @@ TEST_F(MappingTest, HashAndListConsumedThenProducedInOrder) {
   Param* p = bound("T{h}");
   mif_enterRootSection("T", group_->path);
   mif_enterSection("h");
-  for (const char* key : {"b", "a"}) {
+  for (const char* key : {"b", "a", "b"}) {  // a repeated key's list is read afresh
     mif_enterSection(key);
     mif_indicateList();
     for (const char* item : {"1", "2"}) mif_enterList(), set_scalar(item), mif_leaveList();
