@@ -311,12 +311,9 @@ void ctok_newChar() {
   fw.current = char_at(fw.cursor + static_cast<size_t>(fw.position));
 }
 
-void ctok_newCharsWhile(bool (*keep)(int)) {
-  size_t offset = fw.cursor + static_cast<size_t>(fw.position);
-  const size_t size = fw.input.size();
-  while (offset < size && keep(static_cast<unsigned char>(fw.input[offset]))) {
-    ++offset;
-  }
+void ctok_newCharsWhile(TokenCharClass keep) {
+  size_t offset = std::min(fw.cursor + static_cast<size_t>(fw.position), fw.input.size());
+  offset += token_classSpan(fw.input, offset, keep);
   fw.position = static_cast<int>(offset - fw.cursor);
   fw.current = char_at(offset);
 }
@@ -496,11 +493,15 @@ void pif_unputChar() {
 }
 
 void ctok_putString(const char* text) {
+  ctok_putText(text != nullptr ? text : "");
+}
+
+void ctok_putText(std::string_view text) {
   if (fw.readonly) {
     log_fatal(kSource, "ctok_putString called during readonly-parsing!");
   }
-  if (writing() && text != nullptr) {
-    fw.output->put(std::string_view(text));
+  if (writing()) {
+    fw.output->put(text);
   }
 }
 

@@ -22,16 +22,18 @@ bool is_digit(int ch) {
 
 // Character classes as a table: a call into the C library per character was a large part of
 // reading and rewriting a file.
-enum CharClass : uint8_t { kGraph = 1, kAlnum = 2, kSpace = 4 };
-
 constexpr uint8_t class_of(int ch) {
   uint8_t c = 0;
-  if ((ch > ' ' && ch < 127) || ch >= 161) c |= kGraph;
+  if ((ch > ' ' && ch < 127) || ch >= 161) c |= TOKEN_CLASS_GRAPH;
   if ((ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'Z') || (ch >= 'a' && ch <= 'z') ||
       ch >= 161) {
-    c |= kAlnum;
+    c |= TOKEN_CLASS_ALNUM;
   }
-  if (ch == ' ' || (ch >= '\t' && ch <= '\r')) c |= kSpace;
+  bool space = ch == ' ' || (ch >= '\t' && ch <= '\r');
+  if (space) c |= TOKEN_CLASS_SPACE;
+  if (!space && ch != 0) c |= TOKEN_CLASS_WORD;
+  if (!space && ch != 0 && ch != '=') c |= TOKEN_CLASS_KEY;
+  if (ch >= '0' && ch <= '9') c |= TOKEN_CLASS_DIGIT;
   return c;
 }
 
@@ -48,12 +50,43 @@ bool in_class(int ch, uint8_t mask) {
   return ch >= 0 && ch <= 255 && (kClasses.classes[ch] & mask) != 0;
 }
 
-bool word_char(int ch) {
-  return ch != 0 && !in_class(ch, kSpace);
+// Long runs (values of many kilobytes) are checked sixteen bytes at a time; `in` gives each lane
+// of a block all ones when its byte is in the class. Returns how many leading bytes of the whole
+// blocks are in the class, a multiple of sixteen; the table finishes the run.
+using Block = unsigned char __attribute__((vector_size(16)));
+
+template <typename InClass>
+size_t span_blocks(const char* p, size_t n, InClass in) {
+  size_t i = 0;
+  for (; i + sizeof(Block) <= n; i += sizeof(Block)) {
+    Block b;
+    memcpy(&b, p + i, sizeof b);
+    auto lanes = in(b);
+    uint64_t halves[2];
+    memcpy(halves, &lanes, sizeof halves);
+    if ((halves[0] & halves[1]) != ~uint64_t{0}) {
+      break;
+    }
+  }
+  return i;
 }
-bool key_char(int ch) {
-  return ch != 0 && ch != '=' && !in_class(ch, kSpace);
+
+size_t span_whole_blocks(const char* p, size_t n, TokenCharClass keep) {
+  switch (keep) {
+    case TOKEN_CLASS_GRAPH:
+      return span_blocks(p, n, [](Block b) { return ((b > ' ') & (b < 127)) | (b >= 161); });
+    case TOKEN_CLASS_WORD:
+      return span_blocks(p, n,
+                         [](Block b) { return (b != 0) & (b != ' ') & ((b < '\t') | (b > '\r')); });
+    case TOKEN_CLASS_KEY:
+      return span_blocks(p, n, [](Block b) {
+        return (b != 0) & (b != ' ') & (b != '=') & ((b < '\t') | (b > '\r'));
+      });
+    default:
+      return 0;
+  }
 }
+
 bool is_line_break(int ch) {
   return ch == '\n' || ch == '\r';
 }
@@ -133,19 +166,19 @@ int acceptStringToken(Token* token, const int* ch, const char* const* buffer, co
   if (!token_isgraph(*ch)) {
     return -1;
   }
-  ctok_newCharsWhile(token_isgraph);
+  ctok_newCharsWhile(TOKEN_CLASS_GRAPH);
   return finish_quoted(token, consumed(buffer, count), expected, 0);
 }
 
 int acceptWordToken(Token* token, const int* /*ch*/, const char* const* buffer, const int* count,
                     const char* expected) {
-  ctok_newCharsWhile(word_char);
+  ctok_newCharsWhile(TOKEN_CLASS_WORD);
   return finish(token, consumed(buffer, count), expected);
 }
 
 int acceptKeyToken(Token* token, const int* /*ch*/, const char* const* buffer, const int* count,
                    const char* expected) {
-  ctok_newCharsWhile(key_char);
+  ctok_newCharsWhile(TOKEN_CLASS_KEY);
   return finish(token, consumed(buffer, count), expected);
 }
 
@@ -234,7 +267,7 @@ int acceptIntegerToken(Token* token, const int* ch, const char* const* buffer, c
   if (!is_digit(*ch)) {
     return -1;
   }
-  ctok_newCharsWhile(is_digit);
+  ctok_newCharsWhile(TOKEN_CLASS_DIGIT);
   std::string digits(consumed(buffer, count));
   if (finish(token, digits, expected) != 0) {
     return -1;
@@ -260,7 +293,7 @@ bool parse_octet(std::string_view text, size_t* pos, uint8_t* octet) {
 
 int acceptIpaddrToken(Token* token, const int* /*ch*/, const char* const* buffer, const int* count,
                       const char* expected) {
-  ctok_newCharsWhile(word_char);
+  ctok_newCharsWhile(TOKEN_CLASS_WORD);
   std::string_view text = consumed(buffer, count);
   uint8_t octets[4];
   size_t pos = 0;
@@ -336,37 +369,30 @@ void putValueToken(Token* token) {
   ctok_putString(out.c_str());
 }
 
-bool is_bare_word(const char* text) {
-  if (*text == 0) {
-    return false;
-  }
-  for (; *text != 0; ++text) {
-    if (!token_isalnum(static_cast<unsigned char>(*text))) {
-      return false;
-    }
-  }
-  return true;
+bool is_bare_word(std::string_view text) {
+  return !text.empty() && token_classSpan(text, 0, TOKEN_CLASS_ALNUM) == text.size();
 }
 
 void putStringToken(Token* token) {
-  const char* text = text_of(token);
+  std::string_view text = text_of(token);
   if (token->quote == 0 && is_bare_word(text)) {
-    ctok_putString(text);
+    ctok_putText(text);
     return;
   }
   if (token->quote == 0) {
     token->quote = '"';
   }
-  // Built whole and written at once; a quote character of 0 cannot occur here.
-  std::string out(1, static_cast<char>(token->quote));
-  for (; *text != 0; ++text) {
-    if (*text == '"' || *text == '\\') {
-      out += '\\';
-    }
-    out += *text;
+  // Written in pieces between the characters that need a backslash; a quote character of 0
+  // cannot occur here.
+  ctok_putChar(token->quote);
+  for (size_t next; (next = text.find_first_of("\"\\")) != std::string_view::npos;) {
+    ctok_putText(text.substr(0, next));
+    ctok_putChar('\\');
+    ctok_putChar(text[next]);
+    text.remove_prefix(next + 1);
   }
-  out += static_cast<char>(token->quote);
-  ctok_putString(out.c_str());
+  ctok_putText(text);
+  ctok_putChar(token->quote);
 }
 
 // Gives up an owned buffer after a failed allocation.
@@ -383,13 +409,23 @@ int out_of_memory(Token* token, const char* message) {
 }  // namespace
 
 bool token_isgraph(int ch) {
-  return in_class(ch, kGraph);
+  return in_class(ch, TOKEN_CLASS_GRAPH);
 }
 bool token_isalnum(int ch) {
-  return in_class(ch, kAlnum);
+  return in_class(ch, TOKEN_CLASS_ALNUM);
 }
 bool token_isspace(int ch) {
-  return in_class(ch, kSpace);
+  return in_class(ch, TOKEN_CLASS_SPACE);
+}
+
+size_t token_classSpan(std::string_view text, size_t from, TokenCharClass keep) {
+  const char* p = text.data() + from;
+  const size_t n = text.size() - from;
+  size_t i = span_whole_blocks(p, n, keep);
+  while (i < n && (kClasses.classes[static_cast<unsigned char>(p[i])] & keep) != 0) {
+    ++i;
+  }
+  return i;
 }
 
 int token_set_str(Token* token, const char* bytes, int length) {

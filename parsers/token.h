@@ -4,11 +4,13 @@
 // Parsers never call the accept functions themselves: they ask the parser framework
 // (parsers/parserframework.h) with pif_acceptToken(type, expected), and the framework dispatches
 // to the handler registered here by token_init. Accept functions move through the input with
-// ctok_newChar (or ctok_newCharsWhile for a run); output functions write with ctok_putString /
-// ctok_putChar. Those live in the parser framework beside them.
+// ctok_newChar (or ctok_newCharsWhile for a run); output functions write with ctok_putString,
+// ctok_putText and ctok_putChar. Those live in the parser framework beside them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 enum TokenType : int32_t {
   TOKEN_STRING = 0,   // double-quoted string (escapes removed) or a run of graphic characters
@@ -67,10 +69,23 @@ bool token_isgraph(int ch);
 bool token_isalnum(int ch);
 bool token_isspace(int ch);
 
+// Classes a run of characters is read by (ctok_newCharsWhile). NUL is in none of them.
+enum TokenCharClass : uint8_t {
+  TOKEN_CLASS_GRAPH = 1,   // token_isgraph
+  TOKEN_CLASS_ALNUM = 2,   // token_isalnum
+  TOKEN_CLASS_SPACE = 4,   // token_isspace
+  TOKEN_CLASS_WORD = 8,    // anything but white space and NUL
+  TOKEN_CLASS_KEY = 16,    // a word character other than "="
+  TOKEN_CLASS_DIGIT = 32,  // decimal digits
+};
+// Number of characters of `text` from `from` on that are all in the class `keep`.
+size_t token_classSpan(std::string_view text, size_t from, TokenCharClass keep);
+
 // Provided by the parser framework (parserframework.cpp).
 int ctok_registerTokenHandlers(int type, AcceptFunction accept, OutputFunction output);
 void ctok_newChar();
-// ctok_newChar as long as keep(current character) holds; keep(0) must be false.
-void ctok_newCharsWhile(bool (*keep)(int));
+// ctok_newChar as long as the current character is in the class `keep`.
+void ctok_newCharsWhile(TokenCharClass keep);
 void ctok_putString(const char* text);
+void ctok_putText(std::string_view text);
 void ctok_putChar(int ch);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 #include "parsers/parserframework.h"
@@ -104,6 +105,41 @@ TEST_F(AcceptTest, StrongQuotedStopsAt1024Characters) {
     EXPECT_EQ(accepted, length == 1023 ? 1 : 0);
   }
   EXPECT_EQ(tessard::test::count_logged("Too long strong quoted string."), 1);
+}
+
+// The block-wise run check against a walk character by character over the class predicates.
+TEST(TokenClassSpan, AgreesWithACharacterWalk) {
+  struct Class {
+    TokenCharClass keep;
+    bool (*in)(int);
+  };
+  const Class classes[] = {
+      {TOKEN_CLASS_GRAPH, token_isgraph},
+      {TOKEN_CLASS_ALNUM, token_isalnum},
+      {TOKEN_CLASS_SPACE, token_isspace},
+      {TOKEN_CLASS_WORD, [](int c) { return c != 0 && !token_isspace(c); }},
+      {TOKEN_CLASS_KEY, [](int c) { return c != 0 && c != '=' && !token_isspace(c); }},
+      {TOKEN_CLASS_DIGIT, [](int c) { return c >= '0' && c <= '9'; }},
+  };
+  const unsigned char alphabet[] = {0,   '\t', '\r', '\v', ' ', '!', '0', '9',
+                                    '=', 'a',  'Z',  '~',  127, 160, 161, 255};
+  std::mt19937 random(7);
+  for (int round = 0; round < 2000; ++round) {
+    std::string text(random() % 70, 'a');
+    // Mostly one character repeated, so that runs cross whole blocks.
+    unsigned char fill = alphabet[random() % sizeof alphabet];
+    for (char& c : text) {
+      c = static_cast<char>(random() % 8 == 0 ? alphabet[random() % sizeof alphabet] : fill);
+    }
+    size_t from = text.empty() ? 0 : random() % text.size();
+    for (const Class& c : classes) {
+      size_t walk = 0;
+      while (from + walk < text.size() && c.in(static_cast<unsigned char>(text[from + walk]))) {
+        ++walk;
+      }
+      ASSERT_EQ(token_classSpan(text, from, c.keep), walk) << int(c.keep) << " in " << text;
+    }
+  }
 }
 
 }  // namespace
