@@ -152,16 +152,25 @@ void pop_data() {
   --mif.data_depth;
 }
 
+// A root section's name as it is, any other in braces, cut to what the fragment holds.
 void set_fragment(MappingContextEntry* entry, const char* name, int kind) {
-  if (kind == kRootSection) {
-    snprintf(entry->fragment, sizeof entry->fragment, "%.64s", name);
-  } else {
-    snprintf(entry->fragment, sizeof entry->fragment, "{%.62s}", name);
+  char* out = entry->fragment;
+  const size_t room = kind == kRootSection ? kFragmentSize - 1 : kFragmentSize - 3;
+  const size_t length = strnlen(name, room);
+  if (kind != kRootSection) {
+    *out++ = '{';
   }
+  memcpy(out, name, length);
+  out += length;
+  if (kind != kRootSection) {
+    *out++ = '}';
+  }
+  *out = 0;
 }
 
 std::string mapping_path() {
   std::string path;
+  path.reserve(2 * kFragmentSize);
   for (MappingContextEntry* e = mif.mapping.head; e != nullptr; e = e->next) {
     path += e->fragment;
   }

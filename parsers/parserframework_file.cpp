@@ -143,11 +143,20 @@ int open_locked(const char* path) {
   }
 }
 
+// Reads straight into the text, sized by the file's length; a file that grows meanwhile is read on
+// to its end all the same.
 bool read_whole_file(int fd, const char* path, std::string* text) {
-  char chunk[16384];
+  struct stat st;
+  size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  text->resize(size + 1);
+  size_t used = 0;
   for (;;) {
-    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (used == text->size()) {
+      text->resize(text->size() * 2);
+    }
+    ssize_t n = read(fd, text->data() + used, text->size() - used);
     if (n == 0) {
+      text->resize(used);
       return true;
     }
     if (n < 0 && errno == EINTR) {
@@ -157,7 +166,7 @@ bool read_whole_file(int fd, const char* path, std::string* text) {
       log_error(kSource, "Couldn't read file '%s': %m", path);
       return false;
     }
-    text->append(chunk, static_cast<size_t>(n));
+    used += static_cast<size_t>(n);
   }
 }
 
