@@ -44,7 +44,7 @@ enum class Start { kEntry, kTypeAlone, kFailed };
 // they are never quoted (a canonical string would quote "yes_no").
 Start read_type_and_key(Token* token, Entry* entry) {
   pif_acceptToken(TOKEN_WORD, nullptr);
-  snprintf(entry->type, sizeof entry->type, "%s", token->text);
+  copy_cut(entry->type, sizeof entry->type, token->text);
   pif_syncToken();
   if (pif_skipBlanks()) {
     return Start::kTypeAlone;
@@ -58,7 +58,7 @@ Start read_type_and_key(Token* token, Entry* entry) {
     fail(error, token->text);
     return Start::kFailed;
   }
-  snprintf(entry->key, sizeof entry->key, "%s", token->text);
+  copy_cut(entry->key, sizeof entry->key, token->text);
   return Start::kEntry;
 }
 

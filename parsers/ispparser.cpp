@@ -7,6 +7,7 @@
 #include "base/log.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 
 namespace {
 
@@ -150,7 +151,7 @@ bool parse_block(Token* token) {
     return fail("expected a provider's header", "[");
   }
   char name[kNameSize];
-  snprintf(name, sizeof name, "%s", token->text);
+  copy_cut(name, sizeof name, token->text);
   mif_probeSection(name, write_block, name);
   mif_enterSection(name);
   set_name(name);

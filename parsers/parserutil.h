@@ -2,7 +2,17 @@
 // interface.
 #pragma once
 
+#include <cstddef>
+#include <cstring>
+
 #include "parsers/token.h"
+
+// Copies `text` into the buffer `out` of `size` bytes, cut to fit, always NUL-terminated.
+inline void copy_cut(char* out, size_t size, const char* text) {
+  size_t length = strnlen(text, size - 1);
+  memcpy(out, text, length);
+  out[length] = 0;
+}
 
 // The body of a write-value callback: enters `section` (which maps the parameter changed by a
 // client) and a scalar of `type`, writes `prefix` and then the value as a token of `token_type`

@@ -19,6 +19,7 @@
 #include "base/handles.h"
 #include "base/log.h"
 #include "mapping/quibmapping.h"
+#include "parsers/parserutil.h"
 #include "values/legacydatarep.h"
 
 namespace {
@@ -395,7 +396,7 @@ void read_param_list(const char* path, const char* parser, Group* home, ConfigRe
 }
 
 void copy_field(char (&field)[kParamFileFieldSize], const std::string& value) {
-  snprintf(field, sizeof field, "%s", value.c_str());
+  copy_cut(field, sizeof field, value.c_str());
 }
 
 bool parse_paramfile(ParseState* state) {

@@ -10,6 +10,7 @@
 #include "base/log.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "parsers/parserutil.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ const Statement kSearch{"Search", "string", "search", true, false};
 
 Statement nameserver(const char* section) {
   Statement statement{"", "ipaddr", "nameserver", true, false};
-  snprintf(statement.section, sizeof statement.section, "%s", section);
+  copy_cut(statement.section, sizeof statement.section, section);
   return statement;
 }
 
@@ -115,7 +116,7 @@ void declare_default(const char* section, const char* type, const char* text) {
 // A statement line; its keyword is the current token, written through unless the line is
 // rewritten. The value must follow on the same line. False after a logged failure.
 bool parse_statement(Token* token, Statement* statement, int value_type) {
-  snprintf(statement->keyword, sizeof statement->keyword, "%s", token->text);
+  copy_cut(statement->keyword, sizeof statement->keyword, token->text);
   statement->line_end = false;
   mif_probeSection(statement->section, write_statement, statement);
   mif_enterSection(statement->section);

@@ -62,7 +62,7 @@ bool parse_line(Token* token) {
     return true;
   }
   char name[kNameSize];
-  snprintf(name, sizeof name, "%s", token->text);
+  copy_cut(name, sizeof name, token->text);
   if (!setenv && !accept_equals()) {
     return true;
   }

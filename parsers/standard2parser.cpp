@@ -29,7 +29,7 @@ void write_value(void* argument) {
 // the rest of the file is then kept as it is.
 bool parse_entry(Token* token) {
   ValueWriter writer{};
-  snprintf(writer.key, sizeof writer.key, "%s", token->text);
+  copy_cut(writer.key, sizeof writer.key, token->text);
   pif_syncToken();
   if (pif_skipBlanks()) {
     return true;

@@ -20,7 +20,7 @@ void write_value(void* argument) {
 // alone on its line is copied through.
 void parse_entry(Token* token) {
   char key[kKeySize];
-  snprintf(key, sizeof key, "%s", token->text);
+  copy_cut(key, sizeof key, token->text);
   int line = pif_getLineNumber();
   pif_syncToken();
   pif_skipWhitespace();
