@@ -1,9 +1,8 @@
 #include "parsers/mappinginterface.h"
 
-#include <cstdio>
 #include <cstring>
-#include <new>
 #include <string>
+#include <vector>
 
 #include "base/log.h"
 #include "mapping/quibmapping.h"
@@ -15,60 +14,21 @@ namespace {
 constexpr const char* kSource = "mappinginterface";
 constexpr int kRootSection = 1;
 constexpr int kSection = 2;
-constexpr size_t kFragmentSize = 65;
+// Longest name a section contributes to a mapping path.
+constexpr size_t kFragmentMax = 64;
 
+// One entered section. Its part of the mapping path is the path's text from `pathLength` on.
 struct MappingContextEntry {
-  MappingContextEntry* next;
   int32_t kind;
-  char fragment[kFragmentSize];
-  int32_t reserved;
-  const void* user;  // root section: the group path below which mounts are searched
+  size_t pathLength;  // length of the mapping path below this entry
+  const void* user;   // root section: the group path below which mounts are searched
 };
 
-struct DataContextElement {
-  DataContextElement* next;
-  Data* data;
-};
-
-// A stack as a singly linked list from the bottom (`head`) to the top.
-template <typename T>
-struct Stack {
-  T* head = nullptr;
-  T* top = nullptr;
-
-  void push(T* item) {
-    item->next = nullptr;
-    if (top != nullptr) {
-      top->next = item;
-    } else {
-      head = item;
-    }
-    top = item;
-  }
-  // Unlinks and returns the top, or null when empty.
-  T* pop() {
-    T* item = top;
-    if (item == nullptr) {
-      return nullptr;
-    }
-    T* below = nullptr;
-    for (T* p = head; p != item; p = p->next) {
-      below = p;
-    }
-    if (below != nullptr) {
-      below->next = nullptr;
-    } else {
-      head = nullptr;
-    }
-    top = below;
-    return item;
-  }
-};
-
+// Stacks are kept bottom first.
 struct Interface {
-  Stack<MappingContextEntry> mapping;
-  Stack<DataContextElement> data;
-  int data_depth = 0;
+  std::vector<MappingContextEntry> mapping;
+  std::string path;  // the parts of the entered sections joined, as mounts spell them
+  std::vector<Data*> data;
   Param* current = nullptr;
   bool consuming = true;
   bool producing = false;
@@ -131,69 +91,42 @@ bool leave_while_skipping() {
 }
 
 Data* current_data() {
-  return mif.data.top != nullptr ? mif.data.top->data : nullptr;
+  return !mif.data.empty() ? mif.data.back() : nullptr;
 }
 
 void push_data(Data* data) {
-  auto* element = new (std::nothrow) DataContextElement{nullptr, data};
-  if (element == nullptr) {
-    log_fatal(kSource, "Memory allocation failed. Couldn't allocate Data Context Element!");
-  }
-  mif.data.push(element);
-  ++mif.data_depth;
+  mif.data.push_back(data);
 }
 
 void pop_data() {
-  DataContextElement* element = mif.data.pop();
-  if (element == nullptr) {
+  if (mif.data.empty()) {
     log_fatal(kSource, "Unmatched push/pop of data context!");
   }
-  delete element;
-  --mif.data_depth;
+  mif.data.pop_back();
 }
 
-// A root section's name as it is, any other in braces, cut to what the fragment holds.
-void set_fragment(MappingContextEntry* entry, const char* name, int kind) {
-  char* out = entry->fragment;
-  const size_t room = kind == kRootSection ? kFragmentSize - 1 : kFragmentSize - 3;
-  const size_t length = strnlen(name, room);
-  if (kind != kRootSection) {
-    *out++ = '{';
+// Adds a section's part to the mapping path: a root section's name as it is, any other in braces,
+// the name cut to 64 characters and 62 in braces.
+void append_to_path(const char* name, int kind) {
+  if (kind == kRootSection) {
+    mif.path.append(name, strnlen(name, kFragmentMax));
+    return;
   }
-  memcpy(out, name, length);
-  out += length;
-  if (kind != kRootSection) {
-    *out++ = '}';
-  }
-  *out = 0;
-}
-
-std::string mapping_path() {
-  std::string path;
-  path.reserve(2 * kFragmentSize);
-  for (MappingContextEntry* e = mif.mapping.head; e != nullptr; e = e->next) {
-    path += e->fragment;
-  }
-  return path;
+  mif.path += '{';
+  mif.path.append(name, strnlen(name, kFragmentMax - 2));
+  mif.path += '}';
 }
 
 // Pushes a context and makes the parameter mounted at the new path current. Returns that
 // parameter, or null when the path maps none.
 Param* push_mapping(const char* name, const void* user, int kind) {
-  auto* entry = new (std::nothrow) MappingContextEntry{};
-  if (entry == nullptr) {
-    log_fatal(kSource, "Memory allocation failed. Couldn't allocate Mapping Context Entry!");
-  }
-  entry->kind = kind;
-  entry->user = user;
-  set_fragment(entry, name != nullptr ? name : "", kind);
-  mif.mapping.push(entry);
-  std::string path = mapping_path();
-  if (path.empty()) {
+  mif.mapping.push_back({kind, mif.path.size(), user});
+  append_to_path(name != nullptr ? name : "", kind);
+  if (mif.path.empty()) {
     return nullptr;
   }
-  const auto* group_path = static_cast<const char*>(mif.mapping.head->user);
-  Param* param = map_findParamByMountInGroup(group_path, path.c_str());
+  const auto* group_path = static_cast<const char*>(mif.mapping.front().user);
+  Param* param = map_findParamByMountInGroup(group_path, mif.path.c_str());
   if (param == nullptr) {
     return nullptr;
   }
@@ -206,15 +139,15 @@ Param* push_mapping(const char* name, const void* user, int kind) {
 }
 
 void popMappingContext(int kind) {
-  MappingContextEntry* top = mif.mapping.top;
-  if (top == nullptr) {
+  if (mif.mapping.empty()) {
     log_fatal(kSource, "Unmatched push/pop of mapping context!");
   }
-  if (top->kind != kind) {
+  if (mif.mapping.back().kind != kind) {
     log_fatal(kSource, "Mismatching types at popMappingContext!");
   }
-  delete mif.mapping.pop();
-  if (mif.data_depth > 0 && mif.mapping.head != nullptr) {
+  mif.path.resize(mif.mapping.back().pathLength);
+  mif.mapping.pop_back();
+  if (!mif.data.empty() && !mif.mapping.empty()) {
     log_fatal(kSource, "Serious error in popMappingContext!");
   }
   set_idle_mode();
@@ -273,10 +206,10 @@ void empty_current_value() {
   if (data->type == DATA_NONE) {
     return;
   }
-  if (mif.data_depth == 1) {
+  if (mif.data.size() == 1) {
     Data* fresh = legacy_drep_createData();
     map_setParamData(mif.current, fresh);
-    mif.data.top->data = fresh;
+    mif.data.back() = fresh;
     return;
   }
   if (data->type == DATA_LIST) {
@@ -298,13 +231,9 @@ int mif_init() {
 }
 
 void mif_reset() {
-  while (mif.data.top != nullptr) {
-    delete mif.data.pop();
-  }
-  while (mif.mapping.top != nullptr) {
-    delete mif.mapping.pop();
-  }
-  mif.data_depth = 0;
+  mif.data.clear();
+  mif.mapping.clear();
+  mif.path.clear();
   mif.skip_depth = 0;
   mif.current = nullptr;
   mif.consuming = true;
@@ -330,7 +259,7 @@ int mif_leaveRootSection() {
   if (leave_while_skipping()) {
     return 0;
   }
-  if (mif.data_depth > 0) {
+  if (!mif.data.empty()) {
     pop_data();
   }
   popMappingContext(kRootSection);
@@ -359,7 +288,7 @@ int mif_enterSection(const char* name) {
     return 0;
   }
   // Inside a parameter a section is a key of its value; outside, a step of the mapping path.
-  if (mif.data_depth > 0) {
+  if (!mif.data.empty()) {
     enter_section_data(name);
   } else if (Param* param = push_mapping(name, nullptr, kSection)) {
     push_param_value(param);
@@ -372,10 +301,10 @@ int mif_leaveSection() {
   if (leave_while_skipping()) {
     return 0;
   }
-  if (mif.data_depth > 0) {
+  if (!mif.data.empty()) {
     pop_data();
   }
-  if (mif.data_depth == 0) {
+  if (mif.data.empty()) {
     popMappingContext(kSection);
   }
   return 0;
@@ -543,7 +472,7 @@ int mif_leaveList() {
 }
 
 int mif_notifyStored() {
-  if (mif.data_depth == 1) {
+  if (mif.data.size() == 1) {
     map_notifyParamStored(mif.current);
     pif_noteStored(mif.current);
   }

@@ -51,6 +51,17 @@ TEST_F(MappingTest, DefinedParamConsumedBelowItsGroupOnly) {
   EXPECT_EQ(value_text(elsewhere), "<none>");
 }
 
+// A mount spells at most 64 characters of a root section's name and 62 of any other section's.
+TEST_F(MappingTest, LongSectionNamesCutAsMountsSpellThem) {
+  Param* p = bound((std::string(64, 'R') + "{" + std::string(62, 'a') + "}").c_str());
+  mif_enterRootSection(std::string(70, 'R').c_str(), group_->path);
+  mif_enterSection(std::string(63, 'a').c_str());
+  set_scalar("long");
+  mif_leaveSection();
+  mif_leaveRootSection();
+  EXPECT_EQ(value_text(p), "long");
+}
+
 TEST_F(MappingTest, HashAndListConsumedThenProducedInOrder) {
   Param* p = bound("T{h}");
   mif_enterRootSection("T", group_->path);
