@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "base/handles.h"
@@ -143,20 +144,30 @@ int open_locked(const char* path) {
   }
 }
 
-// Reads straight into the text, sized by the file's length; a file that grows meanwhile is read on
+// A file's bytes as read, in a buffer that is not cleared first.
+struct FileText {
+  std::unique_ptr<char[]> bytes;
+  size_t size = 0;
+  std::string_view view() const { return {bytes.get(), size}; }
+};
+
+// Reads straight into a buffer sized by the file's length; a file that grows meanwhile is read on
 // to its end all the same.
-bool read_whole_file(int fd, const char* path, std::string* text) {
+bool read_whole_file(int fd, const char* path, FileText* text) {
   struct stat st;
-  size_t size = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
-  text->resize(size + 1);
-  size_t used = 0;
+  size_t capacity = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  capacity += 1;  // room to see the end without growing
+  text->bytes = std::make_unique_for_overwrite<char[]>(capacity);
+  text->size = 0;
   for (;;) {
-    if (used == text->size()) {
-      text->resize(text->size() * 2);
+    if (text->size == capacity) {
+      auto grown = std::make_unique_for_overwrite<char[]>(2 * capacity);
+      memcpy(grown.get(), text->bytes.get(), text->size);
+      text->bytes = std::move(grown);
+      capacity *= 2;
     }
-    ssize_t n = read(fd, text->data() + used, text->size() - used);
+    ssize_t n = read(fd, text->bytes.get() + text->size, capacity - text->size);
     if (n == 0) {
-      text->resize(used);
       return true;
     }
     if (n < 0 && errno == EINTR) {
@@ -166,7 +177,7 @@ bool read_whole_file(int fd, const char* path, std::string* text) {
       log_error(kSource, "Couldn't read file '%s': %m", path);
       return false;
     }
-    used += static_cast<size_t>(n);
+    text->size += static_cast<size_t>(n);
   }
 }
 
@@ -270,7 +281,7 @@ int parser_invokeForParam(Param* param, const char* group_path, int readonly) {
   if (input.get() < 0) {
     return 1;
   }
-  std::string text;
+  FileText text;
   if (!read_whole_file(input.get(), path.c_str(), &text)) {
     return 1;
   }
@@ -280,7 +291,8 @@ int parser_invokeForParam(Param* param, const char* group_path, int readonly) {
     return 1;
   }
   std::string output;
-  int result = parser_runOnText(entry->parse, text, path.c_str(), group_path, readonly, &output);
+  int result =
+      parser_runOnText(entry->parse, text.view(), path.c_str(), group_path, readonly, &output);
   if (readonly != 0) {
     return result;
   }

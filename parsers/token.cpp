@@ -75,6 +75,11 @@ size_t span_whole_blocks(const char* p, size_t n, TokenCharClass keep) {
   switch (keep) {
     case TOKEN_CLASS_GRAPH:
       return span_blocks(p, n, [](Block b) { return ((b > ' ') & (b < 127)) | (b >= 161); });
+    case TOKEN_CLASS_ALNUM:
+      return span_blocks(p, n, [](Block b) {
+        Block lower = b | 0x20;  // a letter of either case as a lower-case one
+        return ((b >= '0') & (b <= '9')) | ((lower >= 'a') & (lower <= 'z')) | (b >= 161);
+      });
     case TOKEN_CLASS_WORD:
       return span_blocks(p, n,
                          [](Block b) { return (b != 0) & (b != ' ') & ((b < '\t') | (b > '\r')); });
