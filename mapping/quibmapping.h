@@ -65,12 +65,14 @@ struct Param {
   const char* name;  // the last component of path: at most kMapNameMax characters
   char* path;        // allocated with the record
   Option* options;
-  int32_t hasGetter;
-  int32_t getterDone;
   int32_t status;
-  int32_t synced;
-  int32_t setterPending;
-  int32_t dbusAtStart;
+  // Flags, 0 or 1; bytes, as every parameter carries them.
+  uint8_t hasGetter;
+  uint8_t getterDone;
+  uint8_t synced;
+  uint8_t setterPending;
+  uint8_t dbusAtStart;
+  uint8_t listed;         // in the updated-parameter list
   const char* groupName;  // the owning group's name (names never change after creation)
   Data* value;
   // --- bookkeeping
@@ -83,7 +85,6 @@ struct Param {
   MountKey* mountKey;  // the value of the first "mount" option while indexed, else null
   Param* mountPrev;    // the other indexed parameters with the same mount value
   Param* mountNext;
-  uint8_t listed;  // in the updated-parameter list
 };
 
 // Entries of the change lists; new entries are pushed at the head.

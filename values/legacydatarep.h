@@ -43,6 +43,7 @@ struct HashEntry {
 
 struct Data {
   uint32_t type;
+  char customFlag;  // handed back with a custom value (a quote character); 0 unless given
   // "NONE", "LIST", "HASH", "INT", "STRING" or the custom scalar's type name; never freed.
   const char* typeName;
   union {
@@ -57,8 +58,7 @@ struct Data {
       };
     };
   };
-  char customFlag;  // handed back with a custom value (a quote character); 0 unless given
-  Data* mark;       // element last visited by the mapping interface's walk, or null
+  Data* mark;  // element last visited by the mapping interface's walk, or null
 
   // Bookkeeping of the legacy_drep_* functions; not part of the value.
   void* last;              // DATA_LIST: last ListNode; DATA_HASH: last HashEntry
