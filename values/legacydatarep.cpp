@@ -469,7 +469,7 @@ void help_copyScalar(const Data* source, Data* copy) {
   if (result == 0) {
     scalar_setFromString(copy->custom, text.get(), &result);
   } else {
-    scalar_setFromBytes(copy->custom, source->custom->buffer, source->custom->size, &result);
+    scalar_setFromBytes(copy->custom, scalar_bytes(source->custom), source->custom->size, &result);
   }
 }
 

@@ -272,7 +272,9 @@ TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlagAndDumpShowsIt) {
   UniqueData ipaddr = tree("-");
   legacy_drep_initializeScalar(ipaddr.get(), SCALAR_CUSTOM, "ipaddr");
   UniqueData ipaddr_copy(legacy_drep_copyData(ipaddr.get()));
-  EXPECT_EQ(memcmp(ipaddr_copy->custom->buffer, ipaddr->custom->buffer, SCALAR_IPADDR_SIZE), 0);
+  EXPECT_EQ(
+      memcmp(scalar_bytes(ipaddr_copy->custom), scalar_bytes(ipaddr->custom), SCALAR_IPADDR_SIZE),
+      0);
 }
 
 TEST(DataTree, ListTailAndWalkSurviveDeletion) {

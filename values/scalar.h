@@ -38,11 +38,23 @@ constexpr int32_t SCALARTYPE_COUNT = 13;
 constexpr int32_t SCALAR_IPADDR_SIZE = 24;
 constexpr int32_t SCALAR_IPADDR_TEXT_SIZE = 62;
 
+// Values of up to this many bytes are kept in the record itself.
+constexpr int32_t SCALAR_INLINE_SIZE = 16;
+
 struct CustomScalar {
-  unsigned char* buffer;  // heap, owned; null only while empty
-  int32_t size;           // bytes in buffer
-  int32_t typeIndex;      // row of the type table
+  // The value's bytes (read them with scalar_bytes): in `inlineBytes` when `size` is at most
+  // SCALAR_INLINE_SIZE, else in `buffer`. Most values are short, and every parameter has one.
+  union {
+    unsigned char* buffer;  // heap, owned
+    unsigned char inlineBytes[SCALAR_INLINE_SIZE];
+  };
+  int32_t size;       // bytes of the value
+  int32_t typeIndex;  // row of the type table
 };
+
+inline const unsigned char* scalar_bytes(const CustomScalar* scalar) {
+  return scalar->size > SCALAR_INLINE_SIZE ? scalar->buffer : scalar->inlineBytes;
+}
 
 // Index of the type with exactly this name (case-sensitive), or -1.
 int scalar_findType(const char* name);

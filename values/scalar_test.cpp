@@ -27,6 +27,18 @@ std::string text_of(const CustomScalar* scalar) {
   return copy;
 }
 
+// Values move between the record and the heap as they grow and shrink across the inline size.
+TEST(ScalarStorage, TextsAcrossTheInlineSizeReadBack) {
+  UniqueScalar scalar = make("string");
+  for (size_t length : {15, 16, 40, 3, 15, 17, 16, 0, 90}) {
+    std::string text(length, static_cast<char>('a' + length % 26));
+    int result = -1;
+    scalar_setFromString(scalar.get(), text.c_str(), &result);
+    ASSERT_EQ(result, 0);
+    EXPECT_EQ(text_of(scalar.get()), text) << length;
+  }
+}
+
 using ParseCase = std::tuple<const char*, const char*, const char*>;
 class ScalarParse : public testing::TestWithParam<ParseCase> {};
 
@@ -87,14 +99,14 @@ TEST(ScalarTypes, LookUpIsExactAndIpaddrKeepsTheInterfaceIndex) {
   scalar_setFromString(scalar.get(), "fe80::1%lo", &result);
   ASSERT_EQ(scalar->size, SCALAR_IPADDR_SIZE);
   int32_t head[2] = {};  // family, interface index
-  memcpy(head, scalar->buffer, sizeof head);
+  memcpy(head, scalar_bytes(scalar.get()), sizeof head);
   EXPECT_EQ(head[0], 10);
   EXPECT_EQ(head[1], static_cast<int32_t>(if_nametoindex("lo")));
-  EXPECT_EQ(scalar->buffer[8] + scalar->buffer[23], 0xfe + 0x01);
+  EXPECT_EQ(scalar_bytes(scalar.get())[8] + scalar_bytes(scalar.get())[23], 0xfe + 0x01);
   scalar_setFromBytes(scalar.get(), nullptr, 0, &result);
   EXPECT_EQ(result, -1);
   scalar_setFromString(scalar.get(), "::2", &result);
-  memcpy(head, scalar->buffer, sizeof head);
+  memcpy(head, scalar_bytes(scalar.get()), sizeof head);
   EXPECT_EQ(head[1], -1);
 }
 
@@ -136,12 +148,12 @@ class ScalarSetFromBytes : public testing::TestWithParam<BytesCase> {};
 TEST_P(ScalarSetFromBytes, ChecksSizeAndContent) {
   auto [type, bytes, expected] = GetParam();
   UniqueScalar scalar = make(type);
-  std::string before(reinterpret_cast<char*>(scalar->buffer), scalar->size);
+  std::string before(reinterpret_cast<const char*>(scalar_bytes(scalar.get())), scalar->size);
   int result = 1;
   scalar_setFromBytes(scalar.get(), reinterpret_cast<const unsigned char*>(bytes.data()),
                       static_cast<int>(bytes.size()), &result);
   EXPECT_EQ(result, expected);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(scalar->buffer), scalar->size),
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(scalar_bytes(scalar.get())), scalar->size),
             result == 0 ? bytes : before);
 }
 
