@@ -10,6 +10,7 @@
 
 #include "tests/support/clienttestutil.h"
 #include "tests/support/textfile.h"
+#include "tools/tessctl_explain.h"
 
 namespace {
 
@@ -66,7 +67,121 @@ class TessctlCommandTest : public TessctlTest, public ::testing::WithParamInterf
 const std::string kNoParam = reply(0x10);
 const std::string kNoSubgroup = reply(0x11);
 
+std::string member(const std::string& path, const std::string& name, const char* type = nullptr) {
+  return reply(0, item(path) + item(name) + (type ? item(type) : ""));
+}
+
+// The answers to explain's requests: the options it shows, in the order it asks for them (unset
+// ones answer an empty text), then the GET.
+std::vector<std::string> explain_replies(
+    const std::vector<std::pair<std::string, std::string>>& set, const std::string& get) {
+  std::vector<std::string> replies;
+  for (const char* name : {"type", "accessControl", "file", "parser", "mount", "getter", "dbus",
+                           "setter", "daemon", "signal", "dbustype"}) {
+    std::string value;
+    for (const auto& [key, text] : set) value = key == name ? text : value;
+    replies.push_back(reply(0, item(value + '\0')));
+  }
+  replies.push_back(get);
+  return replies;
+}
+
+const std::pair<std::string, std::string> kFileOptions[] = {
+    {"file", "/etc/net.conf"}, {"parser", "Standardparser"}, {"mount", "Standard{Root}{host}"}};
+
+// The tests run as root, so explain grants root every right the rule allows.
 const CommandCase kCommands[] = {
+    {"GetPrintsTheValue", {"get", "a.b"}, {reply(0, item("cam1"))}, {0, "cam1\n", ""}},
+    {"GetJson",
+     {"--json", "get", "a.b"},
+     {reply(0, item("15\"00"))},
+     {0, "{\"path\":\"root.a.b\",\"value\":\"15\\\"00\"}\n", ""}},
+    {"ListJson",
+     {"list", "--json", "a"},
+     {reply(0, std::string("root.a.x=1\x01root.a.y=\x02") + '\0')},
+     {0, "{\"root.a.x\":\"1\",\"root.a.y\":null}\n", ""}},
+    {"Info", {"info", "a", "1"}, {member("root.a.p", "p", "int")}, {0, "root.a.p\tp\tint\n", ""}},
+    {"Groups",
+     {"groups", "a"},
+     {member("root.a.g", "g"), member("root.a.h", "h"), kNoSubgroup},
+     {0, "root.a.g\nroot.a.h\n", ""}},
+    {"TreeShowsParamsThenSubgroups",
+     {"tree", "a"},
+     {member("root.a.p", "p", "int"), kNoParam, member("root.a.g", "g"),
+      member("root.a.g.q", "q", "string"), kNoParam, kNoSubgroup, kNoSubgroup},
+     {0, "root.a\n  p (int)\n  g\n    q (string)\n", ""}},
+    {"Option",
+     {"option", "a.b", "mount"},
+     {reply(0, item(std::string("Standard{Root}{host}") + '\0'))},
+     {0, "Standard{Root}{host}\n", ""}},
+    {"ExplainText",
+     {"explain", "a.b"},
+     explain_replies({{"type", "string:maxlen=8"},
+                      {"accessControl", ":1;admin:3"},
+                      kFileOptions[0],
+                      kFileOptions[1],
+                      kFileOptions[2]},
+                     reply(0, item("cam1"))),
+     {0,
+      "root.a.b\n"
+      "  value          cam1\n"
+      "  type           string:maxlen=8: a text of at most 8 characters\n"
+      "  flags          none\n"
+      "  read           yes, as root\n"
+      "  write          yes, as root\n"
+      "  accessControl  :1;admin:3\n"
+      "  file           /etc/net.conf\n"
+      "  parser         Standardparser\n"
+      "  mount          Standard{Root}{host}\n"
+      "  on change      nothing is announced\n",
+      ""}},
+    {"ExplainReadOnlyGetter",
+     {"explain", "a.b"},
+     explain_replies({{"type", "readonly:const:int:min=1,max=9"},
+                      {"accessControl", ":1"},
+                      {"getter", "echo 4"}},
+                     reply(0, item("4\n"))),
+     {0,
+      "root.a.b\n"
+      "  value          4\\n\n"
+      "  type           readonly:const:int:min=1,max=9: a whole number from 1 to 9\n"
+      "  flags          readonly, const\n"
+      "  read           yes, as root\n"
+      "  write          no, the parameter is read-only\n"
+      "  accessControl  :1\n"
+      "  getter         echo 4\n"
+      "  source         the getter's output, not a file\n",
+      ""}},
+    {"ExplainClosedWithSetter",
+     {"explain", "a.b"},
+     explain_replies(
+         {kFileOptions[0], {"dbus", "/t t.Zone string:'$VALUE'"}, {"setter", "/bin/true"}},
+         reply(3)),
+     {0,
+      "root.a.b\n"
+      "  value          (not readable by you)\n"
+      "  type           a text\n"
+      "  flags          none\n"
+      "  read           no, no accessControl: closed to every client\n"
+      "  write          no, no accessControl: closed to every client\n"
+      "  file           /etc/net.conf\n"
+      "  dbus           /t t.Zone string:'$VALUE'\n"
+      "  setter         /bin/true\n",
+      ""}},
+    {"ExplainWriteOnlyJson",
+     {"--json", "explain", "a.b"},
+     explain_replies({{"type", "writeonly:password:maxlen=8"}, {"accessControl", "admin:2"}},
+                     reply(0, item("*****"))),
+     {0,
+      "{\"path\":\"root.a.b\",\"value\":\"*****\",\"masked\":true,\"constraint\":\"a password of "
+      "at most 8 characters\",\"flags\":[\"writeonly\"],\"read\":{\"allowed\":true,\"reason\":"
+      "\"as root\"},\"write\":{\"allowed\":true,\"reason\":\"as root\"},\"options\":{\"type\":"
+      "\"writeonly:password:maxlen=8\",\"accessControl\":\"admin:2\"}}\n",
+      ""}},
+    {"ExplainMissing",
+     {"explain", "a.b"},
+     {reply(1)},
+     {1, "", "tessctl: root.a.b: no such parameter\n"}},
     {"SyncFailed", {"sync"}, {reply(1)}, {1, "", "tessctl: sync: synchronisation failed\n"}},
     {"UnknownStatusIsAProtocolError",
      {"get", "a.b"},
@@ -191,5 +306,61 @@ TEST_F(TessctlTest, HelpAndMissingDaemon) {
   EXPECT_EQ(absent.exit, 69);
   EXPECT_EQ(absent.err, "tessctl: cannot connect to " + socket_ + ": No such file or directory\n");
 }
+
+struct AccessCase {
+  const char* name;
+  const char* rule;
+  int bit;
+  unsigned uid;
+  const char* primary;
+  std::vector<std::string> groups;
+  bool allowed;
+  const char* reason;
+};
+
+class TessctlAccessTest : public ::testing::TestWithParam<AccessCase> {};
+
+TEST_P(TessctlAccessTest, DecidesByTheRuleAndSaysWhy) {
+  const AccessCase& c = GetParam();
+  std::string reason;
+  EXPECT_EQ(tessctl_access_allowed(c.rule, c.bit, c.uid, c.primary, c.groups, &reason), c.allowed);
+  EXPECT_EQ(reason, c.reason);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rules, TessctlAccessTest,
+    ::testing::Values(
+        AccessCase{
+            "Closed", nullptr, 1, 0, "root", {}, false, "no accessControl: closed to every client"},
+        AccessCase{"Root", "admin:2", 1, 0, "root", {}, true, "as root"},
+        AccessCase{"System", "admin:2", 1, 5, "users", {"system"}, true, "as a member of system"},
+        AccessCase{"GrantedToAll", ":1;admin:3", 1, 5, "users", {}, true, "granted by \":1\""},
+        AccessCase{"NoEntryGrants",
+                   ":1;admin:3",
+                   2,
+                   5,
+                   "users",
+                   {},
+                   false,
+                   "no entry of \":1;admin:3\" grants it to you"},
+        AccessCase{
+            "PrimaryGroup", "staff:1;admin:2", 2, 5, "admin", {}, true, "granted by \"admin:2\""},
+        AccessCase{"OtherGroup",
+                   "staff:1;admin:2",
+                   2,
+                   5,
+                   "users",
+                   {"admin"},
+                   true,
+                   "granted by \"admin:2\""},
+        AccessCase{"Malformed",
+                   "admin:x",
+                   1,
+                   5,
+                   "admin",
+                   {},
+                   false,
+                   "the entry \"admin:x\" is malformed"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
