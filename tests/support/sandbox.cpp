@@ -134,11 +134,6 @@ void LogCapture::Stop() {
   }
 }
 
-std::vector<LogLine> LogCapture::Lines() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
-}
-
 int LogCapture::Count(const std::string& needle) {
   std::lock_guard<std::mutex> lock(mutex_);
   int count = 0;

@@ -50,7 +50,6 @@ class LogCapture {
  public:
   bool Start(const std::string& path, std::string* error);
   void Stop();
-  std::vector<LogLine> Lines();
   // Waits until a line whose message contains `needle` (from `pid`, or any pid when 0) arrives.
   bool WaitFor(const std::string& needle, int timeout_ms, LogLine* found = nullptr, int pid = 0);
   int Count(const std::string& needle);

@@ -130,6 +130,20 @@ bool render_arg(sd_bus_message* m, std::string* out) {
   return true;
 }
 
+// Connects a client to the bus at address (in sd-bus's monitor mode, which neither filters nor
+// answers what arrives, when monitor is set); nullptr on failure.
+sd_bus* open_client(const std::string& address, bool monitor = false) {
+  sd_bus* bus = nullptr;
+  if (sd_bus_new(&bus) < 0) {
+    return nullptr;
+  }
+  if (sd_bus_set_monitor(bus, monitor) < 0 || sd_bus_set_address(bus, address.c_str()) < 0 ||
+      sd_bus_set_bus_client(bus, 1) < 0 || sd_bus_start(bus) < 0) {
+    return sd_bus_unref(bus);
+  }
+  return bus;
+}
+
 const char* or_empty(const char* s) {
   return s ? s : "";
 }
@@ -190,18 +204,6 @@ int answer_call(sd_bus_message* m, void* userdata, sd_bus_error*) {
 }
 
 }  // namespace
-
-sd_bus* open_client(const std::string& address, bool monitor) {
-  sd_bus* bus = nullptr;
-  if (sd_bus_new(&bus) < 0) {
-    return nullptr;
-  }
-  if (sd_bus_set_monitor(bus, monitor) < 0 || sd_bus_set_address(bus, address.c_str()) < 0 ||
-      sd_bus_set_bus_client(bus, 1) < 0 || sd_bus_start(bus) < 0) {
-    return sd_bus_unref(bus);
-  }
-  return bus;
-}
 
 bool PrivateBus::start(std::string* error, const std::string& socket_path) {
   address_.clear();

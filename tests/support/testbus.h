@@ -80,7 +80,6 @@ class Recorder {
   // The same for the first message of the given member: returns what was recorded before it and
   // drops both; a single entry with the member "no <member> arrived" on time-out.
   std::vector<Recorded> wait_before(const std::string& member, int timeout_ms = 5000);
-  void clear() { recorded_.clear(); }
 
  private:
   static int on_message(sd_bus_message* m, void* self, sd_bus_error* error);
@@ -112,9 +111,5 @@ class ServiceChild {
  private:
   pid_t pid_ = -1;
 };
-
-// Connects a client to the bus at address (in sd-bus's monitor mode, which neither filters nor
-// answers what arrives, when monitor is set); nullptr on failure.
-sd_bus* open_client(const std::string& address, bool monitor = false);
 
 }  // namespace testbus
