@@ -1,0 +1,264 @@
+// The request handlers on a tree loaded from real backing files, each request handed to
+// dispatchRequest on one end of a socket pair and its reply read at the other. The peer is this
+// process, root, whom every accessControl admits; per-user rules are the whole-daemon tests'.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "init/init.h"
+#include "mapping/quibmapping.h"
+#include "parsers/mappinginterface.h"
+#include "parsers/parserframework.h"
+#include "server/authorization.h"
+#include "server/clientserver.h"
+#include "server/server.h"
+#include "tests/support/logcapture.h"
+#include "tests/support/textfile.h"
+
+namespace {
+
+using tessard::test::count_logged;
+using tessard::test::read_text;
+
+// Request fields: a little-endian 16-bit number, a counted text.
+std::string u16(size_t value) {
+  return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8 & 0xFF)};
+}
+std::string text(const std::string& s) {
+  return u16(s.size()) + s;
+}
+// Form, sub-form and the identity (uid 0, gid 0) that GET and SET carry before the path.
+std::string head(int form) {
+  return std::string{static_cast<char>(form), static_cast<char>(form == 3 ? 0 : 2)};
+}
+std::string get(const std::string& path, int form = 0) {
+  return head(form) + '\0' + u16(0) + u16(0) + '\0' + text(path);
+}
+std::string set(const std::string& path, const std::string& value, int form = 0) {
+  return head(form) + u16(0) + u16(0) + std::string(2, '\0') + text(path) + text(value) + '\x0a';
+}
+// GETPARAMINFO and GETGROUPINFO: case byte, path, index.
+std::string member(const std::string& path, int index) {
+  return '\0' + text(path) + u16(index);
+}
+std::string option(const std::string& path, const std::string& name) {
+  return '\0' + text(path) + '\0' + text(name);
+}
+// A reply: 24-bit total length, status byte, data.
+std::string reply(int status, const std::string& data = "") {
+  size_t total = data.size() + 4;
+  return u16(total) + '\0' + static_cast<char>(status) + data;
+}
+
+constexpr char kConfig[] = R"(group Network {
+  accessControl = ":1;admin:f"
+  parser = Standardparser
+  file = "DIR/network.conf"
+  param Hostname { mount = "Standard{Root}{hostname}" }
+  param Secret { mount = "Standard{Root}{secret}" type = "writeonly:string" }
+  param Missing { mount = "Standard{Root}{missing}" }
+  param Serial { mount = "Standard{Root}{serial}" type = "readonly:string" }
+  param Mode { mount = "Standard{Root}{mode}" type = "enum:Auto,Manual|Manual mode,Off" }
+  param Label { mount = "Standard{Root}{label}" type = "string:maxlen=8" }
+  param Level { mount = "Standard{Root}{level}" type = "int:min=0,max=100" }
+  group Eth0 { param Address { mount = "Standard{eth0}{address}" } }
+}
+group Closed { param NoRules { parser = Standardparser file = "DIR/network.conf"
+  mount = "Standard{Root}{hostname}" } }
+group Host {
+  accessControl = ":3"
+  param Name { parser = SinglevalueParser file = "DIR/hostname" mount = "Singlevalue{}" }
+  param Search { parser = Resolvparser file = "DIR/resolv.conf" mount = "Resolv{Search}" }
+  param Shell { parser = ShellParser file = "DIR/ifcfg" mount = "Shell{NAME}" }
+}
+)";
+
+constexpr char kNetwork[] =
+    "# network\nhostname camera1\nsecret hunter2\nserial ABC123\nmode Auto\nlabel front\n"
+    "level 50\n[eth0]\naddress 10.0.0.2\n";
+
+class RequestTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    static const bool kReady = parser_init() == 0 && mif_init() == 0;  // once per process
+    ASSERT_TRUE(kReady);
+  }
+
+  void SetUp() override {
+    dir_ = ::testing::TempDir() + "requestsXXXXXX";
+    ASSERT_NE(mkdtemp(dir_.data()), nullptr);
+    std::ofstream(dir_ + "/network.conf") << kNetwork;
+    std::ofstream(dir_ + "/hostname") << "cam\n";
+    std::ofstream(dir_ + "/resolv.conf") << "search ex.com\n";
+    std::ofstream(dir_ + "/ifcfg") << "NAME='n'\n";
+    std::string config = kConfig;
+    for (size_t at; (at = config.find("DIR")) != std::string::npos;) config.replace(at, 3, dir_);
+    std::ofstream(dir_ + "/main.conf") << config;
+    upgradeMode = 0;
+    init_installMapHooks();
+    ASSERT_EQ(map_init((dir_ + "/main.conf").c_str()), 0);
+    ASSERT_EQ(map_sync(0, 0), 0);
+    ASSERT_EQ(populateUserCache(), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds_), 0);
+    tessard::test::clear_captured_log();
+  }
+
+  void TearDown() override {
+    upgradeMode = 0;
+    for (int fd : fds_) close(fd);
+    std::system(("rm -rf '" + dir_ + "'").c_str());
+  }
+
+  // Hands one request to its handler; returns the reply, empty when none came.
+  std::string exchange(int type, const std::string& payload) {
+    dispatchRequest(fds_[0], type, reinterpret_cast<const unsigned char*>(payload.data()),
+                    static_cast<int>(payload.size()));
+    std::string buffer(0x10000, '\0');
+    ssize_t got = recv(fds_[1], buffer.data(), buffer.size(), MSG_DONTWAIT);
+    buffer.resize(got < 0 ? 0 : got);
+    return buffer;
+  }
+
+  // The value in text form, or "<status N>".
+  std::string value(const std::string& path) {
+    std::string answer = exchange(GET, get(path));
+    if (answer.size() < 6 || answer[3] != 0) {
+      return "<status " + std::to_string(answer.size() < 4 ? -1 : answer[3]) + ">";
+    }
+    return answer.substr(6);
+  }
+
+  std::string file(const char* name) const { return read_text(dir_ + "/" + name); }
+
+  std::string dir_;
+  int fds_[2] = {-1, -1};
+};
+
+// An empty value reads as no parameter; an object without accessControl is closed even to root.
+TEST_F(RequestTest, GetAnswersTheValueOrTheStatus) {
+  EXPECT_EQ(value("Network.Hostname"), "camera1");
+  EXPECT_EQ(value("root.Network.Eth0.Address"), "10.0.0.2");
+  EXPECT_EQ(value("root.Network.Nothing"), "<status 16>");
+  EXPECT_EQ(value("root.Network.Missing"), "<status 16>");
+  EXPECT_EQ(value("root.Closed.NoRules"), "<status 3>");
+  EXPECT_EQ(count_logged("param accessControl=\"(not read)\""), 1);
+}
+
+TEST_F(RequestTest, WriteOnlyValueReadsAsStarsInBothFormsUnlessUpgrading) {
+  const std::string masked("\x11\x00\x06\x00string\x05\x00*****", 17);
+  EXPECT_EQ(exchange(GET, get("Network.Secret", 3)), reply(0, text(masked)));
+  EXPECT_EQ(value("Network.Secret"), "*****");
+  upgradeMode = 1;
+  std::string shown = exchange(GET, get("Network.Secret", 3));
+  EXPECT_EQ(shown.substr(shown.size() - 7), "hunter2");
+}
+
+TEST_F(RequestTest, InfoRequestsWalkTheTree) {
+  EXPECT_EQ(exchange(GETPARAMINFO, member("Network", 0)),
+            reply(0, text("root.Network.Hostname") + text("Hostname") + text("string")));
+  EXPECT_EQ(exchange(GETPARAMINFO, member("Network", 99)), reply(STATUS_NO_PARAM));
+  EXPECT_EQ(exchange(GETPARAMINFO, member("Nowhere", 0)), reply(STATUS_NO_GROUP));
+  EXPECT_EQ(exchange(GETGROUPINFO, member("root", 0)),
+            reply(0, text("root.Closed") + text("Closed")))
+      << "children are sorted by name";
+  EXPECT_EQ(exchange(GETGROUPINFO, member("root", 3)), reply(STATUS_NO_SUBGROUP));
+}
+
+// The option's text is counted with its terminating zero; an unset option is that zero alone.
+TEST_F(RequestTest, ParamOptionCountsItsTerminatingZero) {
+  EXPECT_EQ(exchange(GETPARAMOPTION, option("Network.Hostname", "nothere")),
+            reply(0, text(std::string(1, '\0'))));
+  EXPECT_EQ(exchange(GETPARAMOPTION, option("Network.Hostname", "mount")),
+            reply(0, text(std::string("Standard{Root}{hostname}") + '\0')));
+  std::string cut = option("Network.Hostname", "mount");
+  cut.pop_back();  // the name's length reaches one byte past the payload: refused, never read
+  EXPECT_EQ(exchange(GETPARAMOPTION, cut), reply(STATUS_MALFORMED));
+  EXPECT_EQ(exchange(GETPARAMOPTION, option("Network.Hostname", "bad.name")),
+            reply(STATUS_MALFORMED));
+}
+
+TEST_F(RequestTest, MalformedRequestsAnswerFour) {
+  EXPECT_EQ(exchange(GETPARAMINFO, std::string(1, '\0')), reply(STATUS_MALFORMED))
+      << "cut after the case byte";
+  EXPECT_EQ(exchange(GET, get(std::string(256, 'a'))), reply(STATUS_MALFORMED));
+  EXPECT_EQ(exchange(GET, get("bad path")), reply(STATUS_MALFORMED));
+  std::string lying = get("Network.Hostname");
+  lying.resize(lying.size() - 3);
+  EXPECT_EQ(exchange(GET, lying), reply(STATUS_MALFORMED));
+  EXPECT_EQ(count_logged("getPath  pos("), 1);
+}
+
+struct SetCase {
+  const char* path;
+  std::string sent;
+  int status;
+  const char* stored;
+};
+
+void PrintTo(const SetCase& c, std::ostream* os) {
+  *os << c.path << " = \"" << c.sent.substr(0, 20) << "\"";
+}
+
+class SetValueTest : public RequestTest, public ::testing::WithParamInterface<SetCase> {};
+
+TEST_P(SetValueTest, ChecksTheValueAgainstItsTypeAndItsFile) {
+  EXPECT_EQ(exchange(SET, set(GetParam().path, GetParam().sent)), reply(GetParam().status));
+  EXPECT_EQ(value(GetParam().path), GetParam().stored);
+}
+
+// Path, value sent, status, value afterwards.
+INSTANTIATE_TEST_SUITE_P(
+    Values, SetValueTest,
+    ::testing::Values(SetCase{"Network.Serial", "XYZ", STATUS_READ_ONLY, "ABC123"},
+                      SetCase{"Network.Mode", "Manual mode", STATUS_FAILED, "Auto"},
+                      SetCase{"Network.Mode", "Standby", STATUS_FAILED, "Auto"},
+                      SetCase{"Network.Mode", "manual", STATUS_OK, "Manual"},
+                      SetCase{"Network.Mode", "OFF", STATUS_OK, "Off"},
+                      SetCase{"Network.Label", "abcdefghi", STATUS_FAILED, "front"},
+                      SetCase{"Network.Label", "abcdefgh", STATUS_OK, "abcdefgh"},
+                      SetCase{"Network.Nothing", "x", STATUS_FAILED, "<status 16>"},
+                      // Values the backing format cannot hold: they would write other entries.
+                      SetCase{"Host.Search", "ex.com\nnameserver 6.6.6.6", STATUS_NO_MEMORY,
+                              "ex.com"},
+                      SetCase{"Host.Name", "cam\nevil", STATUS_NO_MEMORY, "cam"},
+                      SetCase{"Host.Shell", std::string(1024, 'x'), STATUS_NO_MEMORY, "n"}));
+
+TEST_F(RequestTest, IntegerOutOfRangeIsClampedWrittenAndLogged) {
+  EXPECT_EQ(exchange(SET, set("Network.Level", "150")), reply(STATUS_OK));
+  EXPECT_EQ(value("Network.Level"), "100");
+  EXPECT_EQ(count_logged("Attempted to set int value to Level that was out the specified range. "
+                         "Value truncated."),
+            1);
+  EXPECT_NE(file("network.conf").find("\nlevel 100\n"), std::string::npos);
+}
+
+TEST_F(RequestTest, ReadOnlyParameterAnswersSuccessWhenUpgradingAndStaysAsItWas) {
+  upgradeMode = 1;
+  EXPECT_EQ(exchange(SET, set("Network.Serial", "XYZ")), reply(STATUS_OK));
+  EXPECT_EQ(value("Network.Serial"), "ABC123");
+  EXPECT_EQ(file("network.conf"), kNetwork);
+}
+
+TEST_F(RequestTest, SerialisedValueOfAnotherKindIsRefused) {
+  const std::string scalar(
+      "\x0F\x00\x06\x00string\x03\x00"
+      "abc",
+      15);
+  EXPECT_EQ(exchange(SET, set("Network.Hostname", scalar, 3)), reply(STATUS_NO_MEMORY));
+  EXPECT_EQ(count_logged("serveSetRequest: Set request with unsupported or wrong data type for "
+                         "root.Network.Hostname."),
+            1);
+  const std::string lying("\x0F\x00\x06\x00string\x09\x00", 12);
+  EXPECT_EQ(exchange(SET, set("Network.Hostname", lying, 3)), reply(STATUS_FAILED))
+      << "a value whose lengths point past the request is refused";
+  const std::string hash("\x08\x00\x04\x00HASH", 8);
+  EXPECT_EQ(exchange(SET, set("Network.Missing", hash, 3)), reply(STATUS_NO_MEMORY))
+      << "no backing file takes a hash";
+  EXPECT_EQ(value("Network.Hostname"), "camera1");
+}
+
+}  // namespace
