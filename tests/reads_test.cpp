@@ -1,5 +1,7 @@
-// Read requests of a running daemon as clients see them: values, tree walks, options,
-// name-value lists, access rules, malformed frames and the order of requests on a connection.
+// Read requests of a running daemon as users of the sandbox make them: name-value lists and
+// identities judged by the users' groups, the order of requests on a connection, group files read
+// on request, and the user cache rebuilt on SIGUSR1. What each request answers on its own is
+// server/clientserver_requests_test's.
 #include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include <tessard/tessclient.h>
-#include "tests/support/clientcalls.h"
 #include "tests/support/sandbox.h"
 
 namespace tessard::test {
@@ -22,12 +23,10 @@ constexpr const char* kConfig = R"(group Network {
   param Domain { mount = "Standard{Root}{domain}" }
   param Secret { mount = "Standard{Root}{secret}" type = "writeonly:string" accessControl = "admin:3" }
   param Missing { mount = "Standard{Root}{missing}" }
-  group Eth0 { param Address { mount = "Standard{eth0}{address}" } }
 }
 group Closed {
   parser = Standardparser
   file = "/etc/network.conf"
-  param NoRules { mount = "Standard{Root}{closed}" }
   param Staff { mount = "Standard{Root}{staff}" accessControl = "staff:1" }
 }
 )";
@@ -36,10 +35,7 @@ constexpr const char* kBackingFile = R"(# network settings
 hostname camera1
 domain "example.com"
 secret hunter2
-closed x
 staff s1
-[eth0]
-address 10.0.0.2
 )";
 
 class ReadsTest : public SandboxTest {
@@ -51,11 +47,7 @@ class ReadsTest : public SandboxTest {
     WriteFile("/etc/network.conf", kBackingFile);
   }
 
-  void Serve(std::vector<std::string> extra = {}) {
-    std::vector<std::string> args = {"/etc/tessard.conf", "0"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    StartServing(args);
-  }
+  void Serve() { StartServing({"/etc/tessard.conf", "0"}); }
 
   static std::vector<unsigned char> GetPayload(int form, const std::string& path, int uid = 0,
                                                int gid = 0) {
@@ -69,107 +61,7 @@ class ReadsTest : public SandboxTest {
     PutText(&p, path);
     return p;
   }
-
-  static std::vector<unsigned char> Exchange(int fd, int type,
-                                             const std::vector<unsigned char>& payload) {
-    std::vector<unsigned char> reply;
-    EXPECT_TRUE(SendRequest(fd, type, payload));
-    EXPECT_EQ(ReadReply(fd, &reply), 0);
-    return reply;
-  }
-
-  static std::vector<unsigned char> Status(int status) {
-    return {0x04, 0x00, 0x00, static_cast<unsigned char>(status)};
-  }
 };
-
-// An empty value reads as no parameter; an object without accessControl is closed even to root.
-TEST_F(ReadsTest, GetAnswersTheValueFromTheBackingFileOrTheStatus) {
-  Serve();
-  const std::pair<const char*, const char*> cases[] = {
-      {"Network.Hostname", "camera1"},           {"root.Network.Domain", "example.com"},
-      {"root.Network.Eth0.Address", "10.0.0.2"}, {"root.Network.Nothing", "<status 16>"},
-      {"root.Network.Missing", "<status 16>"},   {"root.Closed.NoRules", "<status 3>"}};
-  for (const auto& [path, answer] : cases) EXPECT_EQ(Get(path), answer) << path;
-  EXPECT_TRUE(log().WaitFor("param accessControl=\"(not read)\"", 1000));
-}
-
-// The text form and the name-value list (below) mask it too.
-TEST_F(ReadsTest, WriteOnlyValuesReadAsStarsInEveryForm) {
-  Serve();
-  int fd = Connect();
-  ASSERT_GE(fd, 0);
-  std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(3, "root.Network.Secret"));
-  std::vector<unsigned char> masked = {0x11, 0x00, 0x06, 0x00, 's', 't', 'r', 'i', 'n',
-                                       'g',  0x05, 0x00, '*',  '*', '*', '*', '*'};
-  ASSERT_EQ(reply.size(), 6 + masked.size());
-  EXPECT_EQ(std::vector<unsigned char>(reply.begin() + 6, reply.end()), masked);
-  reply = Exchange(fd, 0, GetPayload(0, "root.Network.Secret"));
-  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "*****");
-  close(fd);
-}
-
-TEST_F(ReadsTest, SerialisedGetShowsWriteOnlyValuesWhenUpgrading) {
-  Serve({"-upgrade"});
-  int fd = Connect();
-  ASSERT_GE(fd, 0);
-  std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(3, "root.Network.Secret"));
-  std::string tail(reply.end() - 7, reply.end());
-  EXPECT_EQ(tail, "hunter2");
-  close(fd);
-}
-
-TEST_F(ReadsTest, InfoRequestsWalkTheTree) {
-  Serve();
-  TessClient* client = nullptr;
-  ASSERT_EQ(tessclient_connect(nullptr, &client), 0);
-  char* path = nullptr;
-  char* name = nullptr;
-  char* type = nullptr;
-  ASSERT_EQ(tessclient_get_param_info(client, "root.Network", 0, &path, &name, &type),
-            TESSCLIENT_OK);
-  EXPECT_STREQ(path, "root.Network.Hostname");
-  EXPECT_STREQ(name, "Hostname");
-  EXPECT_STREQ(type, "string");
-  free(path), free(name), free(type);
-  EXPECT_EQ(tessclient_get_param_info(client, "root.Network", 99, &path, &name, &type),
-            TESSCLIENT_NO_PARAM);
-  EXPECT_EQ(tessclient_get_param_info(client, "root.Nowhere", 0, &path, &name, &type),
-            TESSCLIENT_NO_GROUP);
-  ASSERT_EQ(tessclient_get_group_info(client, "root", 0, &path, &name), TESSCLIENT_OK);
-  EXPECT_STREQ(path, "root.Closed") << "children are sorted by name";
-  free(path), free(name);
-  EXPECT_EQ(tessclient_get_group_info(client, "root", 2, &path, &name), TESSCLIENT_NO_SUBGROUP);
-  tessclient_close(client);
-}
-
-TEST_F(ReadsTest, ParamOptionCountsItsTerminatingZero) {
-  Serve();
-  int fd = Connect();
-  ASSERT_GE(fd, 0);
-  auto option_request = [](const std::string& name) {
-    std::vector<unsigned char> p;
-    Put8(&p, 0);
-    PutText(&p, "root.Network.Hostname");
-    Put8(&p, 0);
-    PutText(&p, name);
-    return p;
-  };
-  EXPECT_EQ(Exchange(fd, 4, option_request("nothere")),
-            (std::vector<unsigned char>{0x07, 0, 0, 0, 0x01, 0x00, 0x00}));
-  std::string mount = "Standard{Root}{hostname}";
-  std::vector<unsigned char> reply = Exchange(fd, 4, option_request("mount"));
-  ASSERT_EQ(reply.size(), 7 + mount.size());
-  EXPECT_EQ(reply[4], mount.size() + 1);
-  EXPECT_EQ(std::string(reply.begin() + 6, reply.end() - 1), mount);
-  EXPECT_EQ(reply.back(), 0);
-  // A name whose length reaches one byte past the payload is refused, never read.
-  std::vector<unsigned char> cut = option_request("mount");
-  cut.pop_back();
-  EXPECT_EQ(Exchange(fd, 4, cut), Status(4));
-  EXPECT_EQ(Exchange(fd, 4, option_request("bad.name")), Status(4));
-  close(fd);
-}
 
 TEST_F(ReadsTest, NameValueListShowsOnlyReadableParameters) {
   Serve();
@@ -227,22 +119,6 @@ TEST_F(ReadsTest, ClaimedIdentityMustMatchThePeer) {
   EXPECT_EQ(line.message,
             "Authorization failure: client UID=2003, GID=2003request type GET "
             "data=[root.Network.Secret], param accessControl=\"admin:3\"\n");
-}
-
-TEST_F(ReadsTest, MalformedRequestsAnswerFourAndKeepTheConnection) {
-  Serve();
-  int fd = Connect();
-  ASSERT_GE(fd, 0);
-  EXPECT_EQ(Exchange(fd, 3, {0x00}), Status(4)) << "GETPARAMINFO cut after the case byte";
-  EXPECT_EQ(Exchange(fd, 0, GetPayload(0, std::string(256, 'a'))), Status(4));
-  EXPECT_EQ(Exchange(fd, 0, GetPayload(0, "bad path")), Status(4));
-  std::vector<unsigned char> lying = GetPayload(0, "Network.Hostname");
-  lying.resize(lying.size() - 3);
-  EXPECT_EQ(Exchange(fd, 0, lying), Status(4));
-  EXPECT_TRUE(log().WaitFor("getPath  pos(", 1000));
-  std::vector<unsigned char> reply = Exchange(fd, 0, GetPayload(0, "Network.Hostname"));
-  EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "camera1");
-  close(fd);
 }
 
 TEST_F(ReadsTest, UnknownTypeGetsNoReplyAndBackToBackRequestsAreAnsweredInOrder) {
