@@ -3,7 +3,6 @@
 // packaged example device, and the installed tessctl reads a parameter from it.
 // debian/tests/sandbox runs it with the built packages' paths in TESSARD_PACKAGES.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -19,29 +18,11 @@ namespace {
 
 class PackageTest : public SandboxTest {
  protected:
-  void TearDown() override {
-    if (activator_ > 0) {
-      kill(activator_, SIGTERM);
-      if (WaitExit(activator_, 5000) < 0) kill(activator_, SIGKILL);
-      WaitExit(activator_, 5000);
-    }
-    SandboxTest::TearDown();
-  }
-
   // The words of a "Key=" line of an installed unit.
   static std::vector<std::string> unit_words(const std::string& unit, const std::string& key) {
-    std::string text = ReadFile("/usr/lib/systemd/system/" + unit);
-    if (text.empty()) text = ReadFile("/lib/systemd/system/" + unit);
-    size_t at = text.find("\n" + key + "=");
-    if (at == std::string::npos) return {};
-    at += key.size() + 2;
-    std::istringstream line(text.substr(at, text.find('\n', at) - at));
-    std::vector<std::string> words;
-    for (std::string word; line >> word;) words.push_back(word);
-    return words;
+    std::vector<std::string> words = UnitLine("/usr/lib/systemd/system/" + unit, key);
+    return words.empty() ? UnitLine("/lib/systemd/system/" + unit, key) : words;
   }
-
-  pid_t activator_ = -1;
 };
 
 TEST_F(PackageTest, InstalledUnitsServeThePackagedExample) {
@@ -69,25 +50,14 @@ TEST_F(PackageTest, InstalledUnitsServeThePackagedExample) {
   std::vector<std::string> listen = unit_words("tessard.socket", "ListenStream");
   ASSERT_GE(exec.size(), 1u) << "no ExecStart in the installed service";
   ASSERT_EQ(listen.size(), 1u) << "no single ListenStream in the installed socket";
-  activator_ = fork();
-  if (activator_ == 0) {
-    std::vector<std::string> args = {"systemd-socket-activate", "-l", listen[0]};
-    args.insert(args.end(), exec.begin(), exec.end());
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
-  ASSERT_GT(activator_, 0);
-  for (int i = 0; i < 500 && !Exists(listen[0]); i++) usleep(10000);
-  ASSERT_TRUE(Exists(listen[0])) << "systemd-socket-activate did not listen on " << listen[0];
+  pid_t pid = StartActivated(listen[0], exec);
+  ASSERT_GT(pid, 0);
 
   out.clear();
   EXPECT_EQ(run_command("timeout 10 /usr/bin/tessctl get root.System.Time.TimeZone", &out), 0)
       << out;
   EXPECT_EQ(out, "Europe/Berlin\n");
-  EXPECT_TRUE(log().WaitFor("Starting server.", 5000, nullptr, activator_))
+  EXPECT_TRUE(log().WaitFor("Starting server.", 5000, nullptr, pid))
       << "the activated daemon is not the one that served";
 }
 

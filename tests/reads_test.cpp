@@ -48,19 +48,6 @@ class ReadsTest : public SandboxTest {
   }
 
   void Serve() { StartServing({"/etc/tessard.conf", "0"}); }
-
-  static std::vector<unsigned char> GetPayload(int form, const std::string& path, int uid = 0,
-                                               int gid = 0) {
-    std::vector<unsigned char> p;
-    Put8(&p, form);
-    Put8(&p, 2);
-    Put8(&p, 0);
-    Put16(&p, uid);
-    Put16(&p, gid);
-    Put8(&p, 0);
-    PutText(&p, path);
-    return p;
-  }
 };
 
 TEST_F(ReadsTest, NameValueListShowsOnlyReadableParameters) {
@@ -125,11 +112,11 @@ TEST_F(ReadsTest, UnknownTypeGetsNoReplyAndBackToBackRequestsAreAnsweredInOrder)
   Serve();
   int fd = Connect();
   ASSERT_GE(fd, 0);
-  ASSERT_TRUE(SendRequest(fd, 11, {0x00}));
+  ASSERT_TRUE(Send(fd, Frame(11, {0x00})));
   std::vector<unsigned char> reply;
   EXPECT_EQ(ReadReply(fd, &reply, 300), -1);
-  ASSERT_TRUE(SendRequest(fd, 0, GetPayload(0, "Network.Hostname")));
-  ASSERT_TRUE(SendRequest(fd, 0, GetPayload(0, "Network.Domain")));
+  ASSERT_TRUE(Send(fd, GetFrame("Network.Hostname")));
+  ASSERT_TRUE(Send(fd, GetFrame("Network.Domain")));
   ASSERT_EQ(ReadReply(fd, &reply), 0);
   EXPECT_EQ(std::string(reply.begin() + 6, reply.end()), "camera1");
   ASSERT_EQ(ReadReply(fd, &reply), 0);

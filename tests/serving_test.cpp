@@ -38,27 +38,12 @@ class ServingTest : public SandboxTest {
     WriteFile("/etc/net.conf", "name " + std::string(2000, 'n') + "\n");
   }
 
-  // A GET of root.Net.Name in text form, as root.
-  static std::vector<unsigned char> GetFrame() {
-    std::vector<unsigned char> payload = {0, 2, 0, 0, 0, 0, 0, 0};
-    PutText(&payload, "Net.Name");
-    std::vector<unsigned char> frame;
-    Put16(&frame, static_cast<int>(payload.size()) + 3);
-    Put8(&frame, 0);
-    frame.insert(frame.end(), payload.begin(), payload.end());
-    return frame;
-  }
-
-  static bool Send(int fd, const std::vector<unsigned char>& bytes) {
-    return write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
-  }
-
   // Whether a new client's GET is answered within `timeout_ms`.
   static bool AnsweredWithin(int timeout_ms) {
     int fd = Connect();
     std::vector<unsigned char> reply;
-    bool answered = fd >= 0 && Send(fd, GetFrame()) && ReadReply(fd, &reply, timeout_ms) == 0 &&
-                    reply.size() == kReplyLength;
+    bool answered = fd >= 0 && Send(fd, GetFrame("Net.Name")) &&
+                    ReadReply(fd, &reply, timeout_ms) == 0 && reply.size() == kReplyLength;
     if (fd >= 0) close(fd);
     return answered;
   }
@@ -90,7 +75,7 @@ TEST_F(ServingTest, IdleHalfSentAndNonReadingClientsDelayNobody) {
   int half = Connect();
   int deaf = Connect();
   ASSERT_TRUE(idle >= 0 && half >= 0 && deaf >= 0);
-  std::vector<unsigned char> frame = GetFrame();
+  std::vector<unsigned char> frame = GetFrame("Net.Name");
   ASSERT_TRUE(Send(half, {frame.begin(), frame.begin() + 5}));
   // 4 MiB of replies asked for and never read: far beyond what the daemon queues for a client.
   fcntl(deaf, F_SETFL, O_NONBLOCK);
@@ -108,7 +93,7 @@ TEST_F(ServingTest, HalfRequestIsAnsweredWhenCompletedInTimeAndDroppedAtTheDeadl
   StartServing({"/etc/tessard.conf", "0"});
   int late = Connect();
   int never = Connect();
-  std::vector<unsigned char> frame = GetFrame();
+  std::vector<unsigned char> frame = GetFrame("Net.Name");
   std::vector<unsigned char> head(frame.begin(), frame.begin() + 5);
   auto start = Clock::now();
   ASSERT_TRUE(Send(late, head) && Send(never, head));
@@ -127,7 +112,7 @@ TEST_F(ServingTest, TwoFloodingClientsEachGetAThirdOfTheAnswers) {
   StartServing({"/etc/tessard.conf", "0"});
   // One thread drives both clients, so that neither is favoured by the scheduler of the test: each
   // keeps many requests in flight and asks again for every answer.
-  std::vector<unsigned char> frame = GetFrame();
+  std::vector<unsigned char> frame = GetFrame("Net.Name");
   pollfd clients[2] = {{Connect(), POLLIN, 0}, {Connect(), POLLIN, 0}};
   long bytes[2] = {0, 0};
   for (pollfd& c : clients) {
@@ -162,7 +147,7 @@ TEST_F(ServingTest, ElevenHundredSimultaneousClientsAreAllAnsweredTwice) {
     ASSERT_GE(clients.back(), 0) << "client " << i;
   }
   for (int round = 0; round < 2; round++) {
-    for (int fd : clients) ASSERT_TRUE(Send(fd, GetFrame()));
+    for (int fd : clients) ASSERT_TRUE(Send(fd, GetFrame("Net.Name")));
     int answered = 0;
     std::vector<unsigned char> reply;
     for (int fd : clients)

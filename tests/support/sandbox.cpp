@@ -319,6 +319,39 @@ pid_t SandboxTest::StartDaemon(const std::vector<std::string>& args,
   _exit(127);
 }
 
+pid_t SandboxTest::StartActivated(const std::string& listen,
+                                  const std::vector<std::string>& command) {
+  std::vector<std::string> args = {"systemd-socket-activate", "-l", listen, "-E",
+                                   "ASAN_OPTIONS=detect_leaks=0"};
+  args.insert(args.end(), command.begin(), command.end());
+  log_.Pause();
+  pid_t pid = fork();
+  if (pid == 0) {
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execvp(argv[0], argv.data());
+    _exit(127);
+  }
+  log_.Resume();
+  if (pid > 0) daemon_pid_ = pid;
+  for (int i = 0; i < 500 && pid > 0 && !Exists(listen); i++) usleep(10000);
+  if (pid > 0 && Exists(listen)) return pid;
+  ADD_FAILURE() << "systemd-socket-activate did not listen on " << listen;
+  return -1;
+}
+
+std::vector<std::string> SandboxTest::UnitLine(const std::string& path, const std::string& key) {
+  std::string text = ReadFile(path);
+  size_t at = text.find("\n" + key + "=");
+  if (at == std::string::npos) return {};
+  at += key.size() + 2;
+  std::istringstream line(text.substr(at, text.find('\n', at) - at));
+  std::vector<std::string> words;
+  for (std::string word; line >> word;) words.push_back(word);
+  return words;
+}
+
 pid_t SandboxTest::StartServing(const std::vector<std::string>& args,
                                 const std::map<std::string, std::string>& env) {
   pid_t pid = StartDaemon(args, {}, env);
@@ -407,12 +440,33 @@ int SandboxTest::Connect(const std::string& path) {
   return -1;
 }
 
-bool SandboxTest::SendRequest(int fd, int type, const std::vector<unsigned char>& payload) {
-  std::vector<unsigned char> frame;
-  Put16(&frame, static_cast<int>(payload.size()) + 3);
-  Put8(&frame, type);
+std::vector<unsigned char> SandboxTest::Frame(int type, const std::vector<unsigned char>& payload) {
+  size_t length = payload.size() + 3;
+  std::vector<unsigned char> frame = {static_cast<unsigned char>(length & 0xFF),
+                                      static_cast<unsigned char>(length >> 8),
+                                      static_cast<unsigned char>(type)};
   frame.insert(frame.end(), payload.begin(), payload.end());
-  return write(fd, frame.data(), frame.size()) == static_cast<ssize_t>(frame.size());
+  return frame;
+}
+
+// Form 0 (text), sub-form 2, case byte, uid 0, gid 0, quiet byte, counted path.
+std::vector<unsigned char> SandboxTest::GetFrame(const std::string& path) {
+  std::vector<unsigned char> payload = {0,
+                                        2,
+                                        0,
+                                        0,
+                                        0,
+                                        0,
+                                        0,
+                                        0,
+                                        static_cast<unsigned char>(path.size() & 0xFF),
+                                        static_cast<unsigned char>(path.size() >> 8)};
+  payload.insert(payload.end(), path.begin(), path.end());
+  return Frame(0, payload);
+}
+
+bool SandboxTest::Send(int fd, const std::vector<unsigned char>& bytes) {
+  return write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
 }
 
 namespace {
@@ -443,20 +497,6 @@ int SandboxTest::ReadReply(int fd, std::vector<unsigned char>* reply, int timeou
   if (total < 4) return -2;
   reply->resize(total);
   return read_until(fd, reply->data() + 4, total - 4, deadline);
-}
-
-void SandboxTest::Put8(std::vector<unsigned char>* out, int value) {
-  out->push_back(static_cast<unsigned char>(value));
-}
-
-void SandboxTest::Put16(std::vector<unsigned char>* out, int value) {
-  out->push_back(static_cast<unsigned char>(value & 0xFF));
-  out->push_back(static_cast<unsigned char>((value >> 8) & 0xFF));
-}
-
-void SandboxTest::PutText(std::vector<unsigned char>* out, const std::string& text) {
-  Put16(out, static_cast<int>(text.size()));
-  out->insert(out->end(), text.begin(), text.end());
 }
 
 }  // namespace tessard::test

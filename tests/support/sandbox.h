@@ -80,6 +80,12 @@ class SandboxTest : public ::testing::Test {
   // 3, 4, ... with LISTEN_FDS/LISTEN_PID set, as systemd does for socket activation.
   pid_t StartDaemon(const std::vector<std::string>& args, const std::vector<int>& passed_fds = {},
                     const std::map<std::string, std::string>& env = {});
+  // Starts `command` as systemd starts a socket-activated service: under systemd-socket-activate
+  // listening on `listen`. The activated process is the daemon, stopped at TearDown. Waits for
+  // the socket; returns the pid, or -1 after failing the test.
+  pid_t StartActivated(const std::string& listen, const std::vector<std::string>& command);
+  // The words of the "Key=" line of the unit file at `path`; empty when there is none.
+  static std::vector<std::string> UnitLine(const std::string& path, const std::string& key);
   // Starts the daemon and waits for "Starting server.". Fails the test on time-out.
   pid_t StartServing(const std::vector<std::string>& args,
                      const std::map<std::string, std::string>& env = {});
@@ -99,15 +105,14 @@ class SandboxTest : public ::testing::Test {
   // Connects to the daemon's socket (or `path`); returns the descriptor or -1.
   static int Connect(const std::string& path = "/run/tessard/tessardsocket");
 
-  // Sends one request frame: the length prefix, `type` and `payload`.
-  static bool SendRequest(int fd, int type, const std::vector<unsigned char>& payload);
+  // A request frame: the length prefix, `type` and `payload`; a GET of `path` in text form by root.
+  static std::vector<unsigned char> Frame(int type, const std::vector<unsigned char>& payload);
+  static std::vector<unsigned char> GetFrame(const std::string& path);
+  // Writes all of `bytes` at once; false when the socket took less.
+  static bool Send(int fd, const std::vector<unsigned char>& bytes);
   // Reads one reply frame (header included). 0 when a reply came, -1 when none came within
   // `timeout_ms`, -2 when the daemon closed the connection.
   static int ReadReply(int fd, std::vector<unsigned char>* reply, int timeout_ms = 5000);
-  // Builds payload fields: int8, little-endian int16, counted text.
-  static void Put8(std::vector<unsigned char>* out, int value);
-  static void Put16(std::vector<unsigned char>* out, int value);
-  static void PutText(std::vector<unsigned char>* out, const std::string& text);
 
   // Starts the daemon's system bus: a dbus-daemon that allows everything, listening on
   // kSystemBusSocket in the sandbox's /run, the daemon's default system bus address; and a
