@@ -18,6 +18,7 @@
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
+#include "tests/support/logcapture.h"
 #include "tests/support/textfile.h"
 
 namespace {
@@ -86,6 +87,37 @@ std::string rewrite(const std::string& text, Rewrite fn, int* rc) {
 
 // The line from the template, what a group template (file name given) writes, and what a
 // parameter template writes when it differs.
+// The parameter directory first: a regular file in its place passes, a path that cannot be made
+// ends the start-up before the group directory is tried.
+TEST_F(DynamicDirsTest, InitMakesTheParameterThenTheGroupDirectory) {
+  auto init = [&](const std::string& param_dir) {
+    tessard::test::clear_captured_log();
+    return dyn_init(dir("tmpl").c_str(), dir("tmplfb").c_str(), (param_dir + "/param").c_str(),
+                    param_dir.c_str());
+  };
+  mode_t saved = umask(022);
+  EXPECT_EQ(init(dir("new")), 0);
+  umask(saved);
+  for (const char* made : {"new", "new/param"}) {
+    struct stat st {};
+    ASSERT_EQ(stat(dir(made).c_str(), &st), 0) << made;
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0755u) << "0775 under the umask 022";
+  }
+  write_text(dir("file"), "x");
+  EXPECT_EQ(init(dir("file")), 1);
+  EXPECT_EQ(tessard::test::count_logged("create_directory, trouble creating the group dir '" +
+                                        dir("file/param") + "': Not a directory"),
+            1);
+  EXPECT_EQ(tessard::test::count_logged("parameter dir"), 0);
+  ASSERT_EQ(symlink("/nowhere/at/all", dir("link").c_str()), 0);
+  EXPECT_EQ(init(dir("link")), -1);
+  EXPECT_EQ(tessard::test::count_logged("create_directory, trouble creating the parameter dir '" +
+                                        dir("link") + "': File exists"),
+            1);
+  EXPECT_EQ(tessard::test::count_logged("group dir"), 0);
+}
+
 TEST_F(DynamicDirsTest, MergeTextSubstitutesOnePlaceholderPerLine) {
   const std::tuple<const char*, std::string, std::string> cases[] = {
       {"group REPLACE_GROUP {\n", "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n", ""},
