@@ -1,7 +1,6 @@
-// Dynamic groups in the real daemon: the data directories made at start-up, and groups created,
-// deleted and synchronised through client requests.
+// Dynamic groups in the real daemon: the data directories at start-up, and groups created, deleted
+// and synchronised through client requests.
 #include <sys/stat.h>
-#include <syslog.h>
 #include <tessard/tessclient.h>
 #include <unistd.h>
 
@@ -24,34 +23,22 @@ class DynamicGroupsDaemonTest : public SandboxTest {
   }
 };
 
-TEST_F(DynamicGroupsDaemonTest, StartUpMakesBothDataDirectories) {
+// How each directory is made is dynamic_test's; here the daemon's own umask and its reaction to
+// a directory that cannot be made.
+TEST_F(DynamicGroupsDaemonTest, StartUpMakesTheDataDirectoriesUnderItsOwnUmask) {
+  mode_t inherited = umask(077);
   StartServing({"/etc/tessard.conf", "0"});
+  umask(inherited);
   struct stat st {};
   ASSERT_EQ(stat("/etc/dynamic/param", &st), 0);
-  EXPECT_TRUE(S_ISDIR(st.st_mode));
   EXPECT_EQ(st.st_mode & 0777, 0755u) << "0775 under the daemon's umask 022";
-}
-
-TEST_F(DynamicGroupsDaemonTest, RegularFileAsParameterDirectoryIsAcceptedAndStartUpGoesOn) {
-  WriteFile("/etc/dynamic", "not a directory");
-  StartServing({"/etc/tessard.conf", "0"});
-  LogLine line;
-  ASSERT_TRUE(log().WaitFor("trouble creating the group dir", 1000, &line));
-  EXPECT_EQ(line.message,
-            "create_directory, trouble creating the group dir '/etc/dynamic/param': Not a "
-            "directory");
-  EXPECT_EQ(line.priority, LOG_ERR);
-  EXPECT_EQ(log().Count("parameter dir"), 0);
 }
 
 TEST_F(DynamicGroupsDaemonTest, ParameterDirectoryThatCannotBeMadeEndsStartUp) {
   ASSERT_EQ(symlink("/nowhere/at/all", "/etc/dynamic"), 0);
   pid_t pid = StartDaemon({"/etc/tessard.conf", "0"});
   EXPECT_EQ(WaitExit(pid), 255);
-  EXPECT_TRUE(log().WaitFor(
-      "create_directory, trouble creating the parameter dir '/etc/dynamic': File exists", 1000));
   EXPECT_TRUE(log().WaitFor("Initialization of the dynamic directories failed.", 1000));
-  EXPECT_EQ(log().Count("group dir"), 0) << "the group directory is not tried";
 }
 
 constexpr const char* kConfig = R"(accessControl = "admin:0xF"
