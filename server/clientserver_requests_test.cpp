@@ -3,12 +3,15 @@
 // process, root, whom every accessControl admits; per-user rules are the whole-daemon tests'.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
+#include "dynamic/dynamic.h"
+#include "dynamic/dynamic_internal.h"
 #include "init/init.h"
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
@@ -45,6 +48,12 @@ std::string set(const std::string& path, const std::string& value, int form = 0)
 std::string member(const std::string& path, int index) {
   return '\0' + text(path) + u16(index);
 }
+// CREATE_GROUP (and type 10) by root: identity, quiet and case bytes, parent, number, template,
+// sync byte.
+std::string create(const std::string& tmpl, int number = 0xFFFF, int sync = 0) {
+  return u16(0) + u16(0) + std::string(2, '\0') + text("Net.Interface") + u16(number) + text(tmpl) +
+         static_cast<char>(sync);
+}
 std::string option(const std::string& path, const std::string& name) {
   return '\0' + text(path) + '\0' + text(name);
 }
@@ -69,6 +78,7 @@ constexpr char kConfig[] = R"(group Network {
 }
 group Closed { param NoRules { parser = Standardparser file = "DIR/network.conf"
   mount = "Standard{Root}{hostname}" } }
+group Net { accessControl = ":f" group Interface { maxGroups = "4" } }
 group Host {
   accessControl = ":3"
   param Name { parser = SinglevalueParser file = "DIR/hostname" mount = "Singlevalue{}" }
@@ -76,6 +86,13 @@ group Host {
   param Shell { parser = ShellParser file = "DIR/ifcfg" mount = "Shell{NAME}" }
 }
 )";
+
+// The group template allows 3 groups, the parent 4.
+constexpr char kGroupTemplate[] =
+    "# maxGroups = \"3\"\ngroup REPLACE_GROUP {\n  accessControl = \":f\"\n  file = "
+    "\"REPLACE_FILE\"\n"
+    "  parser = \"Standardparser\"\n  param Address { mount = \"Standard{REPLACE}{address}\" "
+    "}\n}\n";
 
 constexpr char kNetwork[] =
     "# network\nhostname camera1\nsecret hunter2\nserial ABC123\nmode Auto\nlabel front\n"
@@ -89,8 +106,19 @@ class RequestTest : public ::testing::Test {
   }
 
   void SetUp() override {
-    dir_ = ::testing::TempDir() + "requestsXXXXXX";
-    ASSERT_NE(mkdtemp(dir_.data()), nullptr);
+    // Dynamic group files are named by lowered paths: the directory must be lower case.
+    static int counter = 0;
+    dir_ = ::testing::TempDir() + "requests_" + std::to_string(getpid()) + "_" +
+           std::to_string(counter++);
+    for (const char* sub : {"", "/tmpl", "/dynamic", "/dynamic/param"}) {
+      ASSERT_EQ(mkdir((dir_ + sub).c_str(), 0755), 0) << dir_ + sub;
+    }
+    std::ofstream(dir_ + "/tmpl/Eth_grp.conf") << kGroupTemplate;
+    std::ofstream(dir_ + "/tmpl/Eth_par.conf") << "[REPLACE]\naddress 10.0.0.REPLACE_NBR\n";
+    ASSERT_EQ(dyn_init((dir_ + "/tmpl").c_str(), (dir_ + "/tmpl").c_str(),
+                       (dir_ + "/dynamic/param").c_str(), (dir_ + "/dynamic").c_str()),
+              0);
+    dyn_setScratchDir(dir_.c_str());
     std::ofstream(dir_ + "/network.conf") << kNetwork;
     std::ofstream(dir_ + "/hostname") << "cam\n";
     std::ofstream(dir_ + "/resolv.conf") << "search ex.com\n";
@@ -109,6 +137,7 @@ class RequestTest : public ::testing::Test {
 
   void TearDown() override {
     upgradeMode = 0;
+    while (TmpListEntry* entry = dyn_tmplistHead()) remove_tmplist(entry);
     for (int fd : fds_) close(fd);
     std::system(("rm -rf '" + dir_ + "'").c_str());
   }
@@ -165,7 +194,7 @@ TEST_F(RequestTest, InfoRequestsWalkTheTree) {
   EXPECT_EQ(exchange(GETGROUPINFO, member("root", 0)),
             reply(0, text("root.Closed") + text("Closed")))
       << "children are sorted by name";
-  EXPECT_EQ(exchange(GETGROUPINFO, member("root", 3)), reply(STATUS_NO_SUBGROUP));
+  EXPECT_EQ(exchange(GETGROUPINFO, member("root", 4)), reply(STATUS_NO_SUBGROUP));
 }
 
 // The option's text is counted with its terminating zero; an unset option is that zero alone.
@@ -259,6 +288,33 @@ TEST_F(RequestTest, SerialisedValueOfAnotherKindIsRefused) {
   EXPECT_EQ(exchange(SET, set("Network.Missing", hash, 3)), reply(STATUS_NO_MEMORY))
       << "no backing file takes a hash";
   EXPECT_EQ(value("Network.Hostname"), "camera1");
+}
+
+// The name of a created group, as the reply carries it.
+std::string created(const char* name) {
+  return reply(0, std::string(name) + '\0');
+}
+
+TEST_F(RequestTest, CreationChecksTheTemplateNameThenTheSmallerGroupLimit) {
+  EXPECT_EQ(exchange(CREATE_GROUP, create("Bad.name")), reply(STATUS_MALFORMED));
+  EXPECT_EQ(exchange(CREATE_GROUP, create(std::string(256, 'a'))), reply(STATUS_MALFORMED));
+  EXPECT_EQ(exchange(CREATE_GROUP, create("Nope")), reply(STATUS_FAILED)) << "no such template";
+  for (const char* name : {"I0", "I1", "I2"}) {
+    EXPECT_EQ(exchange(CREATE_GROUP, create("Eth")), created(name));
+  }
+  EXPECT_EQ(exchange(CREATE_GROUP, create("Eth")), reply(STATUS_GROUP_LIMIT));
+  EXPECT_EQ(exchange(CREATE_GROUP_2, create("Eth")), created("I3")) << "type 10 has no limit";
+  EXPECT_EQ(value("Net.Interface.I2.Address"), "10.0.0.2") << "the check at the limit removes none";
+}
+
+TEST_F(RequestTest, RequestedExistingNumberFailsUnlessUpgrading) {
+  ASSERT_EQ(exchange(CREATE_GROUP, create("Eth", 0, 10)), created("I0"));
+  EXPECT_EQ(exchange(CREATE_GROUP, create("Eth", 0)), reply(STATUS_NO_PARAM));
+  EXPECT_EQ(count_logged(
+                "Creating group for 'root.Net.Interface' with number '0' failed! (Already exists)"),
+            1);
+  upgradeMode = 1;
+  EXPECT_EQ(exchange(CREATE_GROUP, create("Eth", 0)), created("I0"));
 }
 
 }  // namespace
