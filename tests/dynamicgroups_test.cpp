@@ -50,7 +50,6 @@ group Net {
 // The group template lies in the primary directory, the parameter template in the fallback one.
 // Its accessControl rules the creation (template) and the deletion (the group's option).
 constexpr const char* kGroupTemplate =
-    "# maxGroups = \"3\"\n"
     "group REPLACE_GROUP {\n"
     "  accessControl = \"admin:0xF\"\n"
     "  file = \"REPLACE_FILE\"\n"
@@ -79,22 +78,14 @@ class DynamicGroupRequestsTest : public DynamicGroupsDaemonTest {
   }
 
   // The group files are read back at start-up as an extra configuration directory.
-  void Serve(const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> args = {"/etc/tessard.conf", "0", "-d", "/etc/dynamic/param"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    StartServing(args);
-  }
+  void Serve() { StartServing({"/etc/tessard.conf", "0", "-d", "/etc/dynamic/param"}); }
 
   // Creates a group under root.Net.Interface; the name, or "<status N>".
-  static std::string Create(int number, int sync = 0, bool unlimited = false,
-                            const std::string& tmpl = "Eth") {
+  static std::string Create(int number, int sync = 0) {
     TessClient* client = nullptr;
     if (tessclient_connect(nullptr, &client) != 0) return "<no connection>";
     char* name = nullptr;
-    int status = unlimited ? tessclient_create_group_unlimited(client, "root.Net.Interface",
-                                                               tmpl.c_str(), number, sync, &name)
-                           : tessclient_create_group(client, "root.Net.Interface", tmpl.c_str(),
-                                                     number, sync, &name);
+    int status = tessclient_create_group(client, "root.Net.Interface", "Eth", number, sync, &name);
     std::string result = status == TESSCLIENT_OK ? name : "<status " + std::to_string(status) + ">";
     free(name);
     tessclient_close(client);
@@ -128,36 +119,6 @@ TEST_F(DynamicGroupRequestsTest, CreatedGroupIsReadableAtOnceAndItsFilesChangeAt
   EXPECT_FALSE(Exists(kPendingGroupFile));
   EXPECT_EQ(Headers(ReadFile(kGroupFile)), (Names{"Net", "Interface", "I0", "I2"}));
   EXPECT_TRUE(log().WaitFor("Created new group 'I2' for 'root.Net.Interface'.", 1000));
-}
-
-TEST_F(DynamicGroupRequestsTest, RequestedExistingNumberFailsUnlessUpgrading) {
-  Serve();
-  ASSERT_EQ(Create(0, 10), "I0");
-  EXPECT_EQ(Create(0), "<status 16>");
-  EXPECT_TRUE(log().WaitFor(
-      "Creating group for 'root.Net.Interface' with number '0' failed! (Already exists)", 1000));
-  StopDaemon();
-  Serve({"-upgrade"});
-  EXPECT_EQ(Create(0), "I0");
-}
-
-TEST_F(DynamicGroupRequestsTest, GroupLimitIsTheSmallerMaxGroupsAndTypeTenIgnoresIt) {
-  Serve();
-  EXPECT_EQ(Create(kAny), "I0");
-  EXPECT_EQ(Create(kAny), "I1");
-  EXPECT_EQ(Create(kAny), "I2");
-  EXPECT_EQ(Create(kAny), "<status 6>") << "the template allows 3, the parent 4";
-  EXPECT_EQ(Create(kAny, 0, true), "I3");
-  EXPECT_EQ(Get("root.Net.Interface.I2.Address"), "10.0.0.2")
-      << "the check at the limit removes no group";
-}
-
-TEST_F(DynamicGroupRequestsTest, TemplateNamesAreCheckedFirst) {
-  Serve();
-  EXPECT_EQ(Create(kAny, 0, false, "Bad.name"), "<status 4>");
-  EXPECT_EQ(Create(kAny, 0, false, std::string(256, 'a')), "<status 4>");
-  EXPECT_EQ(Create(kAny, 0, false, "Nope"), "<status 1>") << "no such template";
-  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "<status 16>");
 }
 
 TEST_F(DynamicGroupRequestsTest, DeletionDropsBlockSectionsAndDependentFiles) {
