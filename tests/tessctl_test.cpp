@@ -88,17 +88,15 @@ class TessctlDaemonTest : public SandboxTest {
   }
 };
 
-TEST_F(TessctlDaemonTest, SetGetAndRefusalByTheCallersRights) {
+// A set and a get carried through, a refusal by the caller's rights, and explain working out
+// sysop's rights from its group "system" itself.
+TEST_F(TessctlDaemonTest, CarriesRequestsAsTheCallingUser) {
   EXPECT_EQ(Tessctl(kAlice, {"set", "Net.Host", "cam2"}), (Outcome{0, "", ""}));
   std::string changed = kNetFile;
   EXPECT_EQ(ReadFile("/etc/net.conf"), changed.replace(changed.find("cam1"), 4, "cam2"));
   EXPECT_EQ(Tessctl(kCarol, {"get", "Net.Host"}), (Outcome{0, "cam2\n", ""}));
   EXPECT_EQ(Tessctl(kBob, {"get", "Net.Secret"}),
             (Outcome{3, "", "tessctl: root.Net.Secret: access refused\n"}));
-}
-
-// sysop's rights come from its group "system", which explain looks up itself.
-TEST_F(TessctlDaemonTest, ExplainKnowsTheCallersGroups) {
   EXPECT_EQ(Tessctl(kSysop, {"explain", "Sys.Pass"}),
             (Outcome{0,
                      "root.Sys.Pass\n"
