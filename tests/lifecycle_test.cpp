@@ -106,13 +106,15 @@ TEST_F(LifecycleTest, SigtermEndsWithStatusZeroAndRemovesPidFile) {
 }
 
 TEST_F(LifecycleTest, LockedPidFileIsFatal) {
-  WriteFile(kPidFile, std::to_string(DeadPid()) + "\n");
+  std::string recorded = std::to_string(DeadPid());
+  WriteFile(kPidFile, recorded + "\n");
   int holder = open(kPidFile, O_RDONLY);
   ASSERT_EQ(flock(holder, LOCK_EX), 0);
   pid_t pid = StartDaemon({"/etc/tessard.conf", "0"});
   EXPECT_EQ(WaitExit(pid), 1);
   close(holder);
-  EXPECT_TRUE(log().WaitFor("Can't lock, lock is held by pid", 1000, nullptr, pid));
+  EXPECT_TRUE(
+      log().WaitFor("Can't lock, lock is held by pid " + recorded + ".", 1000, nullptr, pid));
   EXPECT_TRUE(log().WaitFor("Could not write pid.", 1000, nullptr, pid));
   EXPECT_FALSE(Exists(kPidFile)) << "the exit handler runs on a fatal error";
 }
