@@ -34,10 +34,11 @@ std::string u16(size_t value) {
 std::string text(const std::string& s) {
   return u16(s.size()) + s;
 }
-// Form, sub-form and the identity (uid 0, gid 0) that GET and SET carry before the path.
+// The form (0 text, 3 serialised) and sub-form bytes that open GET and SET.
 std::string head(int form) {
   return std::string{static_cast<char>(form), static_cast<char>(form == 3 ? 0 : 2)};
 }
+// GET and SET by root: identity (uid 0, gid 0), case and quiet bytes, path; SET with sync byte 10.
 std::string get(const std::string& path, int form = 0) {
   return head(form) + '\0' + u16(0) + u16(0) + '\0' + text(path);
 }
@@ -89,10 +90,11 @@ group Host {
 
 // The group template allows 3 groups, the parent 4.
 constexpr char kGroupTemplate[] =
-    "# maxGroups = \"3\"\ngroup REPLACE_GROUP {\n  accessControl = \":f\"\n  file = "
-    "\"REPLACE_FILE\"\n"
-    "  parser = \"Standardparser\"\n  param Address { mount = \"Standard{REPLACE}{address}\" "
-    "}\n}\n";
+    "# maxGroups = \"3\"\n"
+    "group REPLACE_GROUP {\n"
+    "  accessControl = \":f\" file = \"REPLACE_FILE\" parser = \"Standardparser\"\n"
+    "  param Address { mount = \"Standard{REPLACE}{address}\" }\n"
+    "}\n";
 
 constexpr char kNetwork[] =
     "# network\nhostname camera1\nsecret hunter2\nserial ABC123\nmode Auto\nlabel front\n"

@@ -1,4 +1,5 @@
-// Runs the tessctl binary against a scripted fake daemon on a socket in a temporary directory.
+// Runs the tessctl binary against a scripted fake daemon on a socket in a temporary directory, and
+// checks explain's judgement of a caller's rights directly.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
