@@ -18,6 +18,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/textfile.h"
+
 namespace tessard::test {
 
 namespace {
@@ -417,10 +419,7 @@ void SandboxTest::WriteFile(const std::string& path, const std::string& content,
 }
 
 std::string SandboxTest::ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
+  return read_text(path);
 }
 
 bool SandboxTest::Exists(const std::string& path) {
