@@ -91,6 +91,12 @@ Malloced<char> scalar_text(const Data* data) {
 void reply_text(int fd, const Param* param, int subform) {
   if (subform != 2 || !is_custom_scalar(param->value)) return sendStatus(fd, STATUS_FAILED);
   if (is_masked(param)) return reply_one_item(fd, kMaskedText, sizeof kMaskedText - 1);
+  // Most texts fit on the stack; a longer one is printed into a buffer of its own.
+  char buffer[256];
+  int size = sizeof buffer;
+  int result = -1;
+  scalar_getStringToBuffer(param->value->custom, buffer, &size, &result);
+  if (result == 0) return reply_one_item(fd, buffer, size);
   Malloced<char> text = scalar_text(param->value);
   if (!text) return sendStatus(fd, STATUS_FAILED);
   reply_one_item(fd, text.get(), static_cast<int>(strlen(text.get())));

@@ -12,19 +12,30 @@ constexpr std::string_view kFileSuffix = ".conf";
 constexpr std::string_view kReadableDirectories[] = {"/usr/etc/param/", "/etc/dynamic/param/",
                                                      "/etc/tessard/portmanager/"};
 
-bool is_ascii_alnum(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-}
+// The characters allowed in a name: ASCII letters and digits and those of `extra`, as a table,
+// since every request's path is checked character by character.
+struct NameChars {
+  bool allowed[256] = {};
+  constexpr explicit NameChars(std::string_view extra) {
+    for (int c = 0; c < 256; ++c) {
+      allowed[c] = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+    }
+    for (char c : extra) allowed[static_cast<unsigned char>(c)] = true;
+  }
+};
 
-bool all_chars_in(std::string_view text, std::string_view extra) {
+constexpr NameChars kPathChars("-._");
+constexpr NameChars kTemplateChars("-_");
+
+bool all_chars_in(std::string_view text, const NameChars& chars) {
   for (char c : text) {
-    if (!is_ascii_alnum(c) && extra.find(c) == std::string_view::npos) return false;
+    if (!chars.allowed[static_cast<unsigned char>(c)]) return false;
   }
   return true;
 }
 
-bool valid_name(std::string_view text, std::string_view extra) {
-  return !text.empty() && text.size() <= kMaxNameLength && all_chars_in(text, extra);
+bool valid_name(std::string_view text, const NameChars& chars) {
+  return !text.empty() && text.size() <= kMaxNameLength && all_chars_in(text, chars);
 }
 
 int refuse(const char* format, std::string_view text) {
@@ -38,7 +49,7 @@ bool valid_file_name(std::string_view path) {
     if (!path.starts_with(dir)) continue;
     if (path.size() < dir.size() + kFileSuffix.size()) return false;
     std::string_view name = path.substr(dir.size(), path.size() - dir.size() - kFileSuffix.size());
-    return !name.empty() && all_chars_in(name, "-._");
+    return !name.empty() && all_chars_in(name, kPathChars);
   }
   return false;
 }
@@ -46,12 +57,12 @@ bool valid_file_name(std::string_view path) {
 }  // namespace
 
 int validateTemplateName(std::string_view name) {
-  if (valid_name(name, "-_")) return 1;
+  if (valid_name(name, kTemplateChars)) return 1;
   return refuse("Invalid template name: '%s'", name);
 }
 
 int validateGroupPath(std::string_view path) {
-  if (valid_name(path, "-._")) return 1;
+  if (valid_name(path, kPathChars)) return 1;
   return refuse("Invalid group path: '%s'", path);
 }
 
