@@ -89,6 +89,10 @@ struct ExchangeCase {
   std::string result;
 };
 
+void PrintTo(const ExchangeCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class ExchangeTest : public ClientTest, public ::testing::WithParamInterface<ExchangeCase> {
  protected:
   std::string call(Call call) {

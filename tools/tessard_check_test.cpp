@@ -101,6 +101,10 @@ struct Fault {
   Outcome expected;
 };
 
+void PrintTo(const Fault& c, std::ostream* os) {
+  *os << c.name;
+}
+
 const Fault kFaults[] = {
     {"Clean", kConfig, "", "", {0, ""}},
     {"GrammarError",

@@ -63,6 +63,10 @@ struct CommandCase {
   Outcome expected;
 };
 
+void PrintTo(const CommandCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class TessctlCommandTest : public TessctlTest, public ::testing::WithParamInterface<CommandCase> {};
 
 const std::string kNoParam = reply(0x10);
@@ -318,6 +322,10 @@ struct AccessCase {
   bool allowed;
   const char* reason;
 };
+
+void PrintTo(const AccessCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class TessctlAccessTest : public ::testing::TestWithParam<AccessCase> {};
 
