@@ -321,5 +321,19 @@ TEST_F(SetterSignalTest, SetterRunSignalsTheDaemonWithDefaultHangup) {
   EXPECT_EQ(received({"1\n"}), std::vector<std::string>{"1\n"});
 }
 
+// A group whose daemon is due gets the group's own signal, once, and only outside write-only runs.
+TEST_F(SetterSignalTest, GroupDaemonGetsTheGroupSignal) {
+  std::string name = start("g");
+  Group* g = group("G");
+  map_setGroupOption("daemon", name.c_str(), g, 0);
+  map_setGroupOption("signal", "USR2", g, 0);
+  g->daemonPending = 1;
+  map_runSetters(g, 2, 0);
+  EXPECT_EQ(g->daemonPending, 1);
+  map_runSetters(g, 0, 0);
+  EXPECT_EQ(received({"12\n"}), std::vector<std::string>{"12\n"});
+  EXPECT_EQ(g->daemonPending, 0);
+}
+
 }  // namespace
 }  // namespace tessard::test
