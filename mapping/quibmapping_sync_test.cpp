@@ -119,6 +119,21 @@ TEST_F(SyncTest, FirstSyncLoadsEveryValueAndClampsIt) {
   EXPECT_EQ(inode_of(net_), before);  // only read
 }
 
+// A parameter with a getter has no file: the check only makes its D-Bus message due, and only
+// when a client changed it.
+TEST_F(SyncTest, GetterParamMessageDueOnlyWhenChanged) {
+  load("a 1\n");
+  Param* p = map_getParamByPath("root.Net.a");
+  p->hasGetter = 1;
+  map_setParamOption("dbus", "a", p);
+  for (uint8_t listed : {0, 1}) {
+    p->listed = listed;
+    p->setterPending = 0;
+    map_checkParamValue(p, "root.Net", 0);
+    EXPECT_EQ(p->setterPending, listed);
+  }
+}
+
 TEST_F(SyncTest, FullSyncWritesTwoChangesOnceAndRunsTheSetterOnce) {
   load("# net\na 1\nb 2\n");
   map_sync(0, 0);
