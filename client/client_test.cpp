@@ -187,7 +187,6 @@ const ExchangeCase kLyingReplies[] = {
     {"ItemLongerThanFrame", get, "", bytes({8, 0, 0, 0, 9, 0, "ab"}), kRefused},
     {"HalfALength", get, "", bytes({5, 0, 0, 0, 3}), kRefused},
     {"MissingItem", param_info, "", bytes({11, 0, 0, 0, 1, 0, "p", 1, 0, "n", 0}), kRefused},
-    {"GroupNameOverrun", group_info, "", bytes({10, 0, 0, 0, 1, 0, "p", 5, 0, "n"}), kRefused},
     {"OptionWithoutItem", option, "", bytes({4, 0, 0, 0}), kRefused},
     {"CreateWithoutName", create, "", bytes({5, 0, 0, 0, 0}), kRefused},
     {"NameValueWithoutEquals", name_values, "", bytes({8, 0, 0, 0, "abc", 0}), kRefused},
