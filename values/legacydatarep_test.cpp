@@ -335,6 +335,9 @@ TEST(DataTree, ScalarKindsRefuseTheWrongOperations) {
   EXPECT_EQ(legacy_drep_getCustomStringToBuffer(on_off.get(), buffer, sizeof buffer), 0);
   EXPECT_STREQ(buffer, "on");
   EXPECT_EQ(legacy_drep_getCustomStringToBuffer(on_off.get(), buffer, 2), -2);
+  UniqueData list = tree("[]");  // not a scalar: refused without ending the process
+  EXPECT_EQ(legacy_drep_getCustomString(list.get(), nullptr), nullptr);
+  EXPECT_EQ(legacy_drep_getCustomStringToBuffer(list.get(), buffer, sizeof buffer), -1);
 }
 
 // Each misuse ends the process with status 1 after logging its message and the closing line.
