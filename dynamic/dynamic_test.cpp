@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <utility>
 
@@ -24,12 +23,7 @@
 namespace {
 
 using tessard::test::read_text;
-
-void write_text(const std::string& path, const std::string& text) {
-  std::ofstream out(path);
-  out << text;
-  ASSERT_TRUE(out.good()) << path;
-}
+using tessard::test::write_file;
 
 bool exists(const std::string& path) {
   struct stat st {};
@@ -85,8 +79,6 @@ std::string rewrite(const std::string& text, Rewrite fn, int* rc) {
   return result;
 }
 
-// The line from the template, what a group template (file name given) writes, and what a
-// parameter template writes when it differs.
 // The parameter directory first: a regular file in its place passes, a path that cannot be made
 // ends the start-up before the group directory is tried.
 TEST_F(DynamicDirsTest, InitMakesTheParameterThenTheGroupDirectory) {
@@ -104,7 +96,7 @@ TEST_F(DynamicDirsTest, InitMakesTheParameterThenTheGroupDirectory) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0755u) << "0775 under the umask 022";
   }
-  write_text(dir("file"), "x");
+  write_file(dir("file"), "x");
   EXPECT_EQ(init(dir("file")), 1);
   EXPECT_EQ(tessard::test::count_logged("create_directory, trouble creating the group dir '" +
                                         dir("file/param") + "': Not a directory"),
@@ -118,6 +110,8 @@ TEST_F(DynamicDirsTest, InitMakesTheParameterThenTheGroupDirectory) {
   EXPECT_EQ(tessard::test::count_logged("group dir"), 0);
 }
 
+// The line from the template, what a group template (file name given) writes, and what a
+// parameter template writes when it differs.
 TEST_F(DynamicDirsTest, MergeTextSubstitutesOnePlaceholderPerLine) {
   const std::tuple<const char*, std::string, std::string> cases[] = {
       {"group REPLACE_GROUP {\n", "group I10 {\n#DO NOT REMOVE THIS LINE: Net.I10 Eth\n", ""},
@@ -130,11 +124,11 @@ TEST_F(DynamicDirsTest, MergeTextSubstitutesOnePlaceholderPerLine) {
       {"no newline", "no newline\n", ""},
   };
   for (const auto& [line, group, param] : cases) {
-    write_text(dir("tmpl") + "/Eth_grp.conf", line);
+    std::string primary = dir("tmpl") + "/Eth_grp.conf";
+    write_file(primary, line);
     char* buf = nullptr;
     size_t size = 0;
     FILE* out = open_memstream(&buf, &size);
-    std::string primary = dir("tmpl") + "/Eth_grp.conf";
     ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", "/d/net.conf"), 0);
     ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", nullptr), 0);
     fclose(out);
@@ -155,7 +149,7 @@ TEST_F(DynamicDirsTest, ReplaceTextAlwaysHoldsTheWholeResult) {
 }
 
 TEST_F(DynamicDirsTest, GetOptionFromTemplate) {
-  write_text(dir("tmplfb") + "/Eth_grp.conf",
+  write_file(dir("tmplfb") + "/Eth_grp.conf",
              "maxGroups = \"4\n"
              "x = 1\n"
              "  maxGroups = \"3\" # later \"5\"\n"
@@ -167,7 +161,7 @@ TEST_F(DynamicDirsTest, GetOptionFromTemplate) {
   ASSERT_EQ(get_option_from_template("Eth", "missing", &value), 0);
   EXPECT_EQ(value, nullptr);
   EXPECT_EQ(get_option_from_template("Other", "maxGroups", &value), 2);
-  write_text(dir("tmpl") + "/Eth_grp.conf", "maxGroups = \"9\"\n");
+  write_file(dir("tmpl") + "/Eth_grp.conf", "maxGroups = \"9\"\n");
   ASSERT_EQ(get_option_from_template("Eth", "maxGroups", &value), 0);
   EXPECT_STREQ(value, "9") << "the primary template directory comes first";
   free(value);
@@ -217,7 +211,7 @@ std::vector<char*> names_of(std::string* path) {
 }
 
 TEST_F(DynamicDirsTest, NewGroupBlockGoesToItsSortedPlace) {
-  write_text(dir("tmpl") + "/Eth_grp.conf", "NEW REPLACE_GROUP\n");
+  write_file(dir("tmpl") + "/Eth_grp.conf", "NEW REPLACE_GROUP\n");
   std::string head = "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\ngroup Interface {\n";
   std::string i0 = "group I0 {\n#DO NOT REMOVE THIS LINE: Interface.I0 Eth\nparam a {\n}\n}\n";
   // parent, number, file before, file after
@@ -288,8 +282,8 @@ class DynamicGroupsTest : public DynamicDirsTest {
     ASSERT_TRUE(kParsersReady);
     ASSERT_EQ(mif_init(), 0);
     ASSERT_EQ(map_init("/dev/null"), 0);
-    write_text(dir("tmplfb") + "/Eth_grp.conf", kGroupTemplate);
-    write_text(dir("tmpl") + "/Eth_par.conf", kParamTemplate);
+    write_file(dir("tmplfb") + "/Eth_grp.conf", kGroupTemplate);
+    write_file(dir("tmpl") + "/Eth_par.conf", kParamTemplate);
   }
   void TearDown() override {
     upgradeMode = 0;
@@ -297,8 +291,8 @@ class DynamicGroupsTest : public DynamicDirsTest {
   }
 
   // Creates a group under root.Net.Interface and returns its name ("" on failure).
-  std::string create(int number, int* status = nullptr, const char* tmpl = "Eth") {
-    char* name = create_new_group("root.Net.Interface", number, tmpl, status, 10);
+  std::string create(int number) {
+    char* name = create_new_group("root.Net.Interface", number, "Eth", nullptr, 10);
     std::string result = name != nullptr ? name : "";
     free(name);
     return result;
@@ -374,9 +368,9 @@ TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
 // Scratch files sit in a directory every user may write to: a planted link is not followed and
 // a planted file is not reused, so the pending file is the daemon's own, private and clean.
 TEST_F(DynamicGroupsTest, ScratchFilesAreMadeFreshAndPrivate) {
-  write_text(dir("victim"), "keep\n");
+  write_file(dir("victim"), "keep\n");
   ASSERT_EQ(symlink(dir("victim").c_str(), dir("tmp/temp_grp").c_str()), 0);
-  write_text(dir("tmp/temp_par"), "[planted]\n");
+  write_file(dir("tmp/temp_par"), "[planted]\n");
   ASSERT_EQ(chmod(dir("tmp/temp_par").c_str(), 0666), 0);
   if (geteuid() == 0) {
     ASSERT_EQ(chown(dir("tmp/temp_par").c_str(), 1234, 1234), 0);

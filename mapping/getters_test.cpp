@@ -34,18 +34,18 @@ class GetterRunTest : public AnnounceTest {
 TEST_F(GetterRunTest, ConstantGetterRunsOnceOtherGettersEveryTime) {
   Param* constant = getter(counted("echo 5"), "const:string");
   run(constant, 2);
-  EXPECT_EQ(value_of(constant), "5\n");
+  EXPECT_EQ(value_text(constant), "5\n");
   EXPECT_EQ(runs(), 1);
   Param* changing = getter(counted("echo 6"));
   run(changing, 2);
-  EXPECT_EQ(value_of(changing), "6\n");
+  EXPECT_EQ(value_text(changing), "6\n");
   EXPECT_EQ(runs(), 3);
 }
 
 TEST_F(GetterRunTest, FailingCommandStillProvidesItsOutputAndLogsTheRawStatus) {
   Param* p = getter("sh -c 'echo 7; exit 1'");
   run(p);
-  EXPECT_EQ(value_of(p), "7\n");
+  EXPECT_EQ(value_text(p), "7\n");
   std::string command = map_getParamOption(p, "getter")->value;
   EXPECT_EQ(count_logged("Script '" + command + "' for param 'root.G.p' failed. Exit status: 256"),
             1);
@@ -61,7 +61,7 @@ TEST_F(GetterRunTest, FailingEchoIsTriedThreeTimesThenLeavesAnEmptyValue) {
             4);
   EXPECT_EQ(captured_log().back().priority, LOG_WARNING);
   map_updateRunGetter(p, "printf 8");  // a later successful run gives the value again
-  EXPECT_EQ(value_of(p), "8");
+  EXPECT_EQ(value_text(p), "8");
 }
 
 TEST_F(GetterRunTest, NothingRunsInUpgradeModeOrWhenDisabled) {
@@ -72,7 +72,7 @@ TEST_F(GetterRunTest, NothingRunsInUpgradeModeOrWhenDisabled) {
   upgradeMode = 1;
   run(p);
   EXPECT_EQ(runs(), 0);
-  EXPECT_EQ(value_of(p), "old");
+  EXPECT_EQ(value_text(p), "old");
 }
 
 using BuildCase = std::tuple<const char*, const char*, const char*>;
@@ -106,7 +106,7 @@ TEST_P(GetterConstraintTest, CorrectsLoadedValuesInMemory) {
   Param* p = param(group("G"), "level", value);
   if (type != nullptr) map_setParamOption("type", type, p);
   map_checkParamConstraint(p, 0);
-  EXPECT_EQ(value_of(p), expected);
+  EXPECT_EQ(value_text(p), expected);
   std::string log;
   for (const auto& line : captured_log()) log += line.message;
   EXPECT_EQ(log, logged);
@@ -156,7 +156,7 @@ class GetterDbusTypeTest : public AnnounceTest {
     Param* p = param(group("G"), "p", "150", {{"dbustype", dbustype.c_str()}});
     if (type != nullptr) map_setParamOption("type", type, p);
     map_checkParamConstraint(p, blocked);
-    return value_of(p);
+    return value_text(p);
   }
 
   testbus::ServiceChild service_;

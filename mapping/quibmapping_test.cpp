@@ -11,11 +11,13 @@
 #include <vector>
 
 #include "mapping/quibmapping_state.h"
+#include "tests/support/paramvalue.h"
 #include "values/legacydatarep.h"
 
 namespace {
 
 using Names = std::vector<std::string>;
+using tessard::test::string_data;
 
 class TreeTest : public ::testing::Test {
  protected:
@@ -197,22 +199,15 @@ TEST_F(TreeTest, ListsAChangedParamOnceNewestFirst) {
   EXPECT_EQ(map_getUpdatedParamList()->param, b);
 }
 
-Data* string_value(const char* text) {
-  Data* data = legacy_drep_createData();
-  EXPECT_EQ(legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string"), 0);
-  EXPECT_EQ(legacy_drep_setCustomFromString(data, text, nullptr), 0);
-  return data;
-}
-
 TEST_F(TreeTest, ReplacingMarksOnlyRealChangesAndStoringNeedsAChange) {
   Param* p = param("p", root_);
-  map_replaceParamData(p, string_value("a"));  // DATA_NONE cannot be compared: nothing changes
+  map_replaceParamData(p, string_data("a"));  // DATA_NONE cannot be compared: nothing changes
   EXPECT_EQ(p->value->type, DATA_NONE);
   EXPECT_EXIT(map_notifyParamStored(p), ::testing::ExitedWithCode(1), "");
-  map_setParamData(p, string_value("a"));
-  map_replaceParamData(p, string_value("a"));
+  map_setParamData(p, string_data("a"));
+  map_replaceParamData(p, string_data("a"));
   EXPECT_EQ(p->status, PARAMSTATUS_DEFINED);
-  map_replaceParamData(p, string_value("b"));
+  map_replaceParamData(p, string_data("b"));
   EXPECT_EQ(p->status, PARAMSTATUS_UPDATED);
   map_notifyParamStored(p);
   EXPECT_EQ(p->status, PARAMSTATUS_STORED);

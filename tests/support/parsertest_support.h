@@ -5,39 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/paramvalue.h"
 #include "tests/support/textfile.h"
-#include "values/legacydatarep.h"
 
 namespace tessard::test {
-
-inline void write_file(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-// The parameter's value as text ("<none>" unless it holds a scalar).
-inline std::string value_text(Param* param, char* quote = nullptr) {
-  Data* data = map_getParamData(param);
-  if (data == nullptr || data->type != DATA_SCALAR) return "<none>";
-  char* text = legacy_drep_getCustomString(data, quote);
-  std::string result = text;
-  free(text);
-  return result;
-}
-
-// A scalar of type "string" holding `text`.
-inline Data* string_data(const char* text) {
-  Data* data = legacy_drep_createData();
-  legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string");
-  legacy_drep_setCustomFromString(data, text, nullptr);
-  return data;
-}
 
 // Gives the parameter a new value, as a client's change does: `data`, or the string `text`.
 inline void client_sets(Param* param, const char* text, Data* data = nullptr) {

@@ -10,14 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "base/handles.h"
 #include "dbussend/dbussend.h"
 #include "mapping/quibmapping.h"
 #include "mapping/setters.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/paramvalue.h"
 #include "tests/support/testbus.h"
 #include "tests/support/textfile.h"
-#include "values/legacydatarep.h"
 
 namespace tessard::test {
 
@@ -68,15 +67,8 @@ class AnnounceTest : public testing::Test {
     Param* p = nullptr;
     EXPECT_EQ(map_createParam(name, owner, &p), 0);
     for (const auto& [option, text] : options) map_setParamOption(option, text, p);
-    legacy_drep_initializeScalar(p->value, SCALAR_CUSTOM, "string");
-    legacy_drep_setCustomFromString(p->value, value, nullptr);
+    map_setParamData(p, string_data(value));
     return p;
-  }
-
-  static std::string value_of(const Param* p) {
-    if (p->value->type != DATA_SCALAR) return "<none>";
-    CString text(legacy_drep_getCustomString(p->value, nullptr));
-    return text.get();
   }
 
   std::string read_file(const std::string& name) const { return read_text(dir_ + "/" + name); }

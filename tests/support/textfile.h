@@ -1,4 +1,4 @@
-// The whole text of a file, for tests that look at what was written: "" when it cannot be read.
+// Whole files as text, for tests that prepare inputs and look at what was written.
 #pragma once
 
 #include <fstream>
@@ -7,10 +7,16 @@
 
 namespace tessard::test {
 
+// The whole text of the file: "" when it cannot be read.
 inline std::string read_text(const std::string& path) {
   std::stringstream text;
   text << std::ifstream(path).rdbuf();
   return text.str();
+}
+
+// Replaces the file's contents with `text`.
+inline void write_file(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 }  // namespace tessard::test
