@@ -1,16 +1,13 @@
 // tessard-check on copies of the example device, each with one planted fault, read below --root
 // so that nothing outside the copy is looked at.
-#include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/shellcommand.h"
 #include "tests/support/textfile.h"
 
 namespace {
@@ -50,42 +47,22 @@ class CheckTest : public ::testing::Test {
     std::string text = Read(path);
     size_t at = text.find(find);
     ASSERT_NE(at, std::string::npos) << find << " not in " << path;
-    std::ofstream(root_ + path) << text.replace(at, find.size(), replace);
+    tessard::test::write_file(root_ + path, text.replace(at, find.size(), replace));
   }
 
   // Runs tessard-check --root COPY ARGS as `uid`; standard error is not kept.
   Outcome Check(const std::vector<std::string>& args, uid_t uid = 0) {
-    int out[2];
-    if (pipe(out) != 0) return {};
-    pid_t pid = fork();
-    if (pid == 0) {
-      dup2(out[1], 1);
-      int null = open("/dev/null", O_WRONLY);
-      dup2(null, 2);
-      // LeakSanitizer reads /proc at exit, which is not below the copy's root.
-      setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
-      if (uid != 0 && (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
-                       setresuid(uid, uid, uid) != 0)) {
-        _exit(126);
-      }
-      std::vector<std::string> all{binary_, "--root", root_};
-      all.insert(all.end(), args.begin(), args.end());
-      std::vector<char*> argv;
-      for (std::string& arg : all) argv.push_back(arg.data());
-      argv.push_back(nullptr);
-      execv(binary_.c_str(), argv.data());
-      _exit(127);
+    // LeakSanitizer reads /proc at exit, which is not below the copy's root.
+    std::string command = "ASAN_OPTIONS=detect_leaks=0 ";
+    if (uid != 0) {
+      command += "setpriv --reuid=" + std::to_string(uid) + " --regid=" + std::to_string(uid) +
+                 " --clear-groups ";
     }
-    close(out[1]);
-    Outcome outcome{-1, ""};
-    char buffer[4096];
-    for (ssize_t got; (got = read(out[0], buffer, sizeof buffer)) > 0;)
-      outcome.second.append(buffer, got);
-    close(out[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) outcome.first = WEXITSTATUS(status);
-    return outcome;
+    command += "'" + binary_ + "' --root '" + root_ + "'";
+    for (const std::string& arg : args) command += " '" + arg + "'";
+    std::string out;
+    int status = tessard::test::run_command("{ " + command + " 2>/dev/null; }", &out);
+    return {status, out};
   }
 
   std::string dir_;
