@@ -36,9 +36,7 @@ void clear_captured_log() {
 int count_logged(std::string_view needle) {
   int count = 0;
   for (const CapturedLine& line : lines()) {
-    if (line.message.find(needle) != std::string::npos) {
-      ++count;
-    }
+    if (line.message.find(needle) != std::string::npos) ++count;
   }
   return count;
 }

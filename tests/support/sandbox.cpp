@@ -450,16 +450,9 @@ std::vector<unsigned char> SandboxTest::Frame(int type, const std::vector<unsign
 
 // Form 0 (text), sub-form 2, case byte, uid 0, gid 0, quiet byte, counted path.
 std::vector<unsigned char> SandboxTest::GetFrame(const std::string& path) {
-  std::vector<unsigned char> payload = {0,
-                                        2,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        static_cast<unsigned char>(path.size() & 0xFF),
-                                        static_cast<unsigned char>(path.size() >> 8)};
+  std::vector<unsigned char> payload = {0, 2, 0, 0, 0, 0, 0, 0};
+  payload.push_back(path.size() & 0xFF);
+  payload.push_back(path.size() >> 8);
   payload.insert(payload.end(), path.begin(), path.end());
   return Frame(0, payload);
 }

@@ -14,9 +14,7 @@ int g_out = -1;
 void record(int signal) {
   char line[8];
   int n = 0;
-  if (signal >= 10) {
-    line[n++] = static_cast<char>('0' + signal / 10);
-  }
+  if (signal >= 10) line[n++] = static_cast<char>('0' + signal / 10);
   line[n++] = static_cast<char>('0' + signal % 10);
   line[n++] = '\n';
   [[maybe_unused]] ssize_t ignored = write(g_out, line, n);
@@ -25,13 +23,9 @@ void record(int signal) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    return 2;
-  }
+  if (argc < 2) return 2;
   g_out = open(argv[1], O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (g_out < 0) {
-    return 1;
-  }
+  if (g_out < 0) return 1;
   struct sigaction action = {};
   action.sa_handler = record;
   // Signals arriving while one is being written down wait for it, so the lines keep the order

@@ -46,9 +46,7 @@ std::string make_temp_dir() {
 
 bool write_config(const std::string& dir, const std::string& socket_path) {
   std::FILE* f = std::fopen((dir + "/bus.conf").c_str(), "w");
-  if (f == nullptr) {
-    return false;
-  }
+  if (f == nullptr) return false;
   std::fprintf(f, kConfig, socket_path.c_str());
   return std::fclose(f) == 0;
 }
@@ -58,12 +56,8 @@ bool read_line(int fd, int timeout_ms, std::string* line) {
   char c = 0;
   while (true) {
     pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, timeout_ms) <= 0 || read(fd, &c, 1) != 1) {
-      return false;
-    }
-    if (c == '\n') {
-      return true;
-    }
+    if (poll(&p, 1, timeout_ms) <= 0 || read(fd, &c, 1) != 1) return false;
+    if (c == '\n') return true;
     *line += c;
   }
 }
@@ -72,9 +66,7 @@ bool read_line(int fd, int timeout_ms, std::string* line) {
 // the first line the child writes there. Returns the child's pid (or -1) and whether a line came.
 bool spawn(const std::function<void(int)>& child, pid_t* pid, std::string* line) {
   int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) {
-    return false;
-  }
+  if (pipe2(fds, O_CLOEXEC) != 0) return false;
   *pid = fork();
   if (*pid == 0) {
     close(fds[0]);
@@ -88,9 +80,7 @@ bool spawn(const std::function<void(int)>& child, pid_t* pid, std::string* line)
 }
 
 void stop_child(pid_t* pid) {
-  if (*pid <= 0) {
-    return;
-  }
+  if (*pid <= 0) return;
   kill(*pid, SIGTERM);
   waitpid(*pid, nullptr, 0);
   *pid = -1;
@@ -106,9 +96,7 @@ uint64_t now_usec() {
 bool render_arg(sd_bus_message* m, std::string* out) {
   char type = 0;
   const char* contents = nullptr;
-  if (sd_bus_message_peek_type(m, &type, &contents) <= 0) {
-    return false;
-  }
+  if (sd_bus_message_peek_type(m, &type, &contents) <= 0) return false;
   if (contents == nullptr) {
     std::string text;
     dbussend::read_basic_text(m, type, &text);
@@ -120,9 +108,7 @@ bool render_arg(sd_bus_message* m, std::string* out) {
   *out += open;
   for (bool first = true;; first = false) {
     std::string item;
-    if (!render_arg(m, &item)) {
-      break;
-    }
+    if (!render_arg(m, &item)) break;
     *out += (first ? "" : (type == 'e' ? "=" : ",")) + item;
   }
   sd_bus_message_exit_container(m);
@@ -134,9 +120,7 @@ bool render_arg(sd_bus_message* m, std::string* out) {
 // answers what arrives, when monitor is set); nullptr on failure.
 sd_bus* open_client(const std::string& address, bool monitor = false) {
   sd_bus* bus = nullptr;
-  if (sd_bus_new(&bus) < 0) {
-    return nullptr;
-  }
+  if (sd_bus_new(&bus) < 0) return nullptr;
   if (sd_bus_set_monitor(bus, monitor) < 0 || sd_bus_set_address(bus, address.c_str()) < 0 ||
       sd_bus_set_bus_client(bus, 1) < 0 || sd_bus_start(bus) < 0) {
     return sd_bus_unref(bus);
@@ -155,19 +139,13 @@ uint8_t type_of(sd_bus_message* m) {
 }
 
 int answer_call(sd_bus_message* m, void* userdata, sd_bus_error*) {
-  if (type_of(m) != SD_BUS_MESSAGE_METHOD_CALL) {
-    return 0;
-  }
+  if (type_of(m) != SD_BUS_MESSAGE_METHOD_CALL) return 0;
   const auto* answers = static_cast<const ServiceChild::Answers*>(userdata);
   for (const auto& [member, answer] : *answers) {
-    if (member != or_empty(sd_bus_message_get_member(m))) {
-      continue;
-    }
+    if (member != or_empty(sd_bus_message_get_member(m))) continue;
     std::string text = "/ a.b.c " + answer;
     DbusSendMessage* parsed = dbus_send_from_string(text.c_str(), nullptr);
-    if (parsed == nullptr) {
-      break;
-    }
+    if (parsed == nullptr) break;
     sd_bus_message* reply = nullptr;
     sd_bus_message_new_method_return(m, &reply);
     dbussend::append_args(reply, *parsed);
@@ -184,22 +162,14 @@ int answer_call(sd_bus_message* m, void* userdata, sd_bus_error*) {
 [[noreturn]] void serve(const std::string& address, const char* name,
                         const ServiceChild::Answers& answers, int ready_fd) {
   sd_bus* bus = open_client(address);
-  if (bus == nullptr || sd_bus_request_name(bus, name, 0) < 0) {
-    _exit(1);
-  }
+  if (bus == nullptr || sd_bus_request_name(bus, name, 0) < 0) _exit(1);
   sd_bus_add_filter(bus, nullptr, answer_call, const_cast<ServiceChild::Answers*>(&answers));
-  if (write(ready_fd, "R\n", 2) != 2) {
-    _exit(1);
-  }
+  if (write(ready_fd, "R\n", 2) != 2) _exit(1);
   close(ready_fd);
   while (true) {
     int r = sd_bus_process(bus, nullptr);
-    if (r < 0) {
-      _exit(1);
-    }
-    if (r == 0) {
-      sd_bus_wait(bus, UINT64_MAX);
-    }
+    if (r < 0) _exit(1);
+    if (r == 0) sd_bus_wait(bus, UINT64_MAX);
   }
 }
 
@@ -224,9 +194,7 @@ bool PrivateBus::start(std::string* error, const std::string& socket_path) {
     execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--print-address=3", nullptr);
   };
   bool ok = spawn(daemon, &pid_, &address_);
-  if (!ok) {
-    *error = "dbus-daemon did not start (is it installed?)";
-  }
+  if (!ok) *error = "dbus-daemon did not start (is it installed?)";
   return ok;
 }
 
@@ -303,12 +271,8 @@ bool Recorder::wait_until(const std::function<bool()>& done, int timeout_ms) {
     while (sd_bus_process(bus_, nullptr) > 0) {
     }
     uint64_t now = now_usec();
-    if (done()) {
-      return true;
-    }
-    if (now >= deadline) {
-      return false;
-    }
+    if (done()) return true;
+    if (now >= deadline) return false;
     sd_bus_wait(bus_, deadline - now);
   }
 }
@@ -339,9 +303,7 @@ bool ServiceChild::start(const std::string& address, const char* name, const Ans
                          std::string* error) {
   std::string line;
   bool ok = spawn([&](int fd) { serve(address, name, answers, fd); }, &pid_, &line);
-  if (!ok) {
-    *error = std::string("the test service could not take the name ") + name;
-  }
+  if (!ok) *error = std::string("the test service could not take the name ") + name;
   return ok;
 }
 
