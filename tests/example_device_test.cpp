@@ -41,7 +41,7 @@ TEST_F(ExampleDeviceUnitsTest, SocketActivatedServiceServesTheExample) {
   ASSERT_EQ(listen.size(), 1u);
   ASSERT_EQ(exec[1], "/etc/tessard/tessard.conf") << "the service does not read the example";
   std::error_code error;
-  fs::copy_file(DaemonBinary(), exec[0], fs::copy_options::overwrite_existing, error);
+  fs::copy_file(TESSARD_BINARY, exec[0], fs::copy_options::overwrite_existing, error);
   ASSERT_FALSE(error) << "installing " << exec[0] << ": " << error.message();
 
   std::string out;

@@ -1,6 +1,7 @@
 // SET and SNC against the running daemon: what reaches the backing file and when, and who may
 // write. The value checks of SET are server/clientserver_requests_test's.
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <tessard/tessclient.h>
 #include <unistd.h>
 
@@ -82,7 +83,7 @@ TEST_F(WritesTest, ReadingAGroupFileAgainKeepsAPendingChange) {
   ASSERT_EQ(tessclient_connect(nullptr, &client), 0);
   EXPECT_EQ(tessclient_read_file(client, "/etc/dynamic/param/settings.conf"), TESSCLIENT_OK);
   tessclient_close(client);
-  ASSERT_TRUE(Alive(daemon_pid()));
+  ASSERT_EQ(waitpid(daemon_pid(), nullptr, WNOHANG), 0) << "the daemon has ended";
   EXPECT_EQ(Get("Settings.Name"), "lobby");
   EXPECT_EQ(Get("Settings.Level"), "50");
   EXPECT_EQ(Sync(0), TESSCLIENT_OK);

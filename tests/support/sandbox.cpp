@@ -160,10 +160,6 @@ bool LogCapture::WaitFor(const std::string& needle, int timeout_ms, LogLine* fou
   return false;
 }
 
-std::string SandboxTest::DaemonBinary() {
-  return TESSARD_BINARY;
-}
-
 namespace {
 
 // The source and build trees may lie below /tmp or /run (a checkout in /tmp, say). A fresh tmpfs
@@ -287,7 +283,7 @@ void SandboxTest::TearDown() {
 pid_t SandboxTest::StartDaemon(const std::vector<std::string>& args,
                                const std::vector<int>& passed_fds,
                                const std::map<std::string, std::string>& env) {
-  std::string binary = DaemonBinary();
+  std::string binary = TESSARD_BINARY;
   std::string out = dir_ + "/daemon.stdout";
   std::string err = dir_ + "/daemon.stderr";
   log_.Pause();
@@ -377,10 +373,6 @@ int SandboxTest::WaitExit(pid_t pid, int timeout_ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   } while (Clock::now() < deadline);
   return -1;
-}
-
-bool SandboxTest::Alive(pid_t pid) {
-  return waitpid(pid, nullptr, WNOHANG) == 0;
 }
 
 void SandboxTest::StopDaemon() {

@@ -73,9 +73,6 @@ class SandboxTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Path of the tessard binary under test.
-  static std::string DaemonBinary();
-
   // Starts tessard with `args` (argv[0] is added). Extra descriptors in `passed_fds` are placed at
   // 3, 4, ... with LISTEN_FDS/LISTEN_PID set, as systemd does for socket activation.
   pid_t StartDaemon(const std::vector<std::string>& args, const std::vector<int>& passed_fds = {},
@@ -92,7 +89,6 @@ class SandboxTest : public ::testing::Test {
   // Waits for the process to end; returns its exit status, 128+signal, or -1 on time-out.
   int WaitExit(pid_t pid, int timeout_ms = 10000);
   void StopDaemon();
-  bool Alive(pid_t pid);
 
   // Runs `body` in a child that has become `user` (setgroups, setgid, setuid); returns the child's
   // exit status, or -1 when the child failed to change identity.
