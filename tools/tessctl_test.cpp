@@ -233,6 +233,11 @@ const CommandCase kCommands[] = {
      {0, "", ""},
      item("--v") + "\x0a"},
     {"DeleteSyncByte", {"delete", "a.I7", "--sync", "9"}, {reply(0)}, {0, "", ""}, "\x09"},
+    {"ReadFileTakesOnePath",
+     {"read-file", "/usr/etc/param/x.conf"},
+     {reply(0)},
+     {0, "", ""},
+     "x.conf"},
     // The quiet byte stands before the path.
     {"QuietGet", {"get", "a", "--quiet"}, {kNoParam}, {16, "", ""}, "\x01" + item("a")},
 };
