@@ -217,7 +217,10 @@ TEST_F(TreeTest, ReplacingMarksOnlyRealChangesAndStoringNeedsAChange) {
 // --- The indexes against plain walks of the tree
 // --------------------------------------------------
 
-bool same(const char* a, const char* b, size_t n = SIZE_MAX) {
+bool same(const char* a, const char* b) {
+  return caseSensitive ? strcmp(a, b) == 0 : strcasecmp(a, b) == 0;
+}
+bool same(const char* a, const char* b, size_t n) {
   return caseSensitive ? strncmp(a, b, n) == 0 : strncasecmp(a, b, n) == 0;
 }
 

@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -433,10 +434,11 @@ int SandboxTest::Connect(const std::string& path) {
 
 std::vector<unsigned char> SandboxTest::Frame(int type, const std::vector<unsigned char>& payload) {
   size_t length = payload.size() + 3;
-  std::vector<unsigned char> frame = {static_cast<unsigned char>(length & 0xFF),
-                                      static_cast<unsigned char>(length >> 8),
-                                      static_cast<unsigned char>(type)};
-  frame.insert(frame.end(), payload.begin(), payload.end());
+  std::vector<unsigned char> frame(length);
+  frame[0] = static_cast<unsigned char>(length & 0xFF);
+  frame[1] = static_cast<unsigned char>(length >> 8);
+  frame[2] = static_cast<unsigned char>(type);
+  std::copy(payload.begin(), payload.end(), frame.begin() + 3);
   return frame;
 }
 
