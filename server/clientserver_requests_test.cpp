@@ -19,20 +19,20 @@
 #include "server/authorization.h"
 #include "server/clientserver.h"
 #include "server/server.h"
+#include "tests/support/clienttestutil.h"
 #include "tests/support/logcapture.h"
 #include "tests/support/textfile.h"
 
 namespace {
 
 using tessard::test::count_logged;
+using tessard::test::item;
 using tessard::test::read_text;
+using tessard::test::reply;
 
-// Request fields: a little-endian 16-bit number, a counted text.
+// Request fields: a little-endian 16-bit number; counted texts are item().
 std::string u16(size_t value) {
   return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8 & 0xFF)};
-}
-std::string text(const std::string& s) {
-  return u16(s.size()) + s;
 }
 // The form (0 text, 3 serialised) and sub-form bytes that open GET and SET.
 std::string head(int form) {
@@ -40,28 +40,23 @@ std::string head(int form) {
 }
 // GET and SET by root: identity (uid 0, gid 0), case and quiet bytes, path; SET with sync byte 10.
 std::string get(const std::string& path, int form = 0) {
-  return head(form) + '\0' + u16(0) + u16(0) + '\0' + text(path);
+  return head(form) + '\0' + u16(0) + u16(0) + '\0' + item(path);
 }
 std::string set(const std::string& path, const std::string& value, int form = 0) {
-  return head(form) + u16(0) + u16(0) + std::string(2, '\0') + text(path) + text(value) + '\x0a';
+  return head(form) + u16(0) + u16(0) + std::string(2, '\0') + item(path) + item(value) + '\x0a';
 }
 // GETPARAMINFO and GETGROUPINFO: case byte, path, index.
 std::string member(const std::string& path, int index) {
-  return '\0' + text(path) + u16(index);
+  return '\0' + item(path) + u16(index);
 }
 // CREATE_GROUP (and type 10) by root: identity, quiet and case bytes, parent, number, template,
 // sync byte.
 std::string create(const std::string& tmpl, int number = 0xFFFF, int sync = 0) {
-  return u16(0) + u16(0) + std::string(2, '\0') + text("Net.Interface") + u16(number) + text(tmpl) +
+  return u16(0) + u16(0) + std::string(2, '\0') + item("Net.Interface") + u16(number) + item(tmpl) +
          static_cast<char>(sync);
 }
 std::string option(const std::string& path, const std::string& name) {
-  return '\0' + text(path) + '\0' + text(name);
-}
-// A reply: 24-bit total length, status byte, data.
-std::string reply(int status, const std::string& data = "") {
-  size_t total = data.size() + 4;
-  return u16(total) + '\0' + static_cast<char>(status) + data;
+  return '\0' + item(path) + '\0' + item(name);
 }
 
 constexpr char kConfig[] = R"(group Network {
@@ -181,7 +176,7 @@ TEST_F(RequestTest, GetAnswersTheValueOrTheStatus) {
 
 TEST_F(RequestTest, WriteOnlyValueReadsAsStarsInBothFormsUnlessUpgrading) {
   const std::string masked("\x11\x00\x06\x00string\x05\x00*****", 17);
-  EXPECT_EQ(exchange(GET, get("Network.Secret", 3)), reply(0, text(masked)));
+  EXPECT_EQ(exchange(GET, get("Network.Secret", 3)), reply(0, item(masked)));
   EXPECT_EQ(value("Network.Secret"), "*****");
   upgradeMode = 1;
   std::string shown = exchange(GET, get("Network.Secret", 3));
@@ -190,11 +185,11 @@ TEST_F(RequestTest, WriteOnlyValueReadsAsStarsInBothFormsUnlessUpgrading) {
 
 TEST_F(RequestTest, InfoRequestsWalkTheTree) {
   EXPECT_EQ(exchange(GETPARAMINFO, member("Network", 0)),
-            reply(0, text("root.Network.Hostname") + text("Hostname") + text("string")));
+            reply(0, item("root.Network.Hostname") + item("Hostname") + item("string")));
   EXPECT_EQ(exchange(GETPARAMINFO, member("Network", 99)), reply(STATUS_NO_PARAM));
   EXPECT_EQ(exchange(GETPARAMINFO, member("Nowhere", 0)), reply(STATUS_NO_GROUP));
   EXPECT_EQ(exchange(GETGROUPINFO, member("root", 0)),
-            reply(0, text("root.Closed") + text("Closed")))
+            reply(0, item("root.Closed") + item("Closed")))
       << "children are sorted by name";
   EXPECT_EQ(exchange(GETGROUPINFO, member("root", 4)), reply(STATUS_NO_SUBGROUP));
 }
@@ -202,9 +197,9 @@ TEST_F(RequestTest, InfoRequestsWalkTheTree) {
 // The option's text is counted with its terminating zero; an unset option is that zero alone.
 TEST_F(RequestTest, ParamOptionCountsItsTerminatingZero) {
   EXPECT_EQ(exchange(GETPARAMOPTION, option("Network.Hostname", "nothere")),
-            reply(0, text(std::string(1, '\0'))));
+            reply(0, item(std::string(1, '\0'))));
   EXPECT_EQ(exchange(GETPARAMOPTION, option("Network.Hostname", "mount")),
-            reply(0, text(std::string("Standard{Root}{hostname}") + '\0')));
+            reply(0, item(std::string("Standard{Root}{hostname}") + '\0')));
   std::string cut = option("Network.Hostname", "mount");
   cut.pop_back();  // the name's length reaches one byte past the payload: refused, never read
   EXPECT_EQ(exchange(GETPARAMOPTION, cut), reply(STATUS_MALFORMED));
