@@ -101,6 +101,7 @@ struct Connection {
   std::string output;  // queued reply bytes; those before output_start are written
   size_t output_start = 0;
   bool peer_closed = false;  // the client sends nothing more
+  uint64_t served_pass = 0;  // the loop's pass that last served one of its requests
   uint32_t events = 0;       // what epoll watches for now
   Link ready;                // a whole request waits
   Link request;              // a request has begun and is not whole yet
@@ -150,6 +151,7 @@ struct Server {
   Clock::time_point accept_logged;
   bool accept_ever_logged = false;
   ServerHooks hooks{};
+  uint64_t pass = 0;  // counts the loop's passes; each serves a client at most once
   std::vector<Connection*> by_fd;
   Queue ready{&Connection::ready};
   Queue requests{&Connection::request};
@@ -325,6 +327,8 @@ void consume_input(Connection* c, size_t length) {
 }
 
 void serve_request(Connection* c) {
+  c->served_pass = server.pass;
+  server.ready.remove(c);
   int total = frame_length(c);
   const unsigned char* frame = next_frame(c);
   dispatchRequest(c->fd, frame[2], frame + 3, total - 3);
@@ -332,15 +336,20 @@ void serve_request(Connection* c) {
   refresh(c, Clock::now());
 }
 
-// One request for each client that has a whole one, in the order they became ready; a client
+// Each pass serves one request of every client that has a whole one, in the order they became
+// ready: first those left waiting from earlier passes, then each client as its read completes a
+// request (answering at once lets the client go on while the loop reads the others). A client
 // with more goes to the back and waits for the next pass.
-void serve_ready_clients() {
+void serve_waiting_clients() {
   for (size_t turns = server.ready.size(); turns > 0; turns--) {
     Connection* c = server.ready.front();
-    if (c == nullptr) break;
-    server.ready.remove(c);
+    if (c == nullptr || c->served_pass == server.pass) break;
     serve_request(c);
   }
+}
+
+void serve_if_ready(Connection* c) {
+  if (c->ready.linked && c->served_pass != server.pass) serve_request(c);
 }
 
 void rest_listener(Clock::time_point now) {
@@ -446,7 +455,8 @@ void handle_event(const epoll_event& event, Clock::time_point now) {
   Connection* c = connection_of(fd);
   if (c == nullptr) return;
   if ((event.events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) && !on_writable(c, now)) return;
-  if (event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) on_readable(c, now);
+  if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) && !on_readable(c, now)) return;
+  serve_if_ready(c);
 }
 
 void watch_descriptor(int fd) {
@@ -573,9 +583,10 @@ void handleClientConnections(int listen_fd, const ServerHooks& hooks) {
   for (;;) {
     int count = epoll_wait(server.epoll_fd, events.data(), kMaxEvents, wait_time(Clock::now()));
     Clock::time_point now = Clock::now();
+    server.pass++;
+    serve_waiting_clients();
     for (int i = 0; i < count; i++) handle_event(events[i], now);
     handle_signals();
     drop_overdue_clients(now);
-    serve_ready_clients();
   }
 }
