@@ -83,7 +83,7 @@ void reply_serialised(int fd, const Param* param) {
 // the scalar itself: a value a client reads must never be able to end the daemon.
 Malloced<char> scalar_text(const Data* data) {
   int result = 0;
-  Malloced<char> text(scalar_getString(data->custom, &result));
+  Malloced<char> text(scalar_getString(&data->custom, &result));
   if (result != 0) text.reset();
   return text;
 }
@@ -95,7 +95,7 @@ void reply_text(int fd, const Param* param, int subform) {
   char buffer[256];
   int size = sizeof buffer;
   int result = -1;
-  scalar_getStringToBuffer(param->value->custom, buffer, &size, &result);
+  scalar_getStringToBuffer(&param->value->custom, buffer, &size, &result);
   if (result == 0) return reply_one_item(fd, buffer, size);
   Malloced<char> text = scalar_text(param->value);
   if (!text) return sendStatus(fd, STATUS_FAILED);

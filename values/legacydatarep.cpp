@@ -92,7 +92,7 @@ void free_scalar(Data* data) {
     free(data->stringValue);
   }
   if (data->scalarKind == SCALAR_CUSTOM) {
-    scalar_free(data->custom);
+    scalar_release(&data->custom);
   }
 }
 
@@ -118,7 +118,7 @@ const CustomScalar* custom_of(const Data* data) {
   if (data->scalarKind != SCALAR_CUSTOM) {
     log_fatal(kSource, "Scalar was not a custom!");
   }
-  return data->custom;
+  return &data->custom;
 }
 
 }  // namespace
@@ -168,12 +168,12 @@ int legacy_drep_initializeScalar(Data* data, int kind, const char* typeName) {
     data->typeName = "STRING";
     data->stringValue = nullptr;
   } else if (kind == static_cast<int>(SCALAR_CUSTOM)) {
-    CustomScalar* custom = scalar_create(typeName, nullptr);
-    if (custom == nullptr) {
+    data->custom = CustomScalar{};
+    if (scalar_initializeInPlace(&data->custom, typeName) != 0) {
+      scalar_release(&data->custom);
       return -1;
     }
-    data->custom = custom;
-    data->typeName = scalar_getTypeName(custom);
+    data->typeName = scalar_getTypeName(&data->custom);
   } else {
     log_fatal(kSource, "Strange kind of scalar!");
   }
@@ -465,11 +465,11 @@ void help_copyScalar(const Data* source, Data* copy) {
     return;
   }
   int result = -1;
-  CString text(scalar_getString(source->custom, &result));
+  CString text(scalar_getString(&source->custom, &result));
   if (result == 0) {
-    scalar_setFromString(copy->custom, text.get(), &result);
+    scalar_setFromString(&copy->custom, text.get(), &result);
   } else {
-    scalar_setFromBytes(copy->custom, scalar_bytes(source->custom), source->custom->size, &result);
+    scalar_setFromBytes(&copy->custom, scalar_bytes(&source->custom), source->custom.size, &result);
   }
 }
 

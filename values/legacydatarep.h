@@ -41,28 +41,28 @@ struct HashEntry {
   Data* value;
 };
 
+// Every parameter holds one, so a custom scalar is kept inside the record rather than beside it.
 struct Data {
   uint32_t type;
-  char customFlag;  // handed back with a custom value (a quote character); 0 unless given
+  uint8_t scalarKind;  // DATA_SCALAR: one of SCALAR_*; SCALAR_NONE otherwise
+  char customFlag;     // handed back with a custom value (a quote character); 0 unless given
   // "NONE", "LIST", "HASH", "INT", "STRING" or the custom scalar's type name; never freed.
   const char* typeName;
   union {
-    ListNode* first;        // DATA_LIST: head of the list
-    HashEntry* firstEntry;  // DATA_HASH: head of the entries
-    struct {                // DATA_SCALAR
-      uint32_t scalarKind;
+    struct {  // DATA_LIST and DATA_HASH
       union {
-        int32_t intValue;      // SCALAR_INT
-        char* stringValue;     // SCALAR_STRING, heap text or null
-        CustomScalar* custom;  // SCALAR_CUSTOM
+        ListNode* first;        // DATA_LIST: head of the list
+        HashEntry* firstEntry;  // DATA_HASH: head of the entries
       };
+      // Bookkeeping of the legacy_drep_* functions; not part of the value.
+      void* last;              // last ListNode or HashEntry
+      mutable void* walkHint;  // node or entry whose value a walk handed out last
     };
+    int32_t intValue;     // SCALAR_INT
+    char* stringValue;    // SCALAR_STRING, heap text or null
+    CustomScalar custom;  // SCALAR_CUSTOM
   };
   Data* mark;  // element last visited by the mapping interface's walk, or null
-
-  // Bookkeeping of the legacy_drep_* functions; not part of the value.
-  void* last;              // DATA_LIST: last ListNode; DATA_HASH: last HashEntry
-  mutable void* walkHint;  // node or entry whose value a walk handed out last
 };
 
 // --- Creation and kinds ------------------------------------------------------------------------

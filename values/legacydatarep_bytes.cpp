@@ -129,7 +129,7 @@ bool help_scalarToByteString(ByteArray* out, const Data* data) {
     return false;
   }
   int result = -1;
-  CString text(scalar_getString(data->custom, &result));
+  CString text(scalar_getString(&data->custom, &result));
   if (result != 0) {
     return false;
   }

@@ -270,7 +270,7 @@ TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlagAndDumpShowsIt) {
   legacy_drep_initializeScalar(ipaddr.get(), SCALAR_CUSTOM, "ipaddr");
   UniqueData ipaddr_copy(legacy_drep_copyData(ipaddr.get()));
   EXPECT_EQ(
-      memcmp(scalar_bytes(ipaddr_copy->custom), scalar_bytes(ipaddr->custom), SCALAR_IPADDR_SIZE),
+      memcmp(scalar_bytes(&ipaddr_copy->custom), scalar_bytes(&ipaddr->custom), SCALAR_IPADDR_SIZE),
       0);
 }
 

@@ -30,7 +30,7 @@ void help_printScalar(const Data* data) {
   if (data->scalarKind == SCALAR_STRING) {
     printf("SCALAR_STRING: '%s'", data->stringValue != nullptr ? data->stringValue : "(null)");
   } else if (data->scalarKind == SCALAR_CUSTOM) {
-    CString text(scalar_getString(data->custom, nullptr));
+    CString text(scalar_getString(&data->custom, nullptr));
     printf("SCALAR_CUSTOM: %s", text != nullptr ? text.get() : "(null)");
   } else if (data->scalarKind == SCALAR_INT) {
     printf("SCALAR_INT: %d", data->intValue);

@@ -402,23 +402,23 @@ const char* const* scalar_enumEntries(int typeIndex) {
 
 CustomScalar* scalar_create(const char* typeName, int* result) {
   set_result(result, -1);
-  int index = scalar_findType(typeName);
-  if (index < 0) {
-    return nullptr;
-  }
   auto* scalar = static_cast<CustomScalar*>(calloc(1, sizeof(CustomScalar)));
   if (scalar == nullptr) {
     log_error(kSource, "Memory allocation failed.");
     return nullptr;
   }
-  int status = -1;
-  scalar_initialize(scalar, index, &status);
-  if (status != 0) {
+  if (scalar_initializeInPlace(scalar, typeName) != 0) {
     scalar_free(scalar);
     return nullptr;
   }
   set_result(result, 0);
   return scalar;
+}
+
+int scalar_initializeInPlace(CustomScalar* scalar, const char* typeName) {
+  int status = -1;
+  scalar_initialize(scalar, scalar_findType(typeName), &status);
+  return status;
 }
 
 void scalar_initialize(CustomScalar* scalar, int typeIndex, int* result) {
@@ -485,12 +485,17 @@ const char* scalar_getTypeName(const CustomScalar* scalar) {
   return scalar != nullptr ? type_of(scalar).name : nullptr;
 }
 
+void scalar_release(CustomScalar* scalar) {
+  if (scalar->size > SCALAR_INLINE_SIZE) {
+    free(scalar->buffer);
+  }
+  scalar->size = 0;
+}
+
 void scalar_free(CustomScalar* scalar) {
   if (scalar == nullptr) {
     return;
   }
-  if (scalar->size > SCALAR_INLINE_SIZE) {
-    free(scalar->buffer);
-  }
+  scalar_release(scalar);
   free(scalar);
 }

@@ -82,6 +82,11 @@ void scalar_getStringToBuffer(const CustomScalar* scalar, char* buffer, int* siz
 char* scalar_getString(const CustomScalar* scalar, int* result);
 // The type's name: static text, valid for the life of the process.
 const char* scalar_getTypeName(const CustomScalar* scalar);
+// Initialises a zeroed scalar kept inside another record to the named type's default; -1 if the
+// name is unknown or memory ran out. Release its buffer with scalar_release.
+int scalar_initializeInPlace(CustomScalar* scalar, const char* typeName);
+// Releases the scalar's buffer, leaving the record itself to its owner.
+void scalar_release(CustomScalar* scalar);
 // Releases the scalar and its buffer; null is ignored.
 void scalar_free(CustomScalar* scalar);
 
