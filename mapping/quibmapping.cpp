@@ -478,7 +478,6 @@ int map_createParam(const char* name, Group* group, Param** out) {
   param->dbusAtStart = 1;
   param->value = legacy_drep_createData();
   param->inherited = share_group_options(group);
-  param->groupName = group->name;
   param->group = group;
   param->serial = map_state().nextSerial++;
   if (group->lastParam != nullptr) {

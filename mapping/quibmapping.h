@@ -72,8 +72,10 @@ struct Param {
   uint8_t synced;
   uint8_t setterPending;
   uint8_t dbusAtStart;
-  uint8_t listed;         // in the updated-parameter list
-  const char* groupName;  // the owning group's name (names never change after creation)
+  uint8_t listed;  // in the updated-parameter list
+  // Creation order: a group's params are in ascending serial order. 48 bits fill the flags'
+  // eight bytes and last for thousands of years of creations.
+  uint64_t serial : 48;
   Data* value;
   // --- bookkeeping
   Group* group;  // owning group
@@ -81,7 +83,6 @@ struct Param {
   // changed: they come before `options` (read both through map_getParamOption). A parameter
   // that changes or removes one of them gets copies of its own first.
   Option* inherited;
-  uint64_t serial;     // creation order: a group's params are in ascending serial order
   MountKey* mountKey;  // the value of the first "mount" option while indexed, else null
   Param* mountPrev;    // the other indexed parameters with the same mount value
   Param* mountNext;

@@ -213,15 +213,15 @@ void map_sendParamDbusMessage(const char* dbusTemplate, Param* param) {
   CString s2 = replace_all(s1.get(), "$NAME", param->path);
   // In a numbered group $GROUPNUM is filled in s1, so a $NAME stays as it is: message templates
   // of numbered groups rely on it.
-  std::string number = group_number(param->groupName);
+  std::string number = group_number(param->group->name);
   CString s3 = number.empty() ? replace_all(s2.get(), "$GROUPNUM", "")
                               : replace_all(s1.get(), "$GROUPNUM", number);
-  CString s4 = replace_all(s3.get(), "$GROUP", param->groupName);
+  CString s4 = replace_all(s3.get(), "$GROUP", param->group->name);
   send_message(
       s4.get(),
       [&](const char* error) {
         log_info(kSource, "Dbus message \"%s\" not valid : %s : Could not set %s in %s", s2.get(),
-                 error, param->path, param->groupName);
+                 error, param->path, param->group->name);
       },
       [&](const char* error) { log_send_failure(param, s4.get(), quoted.get(), error); });
 }

@@ -65,9 +65,22 @@ void load_char(ParseState* state) {
   state->current = at_end(*state) ? '\0' : state->source->data[state->source->position];
 }
 
+// A mapped file's pages are handed back once read (the parser never looks back), so that a large
+// configuration does not add its size to the daemon's peak memory while it loads.
+constexpr uint64_t kReleaseStep = 256 * 1024;
+
+void release_read_pages(InputSource* source) {
+  madvise(const_cast<char*>(source->data) + source->released, kReleaseStep, MADV_DONTNEED);
+  source->released += kReleaseStep;
+}
+
 void advance(ParseState* state) {
   if (state->current == '\n') state->line++;
-  state->source->position++;
+  InputSource* source = state->source;
+  source->position++;
+  if (source->mapped && source->position - source->released > kReleaseStep) {
+    release_read_pages(source);
+  }
   load_char(state);
 }
 
@@ -572,6 +585,7 @@ InputSource* mmap_fd(int fd) {
   }
   source->data = static_cast<const char*>(data);
   source->length = status.st_size;
+  source->mapped = true;
   return source;
 }
 

@@ -13,11 +13,13 @@
 #include <string_view>
 #include <vector>
 
-// A file mapped into memory, read from position onward.
+// A file mapped into memory (or a text), read from position onward.
 struct InputSource {
   const char* data;
   uint64_t length;
   uint64_t position;
+  bool mapped = false;    // data is a mapping of its own, made by mmap_fd
+  uint64_t released = 0;  // mapped: the pages before this offset are handed back
 };
 
 // A place in a configuration file (or parameter list file), lines counted from 1.
