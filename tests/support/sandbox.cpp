@@ -17,6 +17,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/shellcommand.h"
 #include "tests/support/textfile.h"
 
 namespace tessard::test {
@@ -256,26 +257,11 @@ pid_t SandboxTest::StartDaemon(const std::vector<std::string>& args,
   return pid;
 }
 
-pid_t SandboxTest::StartActivated(const std::string& listen,
-                                  const std::vector<std::string>& command) {
-  std::vector<std::string> args = {"systemd-socket-activate", "-l", listen, "-E",
-                                   "ASAN_OPTIONS=detect_leaks=0"};
-  args.insert(args.end(), command.begin(), command.end());
-  pid_t pid = Spawn([&] {
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-  });
-  if (pid > 0) daemon_pid_ = pid;
-  for (int i = 0; i < 500 && pid > 0 && !Exists(listen); i++) usleep(10000);
-  if (pid > 0 && Exists(listen)) return pid;
-  ADD_FAILURE() << "systemd-socket-activate did not listen on " << listen;
-  return -1;
-}
+namespace {
 
-std::vector<std::string> SandboxTest::UnitLine(const std::string& path, const std::string& key) {
-  std::string text = "\n" + ReadFile(path);
+// The words of the "Key=" line of the unit file at `path`; empty when there is none.
+std::vector<std::string> unit_line(const std::string& path, const std::string& key) {
+  std::string text = "\n" + read_text(path);
   size_t at = text.find("\n" + key + "=");
   if (at == std::string::npos) return {};
   at += key.size() + 2;
@@ -283,6 +269,36 @@ std::vector<std::string> SandboxTest::UnitLine(const std::string& path, const st
   std::vector<std::string> words;
   for (std::string word; line >> word;) words.push_back(word);
   return words;
+}
+
+}  // namespace
+
+void SandboxTest::ServeExampleThroughUnits(const std::string& unit_dir,
+                                           const std::string& tessctl) {
+  std::vector<std::string> args = {"systemd-socket-activate", "-l", "", "-E",
+                                   "ASAN_OPTIONS=detect_leaks=0"};
+  std::vector<std::string> exec = unit_line(unit_dir + "/tessard.service", "ExecStart");
+  std::vector<std::string> listen = unit_line(unit_dir + "/tessard.socket", "ListenStream");
+  ASSERT_TRUE(!exec.empty() && listen.size() == 1)
+      << "no ExecStart or ListenStream in " << unit_dir;
+  args[2] = listen[0];
+  args.insert(args.end(), exec.begin(), exec.end());
+  pid_t pid = Spawn([&] {
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execvp(argv[0], argv.data());
+  });
+  ASSERT_GT(pid, 0);
+  daemon_pid_ = pid;
+  for (int i = 0; i < 500 && !Exists(listen[0]); i++) usleep(10000);
+  std::string out;
+  EXPECT_EQ(run_command("timeout 10 " + tessctl + " get root.System.Time.TimeZone", &out), 0)
+      << out;
+  EXPECT_EQ(out, "Europe/Berlin\n");
+  EXPECT_TRUE(log_.WaitFor("Starting server.", 5000, nullptr, pid))
+      << "the activated daemon is not the one that served";
+  EXPECT_EQ(log_.Count("Failed creating listen socket"), 0);
 }
 
 pid_t SandboxTest::StartServing(const std::vector<std::string>& args) {

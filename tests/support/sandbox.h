@@ -72,11 +72,10 @@ class SandboxTest : public ::testing::Test {
   pid_t StartDaemon(const std::vector<std::string>& args, const std::vector<int>& passed_fds = {});
   // Starts the daemon and waits for "Starting server."; fails the test on time-out.
   pid_t StartServing(const std::vector<std::string>& args);
-  // Runs `command` under systemd-socket-activate listening on `listen`, as systemd starts a
-  // socket-activated service; waits for the socket. The pid, or -1 after failing the test.
-  pid_t StartActivated(const std::string& listen, const std::vector<std::string>& command);
-  // The words of the "Key=" line of the unit file at `path`; empty when there is none.
-  static std::vector<std::string> UnitLine(const std::string& path, const std::string& key);
+  // Starts the command line of `unit_dir`/tessard.service as systemd starts it, under
+  // systemd-socket-activate on the address of tessard.socket, and checks that `tessctl` reads the
+  // example device's time zone from that daemon.
+  void ServeExampleThroughUnits(const std::string& unit_dir, const std::string& tessctl);
   // The exit status, 128+signal, or -1 on time-out.
   int WaitExit(pid_t pid, int timeout_ms = 10000);
   void StopDaemon();
