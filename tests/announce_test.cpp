@@ -16,36 +16,33 @@ namespace {
 
 using Messages = std::vector<std::string>;
 
-// Bounds of the dbustype parameter come from this service: 0 to 100.
-constexpr char kLimits[] = "org.tessard.Limits";
-constexpr char kQuery[] = "--dest=org.tessard.Limits /org/tessard/Limits org.tessard.Limits.";
+// Net's parameters announce themselves (T. stands for the signals' path and interface); Up's is
+// read by a getter; Level's bounds, 0 and 100, are queried of org.tessard.Limits (L.); deleting a
+// Rules group announces it, and deleting End closes what a test looks at.
+constexpr char kConfig[] = R"(accessControl = ":f"
+group Net { parser = Standardparser file = "/etc/announce.conf"
+  param Place { mount = "Standard{Root}{place}" dbus = "T.Place string:'$VALUE'" }
+  param Owner { mount = "Standard{Root}{owner}" setter = "echo set >> /tmp/setter.runs"
+    dbus = "T.Owner string:'$VALUE' string:'$NAME'" } }
+group Limits { param Level { parser = Standardparser file = "/etc/announce.conf"
+  mount = "Standard{Root}{level}" dbustype = "int,MIN:L.Min,MAX:L.Max" } }
+group Up { param Time { getter = "echo up; echo get >> /tmp/getter.runs" } }
+group Rules {
+  group R7 { dbusgroupdel = "T.Removed string:'$NAME|$GROUPNUM|$GROUP'" }
+  group R8 { dbusgroupdel = "T.Removed string:'$NAME'" } }
+group End { dbusgroupdel = "T.End" }
+)";
 
-std::string Message(const std::string& member, const std::string& args) {
-  return "/org/tessard/Test org.tessard.Test." + member + " " + args;
+std::string Config() {
+  std::string text = kConfig;
+  for (auto [from, to] : {std::pair{"T.", "/org/tessard/Test org.tessard.Test."},
+                          std::pair{"L.",
+                                    "--dest=org.tessard.Limits /org/tessard/Limits "
+                                    "org.tessard.Limits."}}) {
+    for (size_t at; (at = text.find(from)) != std::string::npos;) text.replace(at, 2, to);
+  }
+  return text;
 }
-
-// Net's parameters announce themselves; Up's is read by a getter; Limits' bounds are queried;
-// deleting a Rules group announces it, and deleting End closes what a test looks at.
-const std::string kConfig =
-    "accessControl = \":f\"\n"
-    "group Net { parser = Standardparser file = \"/etc/announce.conf\"\n"
-    "  param Place { mount = \"Standard{Root}{place}\" dbus = \"" +
-    Message("Place", "string:'$VALUE'") +
-    "\" }\n"
-    "  param Owner { mount = \"Standard{Root}{owner}\" setter = \"echo set >> /tmp/setter.runs\" "
-    "dbus = \"" +
-    Message("Owner", "string:'$VALUE' string:'$NAME'") +
-    "\" } }\n"
-    "group Limits { param Level { parser = Standardparser file = \"/etc/announce.conf\" mount = "
-    "\"Standard{Root}{level}\" dbustype = \"int,MIN:" +
-    kQuery + "Min,MAX:" + kQuery +
-    "Max\" } }\n"
-    "group Up { param Time { getter = \"echo up; echo get >> /tmp/getter.runs\" } }\n"
-    "group Rules {\n"
-    "  group R7 { dbusgroupdel = \"" +
-    Message("Removed", "string:'$NAME|$GROUPNUM|$GROUP'") + "\" }\n  group R8 { dbusgroupdel = \"" +
-    Message("Removed", "string:'$NAME'") + "\" }\n}\ngroup End { dbusgroupdel = \"" +
-    Message("End", "") + "\" }\n";
 
 // A message as "Member(signature) arg|arg".
 std::string Summary(const testbus::Recorded& r) {
@@ -112,10 +109,10 @@ TEST_P(AnnounceTest, SendsMessagesAndRunsCommandsAsTheModeSays) {
   const Mode& mode = GetParam();
   StartSystemBus();
   std::string error;
-  ASSERT_TRUE(limits_.start(std::string("unix:path=") + kSystemBusSocket, kLimits,
+  ASSERT_TRUE(limits_.start(std::string("unix:path=") + kSystemBusSocket, "org.tessard.Limits",
                             {{"Min", "int32:0"}, {"Max", "int32:100"}}, &error))
       << error;
-  WriteFile("/etc/tessard.conf", kConfig);
+  WriteFile("/etc/tessard.conf", Config());
   WriteFile("/etc/announce.conf", "place here\nowner Smith\nlevel 150\n");
   std::vector<std::string> args = {"/etc/tessard.conf", "0"};
   if (mode.flag != nullptr) args.push_back(mode.flag);
