@@ -24,11 +24,8 @@
 namespace tessard::test {
 
 struct LogLine {
-  int priority = 0;  // syslog level, facility removed
-  int facility = 0;
-  int pid = 0;
-  std::string ident;
-  std::string message;
+  int priority = 0, facility = 0, pid = 0;  // priority: the syslog level alone
+  std::string ident, message;
 };
 
 struct TestUser {
