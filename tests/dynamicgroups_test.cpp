@@ -1,5 +1,5 @@
 // Dynamic groups in the real daemon: the data directories at start-up, and groups created, deleted
-// and synchronised through client requests.
+// and synchronised through client requests. How each file is rewritten is dynamic_test's.
 #include <sys/stat.h>
 #include <tessard/tessclient.h>
 #include <unistd.h>
@@ -14,67 +14,28 @@
 namespace tessard::test {
 namespace {
 
+using Names = std::vector<std::string>;
+
+// The group template lies in the primary directory, the parameter template in the fallback one.
+constexpr const char* kGroupTemplate =
+    "group REPLACE_GROUP {\n  accessControl = \"admin:0xF\"\n  file = \"REPLACE_FILE\"\n"
+    "  parser = \"Standardparser\"\n  param Address { mount = \"Standard{REPLACE}{address}\" "
+    "}\n}\n";
+constexpr const char* kGroupFile = "/etc/dynamic/param/net_interface.conf";
+constexpr const char* kParamFile = "/etc/dynamic/net_interface.conf";
+constexpr int kAny = TESSCLIENT_ANY_NUMBER;
+
 class DynamicGroupsDaemonTest : public SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
     if (HasFatalFailure()) return;
-    WriteFile("/etc/tessard.conf", "group Net { }\n");
-  }
-};
-
-// How each directory is made is dynamic_test's; here the daemon's own umask and its reaction to
-// a directory that cannot be made.
-TEST_F(DynamicGroupsDaemonTest, StartUpMakesTheDataDirectoriesUnderItsOwnUmask) {
-  mode_t inherited = umask(077);
-  StartServing({"/etc/tessard.conf", "0"});
-  umask(inherited);
-  struct stat st {};
-  ASSERT_EQ(stat("/etc/dynamic/param", &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0755u) << "0775 under the daemon's umask 022";
-}
-
-TEST_F(DynamicGroupsDaemonTest, ParameterDirectoryThatCannotBeMadeEndsStartUp) {
-  ASSERT_EQ(symlink("/nowhere/at/all", "/etc/dynamic"), 0);
-  pid_t pid = StartDaemon({"/etc/tessard.conf", "0"});
-  EXPECT_EQ(WaitExit(pid), 255);
-  EXPECT_TRUE(log().WaitFor("Initialization of the dynamic directories failed.", 1000));
-}
-
-constexpr const char* kConfig = R"(accessControl = "admin:0xF"
-group Net {
-  group Interface { maxGroups = "4" }
-}
-)";
-
-// The group template lies in the primary directory, the parameter template in the fallback one.
-// Its accessControl rules the creation (template) and the deletion (the group's option).
-constexpr const char* kGroupTemplate =
-    "group REPLACE_GROUP {\n"
-    "  accessControl = \"admin:0xF\"\n"
-    "  file = \"REPLACE_FILE\"\n"
-    "  parser = \"Standardparser\"\n"
-    "  param Address {\n"
-    "    mount = \"Standard{REPLACE}{address}\"\n"
-    "    type = \"string\"\n"
-    "  }\n"
-    "}\n";
-constexpr const char* kParamTemplate = "[REPLACE]\naddress 10.0.0.REPLACE_NBR\n";
-
-constexpr const char* kGroupFile = "/etc/dynamic/param/net_interface.conf";
-constexpr const char* kParamFile = "/etc/dynamic/net_interface.conf";
-constexpr const char* kPendingGroupFile = "/tmp/net_interface_temp_grp";
-constexpr int kAny = TESSCLIENT_ANY_NUMBER;
-
-class DynamicGroupRequestsTest : public DynamicGroupsDaemonTest {
- protected:
-  void SetUp() override {
-    DynamicGroupsDaemonTest::SetUp();
-    if (HasFatalFailure()) return;
-    WriteFile("/etc/tessard.conf", kConfig);
+    WriteFile(
+        "/etc/tessard.conf",
+        "accessControl = \"admin:0xF\"\ngroup Net { group Interface { maxGroups = \"4\" } }\n");
     ASSERT_EQ(system("mkdir -p /usr/etc/sysconfig/template /etc/sysconfig/template"), 0);
     WriteFile("/usr/etc/sysconfig/template/Eth_grp.conf", kGroupTemplate);
-    WriteFile("/etc/sysconfig/template/Eth_par.conf", kParamTemplate);
+    WriteFile("/etc/sysconfig/template/Eth_par.conf", "[REPLACE]\naddress 10.0.0.REPLACE_NBR\n");
   }
 
   // The group files are read back at start-up as an extra configuration directory.
@@ -82,82 +43,80 @@ class DynamicGroupRequestsTest : public DynamicGroupsDaemonTest {
 
   // Creates a group under root.Net.Interface; the name, or "<status N>".
   static std::string Create(int number, int sync = 0) {
-    TessClient* client = nullptr;
-    if (tessclient_connect(nullptr, &client) != 0) return "<no connection>";
-    char* name = nullptr;
-    int status = tessclient_create_group(client, "root.Net.Interface", "Eth", number, sync, &name);
-    std::string result = status == TESSCLIENT_OK ? name : "<status " + std::to_string(status) + ">";
-    free(name);
-    tessclient_close(client);
+    std::string result;
+    WithClient([&](TessClient* c) {
+      char* name = nullptr;
+      int status = tessclient_create_group(c, "root.Net.Interface", "Eth", number, sync, &name);
+      result = status == TESSCLIENT_OK ? name : "<status " + std::to_string(status) + ">";
+      free(name);
+      return status;
+    });
     return result;
   }
 
   // The names of the group headers of a group file, in file order.
-  static std::vector<std::string> Headers(const std::string& text) {
-    std::vector<std::string> names;
+  static Names Headers(const std::string& path) {
+    std::string text = ReadFile(path);
+    Names names;
     for (size_t at = text.find("\ngroup "); at != std::string::npos;
          at = text.find("\ngroup ", at + 1)) {
-      size_t start = at + 7;
-      names.push_back(text.substr(start, text.find(' ', start) - start));
+      names.push_back(text.substr(at + 7, text.find(' ', at + 7) - at - 7));
     }
     return names;
   }
 };
 
-using Names = std::vector<std::string>;
-
-// Numbering itself (the gap before a higher sibling) is dynamic_test's.
-TEST_F(DynamicGroupRequestsTest, CreatedGroupIsReadableAtOnceAndItsFilesChangeAtTheNextSync) {
+// How each directory is made is dynamic_test's; here the daemon's own umask and its reaction to
+// a directory that cannot be made.
+TEST_F(DynamicGroupsDaemonTest, StartUpMakesTheDataDirectoriesUnderItsOwnUmask) {
+  mode_t inherited = umask(077);
   Serve();
-  EXPECT_EQ(Create(kAny), "I0");
-  EXPECT_EQ(ReadFile(kGroupFile), "#Created by tessard\n") << "only the pending file changed";
-  EXPECT_EQ(Headers(ReadFile(kPendingGroupFile)), (Names{"Net", "Interface", "I0"}))
-      << "the first group of a parent gets the whole nesting";
-  EXPECT_EQ(Create(2), "I2") << "the second creation works on the pending files";
-  EXPECT_EQ(Get("root.Net.Interface.I2.Address"), "10.0.0.2") << "readable before any sync";
-  ASSERT_EQ(Sync(0), TESSCLIENT_OK);
-  EXPECT_FALSE(Exists(kPendingGroupFile));
-  EXPECT_EQ(Headers(ReadFile(kGroupFile)), (Names{"Net", "Interface", "I0", "I2"}));
-  EXPECT_TRUE(log().WaitFor("Created new group 'I2' for 'root.Net.Interface'.", 1000));
+  umask(inherited);
+  struct stat st {};
+  ASSERT_EQ(stat("/etc/dynamic/param", &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0755u) << "0775 under the daemon's umask 022";
+  StopDaemon();
+  ASSERT_EQ(system("rm -rf /etc/dynamic && ln -s /nowhere/at/all /etc/dynamic"), 0);
+  EXPECT_EQ(WaitExit(StartDaemon({"/etc/tessard.conf", "0"})), 255);
+  EXPECT_TRUE(log().WaitFor("Initialization of the dynamic directories failed.", 1000));
 }
 
-TEST_F(DynamicGroupRequestsTest, DeletionDropsBlockSectionsAndDependentFiles) {
+// Created groups are readable at once and written at the next sync; a restarted daemon reads
+// them back, and its numbering sees them.
+TEST_F(DynamicGroupsDaemonTest, CreatedGroupsLiveOnInTheFilesAfterASync) {
+  Serve();
+  EXPECT_EQ(Create(kAny), "I0");
+  EXPECT_EQ(Create(3), "I3");
+  EXPECT_EQ(Get("root.Net.Interface.I3.Address"), "10.0.0.3");
+  ASSERT_EQ(Sync(0), TESSCLIENT_OK);
+  EXPECT_EQ(Headers(kGroupFile), (Names{"Net", "Interface", "I0", "I3"}));
+  StopDaemon();
+  Serve();
+  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "10.0.0.0");
+  EXPECT_EQ(Get("root.Net.Interface.I3.Address"), "10.0.0.3");
+  EXPECT_EQ(Create(kAny), "I1");
+}
+
+TEST_F(DynamicGroupsDaemonTest, DeletionDropsBlockSectionsAndDependentFiles) {
   Serve();
   ASSERT_EQ(Create(kAny, 10), "I0");
   ASSERT_EQ(Create(kAny, 10), "I1");
   WriteFile(kParamFile,
             ReadFile(kParamFile) + "[Net.Interface.I0.x]\nextra 1\n[Net.Interface.I01]\nkept 2\n");
-  for (const char* path :
-       {"/etc/dynamic/param/net_interface_i0.conf", "/etc/dynamic/net_interface_i0_sub.conf",
-        "/etc/dynamic/net_interface_i01.conf", "/etc/dynamic/net_interface_i1.conf"}) {
-    WriteFile(path, "x\n");
-  }
+  const std::string gone[] = {"param/net_interface_i0.conf", "net_interface_i0_sub.conf",
+                              "net_interface_i01.conf"};  // a plain prefix match
+  for (const std::string& name : gone) WriteFile("/etc/dynamic/" + name, "x\n");
+  WriteFile("/etc/dynamic/net_interface_i1.conf", "x\n");
   ASSERT_EQ(Delete("root.Net.Interface.I0", 10), TESSCLIENT_OK);
-  EXPECT_EQ(Headers(ReadFile(kGroupFile)), (Names{"Net", "Interface", "I1"}));
+  EXPECT_EQ(Headers(kGroupFile), (Names{"Net", "Interface", "I1"}));
   EXPECT_EQ(ReadFile(kParamFile),
             "#Created by tessard\n[Net.Interface.I1]\naddress 10.0.0.1\n"
             "[Net.Interface.I01]\nkept 2\n");
-  EXPECT_FALSE(Exists("/etc/dynamic/param/net_interface_i0.conf"));
-  EXPECT_FALSE(Exists("/etc/dynamic/net_interface_i0_sub.conf"));
-  EXPECT_FALSE(Exists("/etc/dynamic/net_interface_i01.conf")) << "a plain prefix match";
+  for (const std::string& name : gone) EXPECT_FALSE(Exists("/etc/dynamic/" + name)) << name;
   EXPECT_TRUE(Exists("/etc/dynamic/net_interface_i1.conf"));
   EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "<status 16>");
-  EXPECT_EQ(Get("root.Net.Interface.I1.Address"), "10.0.0.1");
-
   EXPECT_EQ(Delete("root"), TESSCLIENT_FAILED);
   EXPECT_TRUE(log().WaitFor("Deleteing 'root' is FORBIDDEN!", 1000));
-}
-
-TEST_F(DynamicGroupRequestsTest, RestartedDaemonReadsTheSameGroupsFromTheFiles) {
-  Serve();
-  ASSERT_EQ(Create(kAny), "I0");
-  ASSERT_EQ(Create(3), "I3");
-  ASSERT_EQ(Sync(0), TESSCLIENT_OK);
-  StopDaemon();
-  Serve();
-  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "10.0.0.0");
-  EXPECT_EQ(Get("root.Net.Interface.I3.Address"), "10.0.0.3");
-  EXPECT_EQ(Create(kAny), "I1") << "numbering sees the groups read back";
 }
 
 }  // namespace

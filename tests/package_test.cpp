@@ -1,14 +1,12 @@
 // The Debian packages installed into the sandbox's root: the service unit's command line, started
-// as systemd starts it on the socket unit's address (systemd-socket-activate), serves the
-// packaged example device, and the installed tessctl reads a parameter from it.
-// debian/tests/sandbox runs it with the built packages' paths in TESSARD_PACKAGES.
+// as systemd starts it on the socket unit's address, serves the packaged example device, and the
+// installed tessctl reads a parameter from it. debian/tests/sandbox runs it with the built
+// packages' paths in TESSARD_PACKAGES.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include "tests/support/sandbox.h"
 #include "tests/support/shellcommand.h"
@@ -16,20 +14,13 @@
 namespace tessard::test {
 namespace {
 
-class PackageTest : public SandboxTest {
- protected:
-  // The words of a "Key=" line of an installed unit.
-  static std::vector<std::string> unit_words(const std::string& unit, const std::string& key) {
-    std::vector<std::string> words = UnitLine("/usr/lib/systemd/system/" + unit, key);
-    return words.empty() ? UnitLine("/lib/systemd/system/" + unit, key) : words;
-  }
-};
+class PackageTest : public SandboxTest {};
 
+// Unpacked in /tmp and copied over the overlaid /usr and /etc, so that the host's root directory
+// itself is never touched.
 TEST_F(PackageTest, InstalledUnitsServeThePackagedExample) {
   const char* packages = getenv("TESSARD_PACKAGES");
   ASSERT_NE(packages, nullptr) << "TESSARD_PACKAGES names no .deb to install";
-  // Unpacked in /tmp and copied over the overlaid /usr and /etc, so that the host's root
-  // directory itself is never touched.
   std::string out;
   std::istringstream debs(packages);
   for (std::string deb; debs >> deb;) {
@@ -45,20 +36,9 @@ TEST_F(PackageTest, InstalledUnitsServeThePackagedExample) {
                         &out),
             0)
       << out;
-
-  std::vector<std::string> exec = unit_words("tessard.service", "ExecStart");
-  std::vector<std::string> listen = unit_words("tessard.socket", "ListenStream");
-  ASSERT_GE(exec.size(), 1u) << "no ExecStart in the installed service";
-  ASSERT_EQ(listen.size(), 1u) << "no single ListenStream in the installed socket";
-  pid_t pid = StartActivated(listen[0], exec);
-  ASSERT_GT(pid, 0);
-
-  out.clear();
-  EXPECT_EQ(run_command("timeout 10 /usr/bin/tessctl get root.System.Time.TimeZone", &out), 0)
-      << out;
-  EXPECT_EQ(out, "Europe/Berlin\n");
-  EXPECT_TRUE(log().WaitFor("Starting server.", 5000, nullptr, pid))
-      << "the activated daemon is not the one that served";
+  bool usr_lib = Exists("/usr/lib/systemd/system/tessard.service");
+  ServeExampleThroughUnits(usr_lib ? "/usr/lib/systemd/system" : "/lib/systemd/system",
+                           "/usr/bin/tessctl");
 }
 
 }  // namespace

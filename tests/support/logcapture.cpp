@@ -6,50 +6,31 @@
 #include <cstdio>
 
 namespace tessard::test {
-namespace {
 
-std::vector<CapturedLine>& lines() {
+std::vector<CapturedLine>& captured_log() {
   static std::vector<CapturedLine> captured;
   return captured;
 }
 
-void record(int priority, const char* format, va_list args) {
-  char text[4096];
-  va_list copy;
-  va_copy(copy, args);
-  vsnprintf(text, sizeof text, format, copy);  // the C library expands %m here as well
-  va_end(copy);
-  lines().push_back(CapturedLine{LOG_PRI(priority), text});
-  fprintf(stderr, "log<%d>: %s\n", LOG_PRI(priority), text);
-}
-
-}  // namespace
-
-std::vector<CapturedLine> captured_log() {
-  return lines();
-}
-
-void clear_captured_log() {
-  lines().clear();
-}
-
 int count_logged(std::string_view needle) {
   int count = 0;
-  for (const CapturedLine& line : lines()) {
-    if (line.message.find(needle) != std::string::npos) ++count;
-  }
+  for (const CapturedLine& line : captured_log())
+    count += line.message.find(needle) != line.message.npos;
   return count;
 }
 
 }  // namespace tessard::test
 
 extern "C" void vsyslog(int priority, const char* format, va_list args) {
-  tessard::test::record(priority, format, args);
+  char text[4096];
+  vsnprintf(text, sizeof text, format, args);  // the C library expands %m here as well
+  tessard::test::captured_log().push_back({LOG_PRI(priority), text});
+  fprintf(stderr, "log<%d>: %s\n", LOG_PRI(priority), text);
 }
 
 extern "C" void syslog(int priority, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  tessard::test::record(priority, format, args);
+  vsyslog(priority, format, args);
   va_end(args);
 }

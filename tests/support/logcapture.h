@@ -1,9 +1,6 @@
-// Test support: takes the place of the system log in a test program, so that unit tests can see
-// what the code under test logged. Every line is also written to standard error, where a death
-// test (a fatal error ends the process) can match it.
-//
-// Every test links it (tessard_testsupport); it replaces syslog() and vsyslog() of the C
-// library for the whole program.
+// Takes the place of the system log in every test program (tessard_testsupport replaces syslog()
+// and vsyslog() of the C library), so that unit tests see what the code under test logged. Every
+// line also goes to standard error, where a death test can match it.
 #pragma once
 
 #include <string>
@@ -17,8 +14,10 @@ struct CapturedLine {
   std::string message;
 };
 
-std::vector<CapturedLine> captured_log();
-void clear_captured_log();
+std::vector<CapturedLine>& captured_log();
+inline void clear_captured_log() {
+  captured_log().clear();
+}
 // How many captured lines contain `needle`.
 int count_logged(std::string_view needle);
 

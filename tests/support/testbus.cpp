@@ -9,10 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
-#include <functional>
-#include <memory>
+#include <fstream>
 
 #include "dbussend/dbussend.h"
 #include "dbussend/dbussend_internal.h"
@@ -20,50 +18,20 @@
 namespace testbus {
 namespace {
 
-constexpr int kStartTimeoutMs = 10000;
 constexpr char kBusName[] = "org.freedesktop.DBus";
 
-const char kConfig[] =
-    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:path=%s</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-
-std::string make_temp_dir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/tessard-bus-XXXXXX";
-  return mkdtemp(pattern.data()) ? pattern : std::string();
+std::string bus_config(const std::string& socket_path) {
+  return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+         " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+         "<busconfig><type>session</type><listen>unix:path=" +
+         socket_path +
+         "</listen><auth>EXTERNAL</auth>\n"
+         "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+         "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
 }
 
-bool write_config(const std::string& dir, const std::string& socket_path) {
-  std::FILE* f = std::fopen((dir + "/bus.conf").c_str(), "w");
-  if (f == nullptr) return false;
-  std::fprintf(f, kConfig, socket_path.c_str());
-  return std::fclose(f) == 0;
-}
-
-// Reads one line from fd within timeout_ms; false on timeout or end of file.
-bool read_line(int fd, int timeout_ms, std::string* line) {
-  char c = 0;
-  while (true) {
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, timeout_ms) <= 0 || read(fd, &c, 1) != 1) return false;
-    if (c == '\n') return true;
-    *line += c;
-  }
-}
-
-// Forks a child that runs `child` with the write end of a pipe (it never returns), and waits for
-// the first line the child writes there. Returns the child's pid (or -1) and whether a line came.
+// Forks a child that runs `child` with the write end of a pipe (it never returns), and waits up to
+// 10 s for the first line the child writes there. The child's pid goes to *pid.
 bool spawn(const std::function<void(int)>& child, pid_t* pid, std::string* line) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return false;
@@ -74,7 +42,10 @@ bool spawn(const std::function<void(int)>& child, pid_t* pid, std::string* line)
     _exit(127);
   }
   close(fds[1]);
-  bool ok = *pid > 0 && read_line(fds[0], kStartTimeoutMs, line);
+  char c = 0;
+  pollfd p{fds[0], POLLIN, 0};
+  bool ok = *pid > 0;
+  while (ok && (ok = poll(&p, 1, 10000) > 0 && read(fds[0], &c, 1) == 1) && c != '\n') *line += c;
   close(fds[0]);
   return ok;
 }
@@ -92,7 +63,7 @@ uint64_t now_usec() {
   return static_cast<uint64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-// Renders the next argument of m as text; false at the end of the message.
+// Appends the next argument of m as text; false at the end of the message.
 bool render_arg(sd_bus_message* m, std::string* out) {
   char type = 0;
   const char* contents = nullptr;
@@ -104,7 +75,7 @@ bool render_arg(sd_bus_message* m, std::string* out) {
     return true;
   }
   sd_bus_message_enter_container(m, type, contents);
-  const char* open = type == 'a' ? (contents[0] == '{' ? "{" : "[") : "";
+  std::string open = type == 'a' ? (contents[0] == '{' ? "{" : "[") : "";
   *out += open;
   for (bool first = true;; first = false) {
     std::string item;
@@ -112,12 +83,12 @@ bool render_arg(sd_bus_message* m, std::string* out) {
     *out += (first ? "" : (type == 'e' ? "=" : ",")) + item;
   }
   sd_bus_message_exit_container(m);
-  *out += *open == '{' ? "}" : (*open == '[' ? "]" : "");
+  *out += open == "{" ? "}" : (open == "[" ? "]" : "");
   return true;
 }
 
-// Connects a client to the bus at address (in sd-bus's monitor mode, which neither filters nor
-// answers what arrives, when monitor is set); nullptr on failure.
+// A client of the bus at `address` (in sd-bus's monitor mode, which neither filters nor answers
+// what arrives, when `monitor` is set); nullptr on failure.
 sd_bus* open_client(const std::string& address, bool monitor = false) {
   sd_bus* bus = nullptr;
   if (sd_bus_new(&bus) < 0) return nullptr;
@@ -128,7 +99,7 @@ sd_bus* open_client(const std::string& address, bool monitor = false) {
   return bus;
 }
 
-const char* or_empty(const char* s) {
+std::string text_of(const char* s) {
   return s ? s : "";
 }
 
@@ -140,12 +111,11 @@ uint8_t type_of(sd_bus_message* m) {
 
 int answer_call(sd_bus_message* m, void* userdata, sd_bus_error*) {
   if (type_of(m) != SD_BUS_MESSAGE_METHOD_CALL) return 0;
-  const auto* answers = static_cast<const ServiceChild::Answers*>(userdata);
-  for (const auto& [member, answer] : *answers) {
-    if (member != or_empty(sd_bus_message_get_member(m))) continue;
-    std::string text = "/ a.b.c " + answer;
-    DbusSendMessage* parsed = dbus_send_from_string(text.c_str(), nullptr);
-    if (parsed == nullptr) break;
+  std::string member = text_of(sd_bus_message_get_member(m));
+  for (const auto& [name, answer] : *static_cast<const ServiceChild::Answers*>(userdata)) {
+    DbusSendMessage* parsed =
+        name == member ? dbus_send_from_string(("/ a.b.c " + answer).c_str(), nullptr) : nullptr;
+    if (parsed == nullptr) continue;
     sd_bus_message* reply = nullptr;
     sd_bus_message_new_method_return(m, &reply);
     dbussend::append_args(reply, *parsed);
@@ -154,42 +124,25 @@ int answer_call(sd_bus_message* m, void* userdata, sd_bus_error*) {
     dbus_send_free(parsed);
     return 1;
   }
-  sd_bus_reply_method_errorf(m, "org.tessard.Test.Error", "no answer for %s",
-                             or_empty(sd_bus_message_get_member(m)));
+  sd_bus_reply_method_errorf(m, "org.tessard.Test.Error", "no answer for %s", member.c_str());
   return 1;
-}
-
-[[noreturn]] void serve(const std::string& address, const char* name,
-                        const ServiceChild::Answers& answers, int ready_fd) {
-  sd_bus* bus = open_client(address);
-  if (bus == nullptr || sd_bus_request_name(bus, name, 0) < 0) _exit(1);
-  sd_bus_add_filter(bus, nullptr, answer_call, const_cast<ServiceChild::Answers*>(&answers));
-  if (write(ready_fd, "R\n", 2) != 2) _exit(1);
-  close(ready_fd);
-  while (true) {
-    int r = sd_bus_process(bus, nullptr);
-    if (r < 0) _exit(1);
-    if (r == 0) sd_bus_wait(bus, UINT64_MAX);
-  }
 }
 
 }  // namespace
 
 bool PrivateBus::start(std::string* error, const std::string& socket_path) {
   address_.clear();
-  dir_ = make_temp_dir();
-  if (dir_.empty() ||
-      !write_config(dir_, socket_path.empty() ? dir_ + "/bus_socket" : socket_path)) {
+  std::string pattern = std::string(getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp") + "/busXXXXXX";
+  dir_ = mkdtemp(pattern.data()) ? pattern : "";
+  if (dir_.empty() || !(std::ofstream(dir_ + "/bus.conf")
+                        << bus_config(socket_path.empty() ? dir_ + "/bus_socket" : socket_path))) {
     *error = "cannot prepare a directory for dbus-daemon";
     return false;
   }
   auto daemon = [&](int fd) {
     // Descriptor 3 must survive exec; the pipe's own descriptor is closed on exec.
-    if (fd == 3) {
-      fcntl(fd, F_SETFD, 0);
-    } else {
-      dup2(fd, 3);
-    }
+    if (fd == 3) fcntl(fd, F_SETFD, 0);
+    if (fd != 3) dup2(fd, 3);
     std::string config = "--config-file=" + dir_ + "/bus.conf";
     execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--print-address=3", nullptr);
   };
@@ -200,20 +153,14 @@ bool PrivateBus::start(std::string* error, const std::string& socket_path) {
 
 void PrivateBus::stop() {
   stop_child(&pid_);
-  if (!dir_.empty()) {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-    dir_.clear();
-  }
+  std::error_code ignored;
+  if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
+  dir_.clear();
 }
 
 void PrivateBus::export_address() const {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
   setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
-}
-
-Recorder::~Recorder() {
-  sd_bus_flush_close_unref(bus_);
 }
 
 bool Recorder::connect(const std::string& address, const char* name, std::string* error) {
@@ -227,15 +174,15 @@ bool Recorder::connect(const std::string& address, const char* name, std::string
   return true;
 }
 
+// Without match rules: every message on the bus (which the bus allows to root and its own user).
 bool Recorder::monitor(const std::string& address, std::string* error) {
   bus_ = open_client(address, true);
   sd_bus_error call_error = SD_BUS_ERROR_NULL;
-  // No match rules: every message on the bus.
   if (bus_ == nullptr ||
       sd_bus_call_method(bus_, kBusName, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
                          "BecomeMonitor", &call_error, nullptr, "asu", 0, 0u) < 0 ||
       sd_bus_add_filter(bus_, nullptr, on_message, this) < 0) {
-    *error = std::string("the recorder cannot monitor the bus: ") + or_empty(call_error.message);
+    *error = "the recorder cannot monitor the bus: " + text_of(call_error.message);
     sd_bus_error_free(&call_error);
     return false;
   }
@@ -246,33 +193,30 @@ bool Recorder::monitor(const std::string& address, std::string* error) {
 // listens, and a monitor that sends anything is disconnected by the bus.
 int Recorder::on_message(sd_bus_message* m, void* self, sd_bus_error*) {
   uint8_t type = type_of(m);
+  Recorded r{type == SD_BUS_MESSAGE_SIGNAL,
+             text_of(sd_bus_message_get_destination(m)),
+             text_of(sd_bus_message_get_path(m)),
+             text_of(sd_bus_message_get_interface(m)),
+             text_of(sd_bus_message_get_member(m)),
+             text_of(sd_bus_message_get_signature(m, 1)),
+             {}};
   if ((type != SD_BUS_MESSAGE_SIGNAL && type != SD_BUS_MESSAGE_METHOD_CALL) ||
-      or_empty(sd_bus_message_get_sender(m)) == std::string_view(kBusName) ||
-      or_empty(sd_bus_message_get_destination(m)) == std::string_view(kBusName)) {
+      text_of(sd_bus_message_get_sender(m)) == kBusName || r.destination == kBusName) {
     return 1;
   }
-  Recorded r;
-  r.signal = type == SD_BUS_MESSAGE_SIGNAL;
-  r.destination = or_empty(sd_bus_message_get_destination(m));
-  r.path = or_empty(sd_bus_message_get_path(m));
-  r.interface = or_empty(sd_bus_message_get_interface(m));
-  r.member = or_empty(sd_bus_message_get_member(m));
-  r.signature = or_empty(sd_bus_message_get_signature(m, 1));
-  for (std::string arg; render_arg(m, &arg); arg.clear()) {
-    r.args.push_back(arg);
-  }
+  for (std::string arg; render_arg(m, &arg); arg.clear()) r.args.push_back(arg);
   static_cast<Recorder*>(self)->recorded_.push_back(std::move(r));
   return 1;
 }
 
+// Handles incoming messages until done() holds or timeout_ms has passed; returns done().
 bool Recorder::wait_until(const std::function<bool()>& done, int timeout_ms) {
   uint64_t deadline = now_usec() + static_cast<uint64_t>(timeout_ms) * 1000;
-  while (true) {
+  for (;;) {
     while (sd_bus_process(bus_, nullptr) > 0) {
     }
     uint64_t now = now_usec();
-    if (done()) return true;
-    if (now >= deadline) return false;
+    if (done() || now >= deadline) return done();
     sd_bus_wait(bus_, deadline - now);
   }
 }
@@ -302,7 +246,19 @@ std::vector<Recorded> Recorder::wait_before(const std::string& member, int timeo
 bool ServiceChild::start(const std::string& address, const char* name, const Answers& answers,
                          std::string* error) {
   std::string line;
-  bool ok = spawn([&](int fd) { serve(address, name, answers, fd); }, &pid_, &line);
+  auto serve = [&](int ready_fd) {
+    sd_bus* bus = open_client(address);
+    if (bus == nullptr || sd_bus_request_name(bus, name, 0) < 0) _exit(1);
+    sd_bus_add_filter(bus, nullptr, answer_call, const_cast<Answers*>(&answers));
+    if (write(ready_fd, "R\n", 2) != 2) _exit(1);
+    close(ready_fd);
+    for (;;) {
+      int r = sd_bus_process(bus, nullptr);
+      if (r < 0) _exit(1);
+      if (r == 0) sd_bus_wait(bus, UINT64_MAX);
+    }
+  };
+  bool ok = spawn(serve, &pid_, &line);
   if (!ok) *error = std::string("the test service could not take the name ") + name;
   return ok;
 }

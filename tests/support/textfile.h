@@ -14,7 +14,6 @@ inline std::string read_text(const std::string& path) {
   return text.str();
 }
 
-// Replaces the file's contents with `text`.
 inline void write_file(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
