@@ -82,35 +82,30 @@ TEST(GetterBuildIntConstraint, FormsTheConstraintFromTwoIntegers) {
   }
 }
 
-using ConstraintCase = std::tuple<const char*, const char*, const char*, const char*>;
-class GetterConstraintTest : public AnnounceTest,
-                             public testing::WithParamInterface<ConstraintCase> {};
-
-TEST_P(GetterConstraintTest, CorrectsLoadedValuesInMemory) {
-  auto [type, value, expected, logged] = GetParam();
-  Param* p = param(group("G"), "level", value);
-  if (type != nullptr) map_setParamOption("type", type, p);
-  map_checkParamConstraint(p, 0);
-  EXPECT_EQ(value_text(p), expected);
-  std::string log;
-  for (const auto& line : captured_log()) log += line.message;
-  EXPECT_EQ(log, logged);
+TEST_F(AnnounceTest, ConstraintCorrectsLoadedValuesInMemory) {
+  const char* out = "level received a value out of range when defined.";
+  const char* no_int = "level was supposed to be an int, but wasn't. Value check has been ignored.";
+  // type option, value, value after the check, log
+  const char* cases[][4] = {
+      {"int:min=0,max=10", "-3", "0", out},
+      {"int:min=0,max=10", "7", "7", ""},
+      {"const:int:range=1,5-7", "3", "5", out},
+      {"string", "99", "99", ""},
+      {nullptr, "99", "99", ""},
+      {"int:max=3", "abc", "abc", no_int},
+      {"int:max=3", "123456789012345678901", "123456789012345678901", no_int}};
+  int n = 0;
+  for (auto [type, value, expected, logged] : cases) {
+    clear_captured_log();
+    Param* p = param(group(("G" + std::to_string(n++)).c_str()), "level", value);
+    if (type != nullptr) map_setParamOption("type", type, p);
+    map_checkParamConstraint(p, 0);
+    EXPECT_EQ(value_text(p), expected);
+    std::string log;
+    for (const auto& line : captured_log()) log += line.message;
+    EXPECT_EQ(log, logged) << value;
+  }
 }
-
-constexpr char kOut[] = "level received a value out of range when defined.";
-constexpr char kNoInt[] =
-    "level was supposed to be an int, but wasn't. Value check has been ignored.";
-
-// type option, value, value after the check, log
-INSTANTIATE_TEST_SUITE_P(Values, GetterConstraintTest,
-                         testing::Values(ConstraintCase{"int:min=0,max=10", "-3", "0", kOut},
-                                         ConstraintCase{"int:min=0,max=10", "7", "7", ""},
-                                         ConstraintCase{"const:int:range=1,5-7", "3", "5", kOut},
-                                         ConstraintCase{"string", "99", "99", ""},
-                                         ConstraintCase{nullptr, "99", "99", ""},
-                                         ConstraintCase{"int:max=3", "abc", "abc", kNoInt},
-                                         ConstraintCase{"int:max=3", "123456789012345678901",
-                                                        "123456789012345678901", kNoInt}));
 
 TEST_F(GetterRunTest, ConstraintCorrectsAnIntegerScalarInItsOwnForm) {
   Param* p = nullptr;

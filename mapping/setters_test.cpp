@@ -45,23 +45,18 @@ class SetterDbusMessageTest : public AnnounceTest {
   }
 };
 
-class SetterTemplateTest
-    : public SetterDbusMessageTest,
-      public testing::WithParamInterface<std::tuple<const char*, const char*, const char*>> {};
-
 // In a numbered group $NAME stays in the message, as message templates rely on it.
-TEST_P(SetterTemplateTest, FillsValueNameGroupNumberAndGroup) {
-  auto [group_name, value, place] = GetParam();
-  map_sendParamDbusMessage(
-      "/org/t org.t.If.Changed string:'$VALUE' string:'$NAME|$GROUPNUM|$GROUP'",
-      param(group(group_name), "p", value));
-  EXPECT_EQ(sent(), (Lines{value, place}));
+TEST_F(SetterDbusMessageTest, FillsValueNameGroupNumberAndGroup) {
+  // group, value, the second argument
+  const char* cases[][3] = {
+      {"I3", "O'Brien", "$NAME|3|I3"}, {"I", "''", "root.I.p||I"}, {"I0a", "x", "root.I0a.p||I0a"}};
+  for (auto [group_name, value, place] : cases) {
+    map_sendParamDbusMessage(
+        "/org/t org.t.If.Changed string:'$VALUE' string:'$NAME|$GROUPNUM|$GROUP'",
+        param(group(group_name), "p", value));
+    EXPECT_EQ(sent(), (Lines{value, place})) << group_name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Groups, SetterTemplateTest,
-                         testing::Values(std::tuple{"I3", "O'Brien", "$NAME|3|I3"},
-                                         std::tuple{"I", "''", "root.I.p||I"},
-                                         std::tuple{"I0a", "x", "root.I0a.p||I0a"}));
 
 TEST_F(SetterDbusMessageTest, DeferredRemovalSendsTheGroupMessageUnlessTheReasonIsSilent) {
   for (const char* name : {"I1", "I2", "I3"}) {
@@ -73,25 +68,23 @@ TEST_F(SetterDbusMessageTest, DeferredRemovalSendsTheGroupMessageUnlessTheReason
   EXPECT_EQ(sent(), Lines{"1"});
 }
 
-class SetterPasswordMaskTest
-    : public SetterDbusMessageTest,
-      public testing::WithParamInterface<std::pair<const char*, const char*>> {};
-
-TEST_P(SetterPasswordMaskTest, FailedSendIsLoggedWithPasswordMasked) {
-  auto [type, logged] = GetParam();
+TEST_F(SetterDbusMessageTest, FailedSendIsLoggedWithPasswordMasked) {
   const std::string call =
       "--type=method_call --print-reply --dest=org.tessard.Nobody /p org.t.If.Set ";
-  map_sendParamDbusMessage((call + "string:'$VALUE' string:tail").c_str(),
-                           param(group("G"), "p", "it's", {{"type", type}}));
-  EXPECT_EQ(count_logged("Could not send dbus message: " + call + logged +
-                         " : Method call failed: org.freedesktop.DBus.Error.ServiceUnknown"),
-            1);
+  const std::string plain = "string:'it'\\''s' string:tail";
+  // type option, the message as logged
+  const std::pair<const char*, std::string> cases[] = {
+      {"string", plain}, {"string:password", "string:'*****'"}, {"passwords", plain}};
+  for (const auto& [type, logged] : cases) {
+    clear_captured_log();
+    map_sendParamDbusMessage((call + "string:'$VALUE' string:tail").c_str(),
+                             param(group("G"), type, "it's", {{"type", type}}));
+    EXPECT_EQ(count_logged("Could not send dbus message: " + call + logged +
+                           " : Method call failed: org.freedesktop.DBus.Error.ServiceUnknown"),
+              1)
+        << type;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Types, SetterPasswordMaskTest,
-                         testing::Values(std::pair{"string", "string:'it'\\''s' string:tail"},
-                                         std::pair{"string:password", "string:'*****'"},
-                                         std::pair{"passwords", "string:'it'\\''s' string:tail"}));
 
 // Setter commands run detached; the test collects them as their subreaper.
 class SetterCommandTest : public AnnounceTest {
@@ -183,16 +176,15 @@ class SetterSignalTest : public AnnounceTest {
     EXPECT_EQ(read(fds[0], ready, 5), 5) << "the signal target did not start";
     close(fds[0]);
     pids_.push_back(pid);
-    names_.push_back(unique);
     return unique;
   }
 
-  // The record of each target (the numbers of the signals it received, one a line), once it reads
-  // as expected or two seconds have passed, and then a moment longer so that any more arrive.
-  Lines received(const Lines& expected) {
+  // The record of each target (the numbers of the signals it received, one a line), once they
+  // read as expected or two seconds have passed, and then a moment longer so that any more arrive.
+  Lines received(const Lines& names, const Lines& expected) {
     auto records = [&] {
       Lines got;
-      for (const std::string& name : names_) got.push_back(read_file(name));
+      for (const std::string& name : names) got.push_back(read_file(name));
       return got;
     };
     for (int tries = 0; tries < 200 && records() != expected; ++tries) {
@@ -203,37 +195,32 @@ class SetterSignalTest : public AnnounceTest {
   }
 
   std::vector<pid_t> pids_;
-  Lines names_;
 };
 
 TEST_F(SetterSignalTest, OneSignalWordServesEveryNameAndEachProcessGetsItOnce) {
-  std::string a = start("a");
-  std::string list = a + ", " + start("b");
+  Lines names = {start("a"), start("b")};
+  std::string list = names[0] + ", " + names[1];
   update_sendSignal(list.c_str(), "USR1");
   update_sendSignal(list.c_str(), " USR1");
   Lines once = {"10\n", "10\n"}, twice = {"10\n10\n", "10\n10\n"};
-  EXPECT_EQ(received(once), once);
+  EXPECT_EQ(received(names, once), once);
   update_clearSignalledProcesses();
   update_sendSignal(list.c_str(), "10");
-  EXPECT_EQ(received(twice), twice);
+  EXPECT_EQ(received(names, twice), twice);
 }
 
-class SetterSignalWordTest : public SetterSignalTest, public testing::WithParamInterface<Lines> {};
-
-TEST_P(SetterSignalWordTest, SendsTheSignalEachWordNames) {
-  std::string list = start("a") + ",";
-  list += start("b");
-  update_sendSignal(list.c_str(), GetParam()[0].c_str());
-  Lines expected = {GetParam()[1], GetParam()[2]};
-  EXPECT_EQ(received(expected), expected);
+TEST_F(SetterSignalTest, SendsTheSignalEachWordNames) {
+  // signal words, what the first and the second process receive
+  const Lines cases[] = {{"40", "1\n", "1\n"},       {"-3", "1\n", "1\n"},
+                         {"HUP, IO", "1\n", "29\n"}, {"USR2,USR1", "12\n", "10\n"},
+                         {"KILL", "", ""},           {"USR1,TERM", "10\n", ""}};
+  for (const Lines& words : cases) {
+    std::string n = std::to_string(&words - cases);
+    Lines names = {start("a" + n), start("b" + n)};
+    update_sendSignal((names[0] + "," + names[1]).c_str(), words[0].c_str());
+    EXPECT_EQ(received(names, {words[1], words[2]}), (Lines{words[1], words[2]})) << words[0];
+  }
 }
-
-// signal words, what the first and the second process receive
-INSTANTIATE_TEST_SUITE_P(Words, SetterSignalWordTest,
-                         testing::Values(Lines{"40", "1\n", "1\n"}, Lines{"-3", "1\n", "1\n"},
-                                         Lines{"HUP, IO", "1\n", "29\n"},
-                                         Lines{"USR2,USR1", "12\n", "10\n"}, Lines{"KILL", "", ""},
-                                         Lines{"USR1,TERM", "10\n", ""}));
 
 // Out of descriptors (a local user can hold many connections open), /proc cannot be read: the
 // signal is not sent and the daemon goes on.
@@ -263,7 +250,7 @@ TEST_F(SetterSignalTest, SetterRunsSignalTheParameterAndTheGroupDaemon) {
   map_runSetters(g, 2, 0);
   EXPECT_EQ(g->daemonPending, 1);
   map_runSetters(g, 0, 0);
-  EXPECT_EQ(received({"1\n", "12\n"}), (Lines{"1\n", "12\n"}));
+  EXPECT_EQ(received({daemon, group_daemon}, {"1\n", "12\n"}), (Lines{"1\n", "12\n"}));
   EXPECT_EQ(g->daemonPending, 0);
 }
 
