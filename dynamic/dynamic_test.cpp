@@ -236,10 +236,6 @@ class DynamicGroupsTest : public DynamicDirsTest {
     write_file(dir("tmplfb") + "/Eth_grp.conf", kGroupTemplate);
     write_file(dir("tmpl") + "/Eth_par.conf", kParamTemplate);
   }
-  void TearDown() override {
-    upgradeMode = 0;
-    DynamicDirsTest::TearDown();
-  }
 
   // Creates a group under root.Net.Interface and returns its name ("" on failure).
   std::string create(int number) {

@@ -120,18 +120,6 @@ TEST_F(SyncTest, GetterParamMessageDueOnlyWhenChanged) {
   }
 }
 
-TEST_F(SyncTest, FullSyncWritesTwoChangesOnceAndRunsTheSetterOnce) {
-  load("# net\na 1\nb 2\n");
-  map_sync(0, 0);
-  client_sets("root.Net.a", "x");
-  client_sets("root.Net.a", "y");
-  client_sets("root.Net.b", "z");
-  EXPECT_EQ(map_sync(0, 0), 0);
-  EXPECT_EQ(read_text(net_), "# net\na y\nb z\n");
-  EXPECT_EQ(map_getUpdatedParamList(), nullptr);
-  EXPECT_EQ(setter_log(1), "y:z\n");  // one command text, all changed params in the environment
-}
-
 // A full disk, as the file size limit makes it: the failed write is answered and stays pending.
 TEST_F(SyncTest, AFailedWriteIsReportedAndWrittenByTheNextSync) {
   load("a 1\nb 2\n");

@@ -69,7 +69,6 @@ constexpr char kConfig[] = R"(group Network {
   param Serial { mount = "Standard{Root}{serial}" type = "readonly:string" }
   param Mode { mount = "Standard{Root}{mode}" type = "enum:Auto,Manual|Manual mode,Off" }
   param Label { mount = "Standard{Root}{label}" type = "string:maxlen=8" }
-  group Eth0 { param Address { mount = "Standard{eth0}{address}" } }
 }
 group Closed { param NoRules { parser = Standardparser file = "DIR/network.conf"
   mount = "Standard{Root}{hostname}" } }
@@ -91,8 +90,7 @@ constexpr char kGroupTemplate[] =
     "}\n";
 
 constexpr char kNetwork[] =
-    "# network\nhostname camera1\nsecret hunter2\nserial ABC123\nmode Auto\nlabel front\n"
-    "[eth0]\naddress 10.0.0.2\n";
+    "# network\nhostname camera1\nsecret hunter2\nserial ABC123\nmode Auto\nlabel front\n";
 
 class RequestTest : public ::testing::Test {
  protected:
@@ -165,7 +163,6 @@ class RequestTest : public ::testing::Test {
 
 // An empty value reads as no parameter; an object without accessControl is closed even to root.
 TEST_F(RequestTest, GetAnswersTheValueOrTheStatus) {
-  EXPECT_EQ(value("root.Network.Eth0.Address"), "10.0.0.2");
   EXPECT_EQ(value("root.Network.Nothing"), "<status 16>");
   EXPECT_EQ(value("root.Network.Missing"), "<status 16>");
   EXPECT_EQ(value("root.Closed.NoRules"), "<status 3>");
