@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <tuple>
 
 #include "dynamic/dynamic.h"
 #include "dynamic/dynamic_internal.h"
@@ -212,37 +213,23 @@ TEST_F(RequestTest, MalformedRequestsAnswerFour) {
   EXPECT_EQ(exchange(GET, lying), reply(STATUS_MALFORMED));
 }
 
-struct SetCase {
-  const char* path;
-  std::string sent;
-  int status;
-  const char* stored;
-};
-
-void PrintTo(const SetCase& c, std::ostream* os) {
-  *os << c.path << " = \"" << c.sent.substr(0, 20) << "\"";
+TEST_F(RequestTest, SetChecksTheValueAgainstItsTypeAndItsFile) {
+  // path, value sent, status, value afterwards
+  const std::tuple<const char*, std::string, int, const char*> cases[] = {
+      {"Network.Mode", "Manual mode", STATUS_FAILED, "Auto"},
+      {"Network.Mode", "manual", STATUS_OK, "Manual"},
+      {"Network.Label", "abcdefghi", STATUS_FAILED, "front"},
+      {"Network.Label", "abcdefgh", STATUS_OK, "abcdefgh"},
+      {"Network.Nothing", "x", STATUS_FAILED, "<status 16>"},
+      // Values the backing format cannot hold: they would write other entries.
+      {"Host.Search", "ex.com\nnameserver 6.6.6.6", STATUS_NO_MEMORY, "ex.com"},
+      {"Host.Name", "cam\nevil", STATUS_NO_MEMORY, "cam"},
+      {"Host.Shell", std::string(1024, 'x'), STATUS_NO_MEMORY, "n"}};
+  for (const auto& [path, sent, status, stored] : cases) {
+    EXPECT_EQ(exchange(SET, set(path, sent)), reply(status)) << path << " " << sent.substr(0, 20);
+    EXPECT_EQ(value(path), stored);
+  }
 }
-
-class SetValueTest : public RequestTest, public ::testing::WithParamInterface<SetCase> {};
-
-TEST_P(SetValueTest, ChecksTheValueAgainstItsTypeAndItsFile) {
-  EXPECT_EQ(exchange(SET, set(GetParam().path, GetParam().sent)), reply(GetParam().status));
-  EXPECT_EQ(value(GetParam().path), GetParam().stored);
-}
-
-// Path, value sent, status, value afterwards.
-INSTANTIATE_TEST_SUITE_P(
-    Values, SetValueTest,
-    ::testing::Values(SetCase{"Network.Mode", "Manual mode", STATUS_FAILED, "Auto"},
-                      SetCase{"Network.Mode", "manual", STATUS_OK, "Manual"},
-                      SetCase{"Network.Label", "abcdefghi", STATUS_FAILED, "front"},
-                      SetCase{"Network.Label", "abcdefgh", STATUS_OK, "abcdefgh"},
-                      SetCase{"Network.Nothing", "x", STATUS_FAILED, "<status 16>"},
-                      // Values the backing format cannot hold: they would write other entries.
-                      SetCase{"Host.Search", "ex.com\nnameserver 6.6.6.6", STATUS_NO_MEMORY,
-                              "ex.com"},
-                      SetCase{"Host.Name", "cam\nevil", STATUS_NO_MEMORY, "cam"},
-                      SetCase{"Host.Shell", std::string(1024, 'x'), STATUS_NO_MEMORY, "n"}));
 
 TEST_F(RequestTest, ReadOnlyParameterAnswersSuccessWhenUpgradingAndStaysAsItWas) {
   upgradeMode = 1;
