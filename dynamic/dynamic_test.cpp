@@ -149,15 +149,6 @@ TEST_F(DynamicDirsTest, FileNamesAreNormalised) {
   EXPECT_EQ(pending_file_name("Foo.Bar", kTempPar), dir("tmp") + "/foo_bar_temp_par");
 }
 
-TEST_F(DynamicDirsTest, ParsePathSkipsRootAndSplitsAtDots) {
-  const std::pair<std::string, std::vector<std::string>> cases[] = {
-      {"root.Foo.Bar", {"Foo", "Bar"}}, {"root", {}}, {"Net.I0", {"I0"}}, {"root..A", {"", "A"}}};
-  for (auto [path, components] : cases) {
-    std::vector<char*> parts = parse_path(path.data());
-    EXPECT_EQ(std::vector<std::string>(parts.begin(), parts.end()), components) << path;
-  }
-}
-
 // The group file of parent Interface with I0 and I2, and another group's block that must be copied
 // through untouched.
 const std::string kHead =
@@ -245,14 +236,6 @@ class DynamicGroupsTest : public DynamicDirsTest {
     return result;
   }
 
-  std::vector<std::string> children(const char* path) {
-    std::vector<std::string> names;
-    for (Group* g = map_getGroupByPath(path)->children; g != nullptr; g = g->next) {
-      names.push_back(g->name);
-    }
-    return names;
-  }
-
   std::string group_file() const { return dir("etcdynamic/param/net_interface.conf"); }
   std::string param_file() const { return dir("etcdynamic/net_interface.conf"); }
   std::string pending_group() const { return dir("tmp/net_interface_temp_grp"); }
@@ -263,8 +246,11 @@ TEST_F(DynamicGroupsTest, AutomaticNumberingFillsTheGapBeforeTheHigherSibling) {
        {std::pair{-1, "I0"}, {2, "I2"}, {-1, "I1"}, {12, "I12"}, {-1, "I3"}}) {
     EXPECT_EQ(create(number), name);
   }
-  EXPECT_EQ(children("root.Net.Interface"),
-            (std::vector<std::string>{"I0", "I1", "I2", "I3", "I12"}))
+  std::vector<std::string> names;
+  for (Group* g = map_getGroupByPath("root.Net.Interface")->children; g != nullptr; g = g->next) {
+    names.push_back(g->name);
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"I0", "I1", "I2", "I3", "I12"}))
       << "siblings are kept in numeric order, not by name";
   EXPECT_EQ(map_getGroupByPath("root.Net")->daemonPending, 1);
 }

@@ -15,21 +15,6 @@ RequestReader reader_of(const Bytes& bytes) {
   return RequestReader{bytes.data(), static_cast<int>(bytes.size()), 0};
 }
 
-TEST(FieldReaders, StopAtTheEndOfThePayload) {
-  Bytes bytes = {0x01, 0x34, 0x12, 0x07};
-  RequestReader reader = reader_of(bytes);
-  int value = 0;
-  ASSERT_EQ(read_int_8(&reader, &value), 0);
-  EXPECT_EQ(value, 1);
-  ASSERT_EQ(read_int_16(&reader, &value), 0);
-  EXPECT_EQ(value, 0x1234);
-  EXPECT_EQ(read_int_16(&reader, &value), -1) << "needs both bytes";
-  EXPECT_EQ(value, 0x1234);
-  EXPECT_EQ(reader.pos, 3) << "a refused read does not move";
-  ASSERT_EQ(read_int_8(&reader, &value), 0);
-  EXPECT_EQ(read_int_8(&reader, &value), -1);
-}
-
 // The path sent with its 16-bit length, and the full path made of it ("" when refused).
 TEST(GetPath, MakesFullPaths) {
   const std::pair<std::string, std::string> cases[] = {
