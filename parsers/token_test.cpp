@@ -24,7 +24,6 @@ struct AcceptCase {
 void PrintTo(const AcceptCase& c, std::ostream* os) {
   *os << c.name;
 }
-
 const AcceptCase* current;
 Token seen;
 int accepted;
@@ -60,7 +59,6 @@ TEST_P(AcceptTest, ReadsAndWritesBack) {
 
 const AcceptCase kCases[] = {
     {"StrongQuoted", TOKEN_VALUE, nullptr, "'it'\\''s'\n", 1, "it's", '\'', "'it'\\''s'\n"},
-    {"StrongEmptySection", TOKEN_VALUE, nullptr, "''x", 1, "x", '\'', "'x'"},
     {"StrongKeepsNewline", TOKEN_VALUE, nullptr, "'a\nb'", 1, "a\nb", '\'', "'a\nb'"},
     {"StrongContinuation", TOKEN_VALUE, nullptr, "'a'\\\nb c\nd", 1, "ab c", '\'', "'ab c'\nd"},
     {"StrongUnterminated", TOKEN_VALUE, nullptr, "'abc", 0, "", 0, "'abc"},
@@ -73,7 +71,6 @@ const AcceptCase kCases[] = {
     {"StringAlnumBare", TOKEN_STRING, nullptr, "abc123 x", 1, "abc123", 0, "abc123 x"},
     {"StringUnderscoreQuoted", TOKEN_STRING, nullptr, "a_b", 1, "a_b", 0, "\"a_b\""},
     {"StringEmpty", TOKEN_STRING, nullptr, "\"\"", 1, "", '"', "\"\""},
-    {"StringHighBytes", TOKEN_STRING, nullptr, "\xe9t\xe9 x", 1, "\xe9t\xe9", 0, "\xe9t\xe9 x"},
     {"StringNoControl", TOKEN_STRING, nullptr, "\x01z", 0, "", 0, "\x01z"},
     {"StringExpected", TOKEN_STRING, "abd", "abc", 0, "", 0, "abc"},
     {"WordEmpty", TOKEN_WORD, nullptr, " abc", 1, "", 0, " abc"},
@@ -87,10 +84,8 @@ const AcceptCase kCases[] = {
     {"IpTrailing", TOKEN_IPADDR, nullptr, "1.2.3.4x", 1, "1.2.3.4", 0, "1.2.3.4"},
     {"IpOctet256", TOKEN_IPADDR, nullptr, "256.1.1.1", 0, "", 0, "256.1.1.1"},
     {"IpThreeOctets", TOKEN_IPADDR, nullptr, "1.2.3", 0, "", 0, "1.2.3"},
-    {"IpNegative", TOKEN_IPADDR, nullptr, "1.-2.3.4", 0, "", 0, "1.-2.3.4"},
     {"LiteralPrefix", TOKEN_LITERAL, "Network", "Networks", 1, "Network", 0, "Networks"},
     {"LiteralShort", TOKEN_LITERAL, "Network", "Net", 0, "", 0, "Net"},
-    {"LiteralNothingExpected", TOKEN_LITERAL, "", "Net", 0, "", 0, "Net"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Token, AcceptTest, ::testing::ValuesIn(kCases),
