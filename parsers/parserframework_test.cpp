@@ -70,38 +70,6 @@ TEST_F(FrameworkTest, NothingLostAfterAFailedAcceptAndTokensWrittenOnce) {
   EXPECT_EQ(rewrite(section_or_string, "[a\nkey v\n[b]\n"), "[a\nkey v\n[b]\n");
 }
 
-std::string more;
-int more_on_line(Token* /*token*/, const char* /*group_path*/) {
-  for (more.clear(); pif_acceptToken(TOKEN_WORD, nullptr) && more.size() < 3;) {
-    more += std::to_string(pif_moreOnLine());
-  }
-  return 0;
-}
-
-TEST_F(FrameworkTest, MoreOnLineUntilNewlineOrEnd) {
-  rewrite(more_on_line, "a b\nc");
-  EXPECT_EQ(more, "100");
-}
-
-// "A=" ending its line: the value goes right after the "=".
-int fill_empty_assignment(Token* token, const char* /*group_path*/) {
-  pif_acceptToken(TOKEN_KEY, nullptr);
-  pif_syncToken();
-  pif_acceptToken(TOKEN_LITERAL, "=");
-  pif_syncToken();
-  pif_skipWhitespace();
-  pif_setSynchronization(0);
-  if (pif_checkUninitializedToken() == 1) pif_unputChar();
-  if (token->type != TOKEN_EOF) pif_outputString("v\n");
-  pif_setSynchronization(1);
-  return copy_words(token, nullptr);
-}
-
-TEST_F(FrameworkTest, UnputCharStepsBackOverTheNewline) {
-  EXPECT_EQ(rewrite(fill_empty_assignment, "A=\nB=1\n"), "A=v\nB=1\n");
-  EXPECT_EQ(rewrite(fill_empty_assignment, "A=\n"), "A=\n");  // nothing written over it
-}
-
 // "|" for each word that ends its line, "." for one that has more after it. On line 3 the rest of
 // the file is passed with copy-through off.
 std::string blanks_seen;

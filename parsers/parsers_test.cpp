@@ -282,11 +282,6 @@ TEST_P(OddCaseTest, RunGivesTheValuesAndText) {
   }
 }
 
-std::string isp_swapped() {
-  std::string text = "using = a\n" + isp_block("a");
-  return text.replace(text.find("USERNAME = bob"), 14, "PASSWD = bob");
-}
-
 const OddCase kOddCases[] = {
     // A double-quoted shell value keeps its backslashes and is written between single quotes; a
     // bare one gains quotes.
@@ -317,14 +312,6 @@ const OddCase kOddCases[] = {
      "[S]\nint K23456789012345678901234567890123 1\n", "", nullptr,
      "Camsettings file: key longer than 32 characters 'K23456789012345678901234567890123' on "
      "line 2."},
-    {"NetworkUnknownKey", nwparser_parse, "HOSTNAME=cam01\nMTU=1500\n", "Network{HOSTNAME}|cam01",
-     nullptr, "Network file: unknown key 'MTU' on line 2."},
-    {"NetworkNoEquals", nwparser_parse, "IP 10.0.0.2\n", "", nullptr,
-     "Network file: missing \"=\" on line 1."},
-    {"NetworkNoValue", nwparser_parse, "IP=\n", "", nullptr,
-     "Network file: missing value on line 1."},
-    {"NetworkUnclosed", nwparser_parse, "IP=\"open\n", "", nullptr,
-     "Network file: unreadable value on line 1."},
     {"ResolvDefaults", resolvparser_parse, "options rotate\n",
      "Resolv{Search}|;Resolv{Nameserver1}|0.0.0.0"},
     // 0.0.0.0 and an empty search list stand for no line.
@@ -349,11 +336,6 @@ const OddCase kOddCases[] = {
      nullptr, "Resolver file: no value after 'nameserver' on line 2."},
     {"ResolvSearchValueOnNextLine", resolvparser_parse, "search\na\n", "", nullptr,
      "Resolver file: no value after 'search' on line 1."},
-    {"IspEmpty", ispparser_parse, "", "", nullptr, "ISP file: no entry 'using' on line 1."},
-    {"IspEntriesOutOfOrder", ispparser_parse, isp_swapped(), "", nullptr,
-     "ISP file: expected the entry 'USERNAME' on line 4."},
-    {"IspTruncated", ispparser_parse, "using = a\n" + isp_block("a").substr(0, 40), "", nullptr,
-     "ISP file: expected the entry 'PASSWORD'"},
 };
 
 INSTANTIATE_TEST_SUITE_P(All, OddCaseTest, ::testing::ValuesIn(kOddCases), kByName);
@@ -570,10 +552,7 @@ const RoundsCase kRounds[] = {
      "Standard2{Root}{a};Standard2{s}{c};Standard2{s}{a}"},
     {"Camsettings", camsettingsparser_parse, "ab1 \t\n\"[]#_\x01\xe9",
      "Camsettings{Image}{Contrast}", "v w", kCamsettings, "", 300},
-    {"Network", nwparser_parse, "IPex1 =\"\t\n#\x01", "Network{HOSTNAME}", "v w", kNetwork, "",
-     300},
     {"Resolv", resolvparser_parse, "ns1. \t\n#\x01\xe9", "Resolv{Search}", "v w", kResolv, "", 300},
-    {"Isp", ispparser_parse, "ab1 =\t\n[]#\"\x01", "ISP{isps}{home}{PHONE1}", "v", kIsp, "", 100},
     {"Singlevalue", singlevalueparser_parse, "ab #\n\r\t\x01\xe9", "Singlevalue{}", "cam 02", "",
      "", 1000},
 };
