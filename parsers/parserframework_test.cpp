@@ -104,38 +104,6 @@ TEST_F(FrameworkTest, BlanksStopAtTheLineEndAndTheRestIsCopied) {
   EXPECT_EQ(blanks_seen, "  rest\n# of it");
 }
 
-void (*misuse)();
-int run_misuse(Token*, const char*) {
-  return misuse(), 0;
-}
-
-struct MisuseCase {
-  void (*misuse)();
-  int readonly;
-  const char* message;
-};
-
-const MisuseCase kMisuse[] = {
-    {[] { pif_outputString("x"); }, 0, "pif_outputString called with synchronization ON!"},
-    {[] { pif_setSynchronization(0), pif_outputString("x"); }, 1,
-     "pif_outputString called during readonly-parsing!"},
-    {[] { ctok_putString("x"); }, 1, "ctok_putString called during readonly-parsing!"},
-};
-
-TEST_F(FrameworkTest, MisuseOfTheOutputIsFatal) {
-  for (const MisuseCase& c : kMisuse) {
-    misuse = c.misuse;
-    EXPECT_EXIT(parser_runOnText(run_misuse, "x", "t", "root", c.readonly, nullptr),
-                ::testing::ExitedWithCode(1), c.message);
-  }
-}
-
-// Start-up fills the registry's six rows.
-TEST_F(FrameworkTest, SeventhRegistrationIsFatal) {
-  EXPECT_EXIT(parser_registerParser(copy_words, "Seventh"), ::testing::ExitedWithCode(1),
-              "Too many parsers registered!");
-}
-
 // Backing files, through the Standard parser.
 
 TEST_F(FrameworkTest, UnknownParserNamedInTheError) {
