@@ -214,14 +214,6 @@ const Format kFormats[] = {
      "{Search}|corp.example local|domain example.com|domain corp.example local;"
      "{Nameserver1}|10.1.1.1|nameserver\t192.168.0.2|nameserver 10.1.1.1;"
      "{Nameserver2}|10.2.2.2|nameserver 10.0.0.3|nameserver 10.2.2.2"},
-    {"ISP", ispparser_parse, kIsp,
-     "{using}|home;{isps}{home}{ISPNAME}|home;{isps}{home}{LOGIN}|yes;{isps}{spare}{LOGIN}|no;"
-     "{isps}{home}{PROMPT};{isps}{home}{PHONE2};{isps}{spare}{UPLOADPATH}|/upload;"
-     "{isps}{spare}{USERNAMEB}",
-     "{using}|spare|using = home|using = spare;"
-     "{isps}{home}{PHONE1}|5559999|PHONE1 = 5551234|PHONE1 = 5559999;"
-     "{isps}{home}{PROMPT}|ogin:|PROMPT =\n|PROMPT = ogin:\n;"
-     "{isps}{home}{PHONE2}|1|PHONE2 =  \n|PHONE2 = 1\n"},
 };
 
 class FormatTest : public Formats, public ::testing::WithParamInterface<Format> {};
@@ -294,7 +286,6 @@ const OddCase kOddCases[] = {
     {"StandardSecondSection", standardparser_parse, "x 0\n[a]\nx 1\n[b]\nx 2\n",
      "Standard{b}{x}|22", "x 0\n[a]\nx 1\n[b]\nx 22\n"},
     // A "#" after a value is a key; a line that cannot be read is copied as it is.
-    {"StandardHashIsAKey", standardparser_parse, "mode manual # note\n", "Standard{Root}{#}|note"},
     {"StandardCanonical", standardparser_parse,
      "ip 1.2.3.4\nmode manual # note\n\x01 \"open\nk v\n", "Standard{Root}{k}|w",
      "ip \"1.2.3.4\"\nmode manual \"#\" note\n\x01 \"open\nk w\n"},
