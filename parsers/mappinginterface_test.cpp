@@ -18,14 +18,6 @@ class MappingTest : public tessard::test::ParserTest {
     EXPECT_EQ(dif_customScalarSetFromString(text, quote), 0);
     mif_leaveScalar();
   }
-  std::string get_scalar() {
-    mif_enterScalar("string");
-    char* text = dif_customScalarGetAsString(nullptr);
-    std::string result = text;
-    free(text);
-    mif_leaveScalar();
-    return result;
-  }
 };
 
 TEST_F(MappingTest, DefinedParamConsumedBelowItsGroupOnly) {
@@ -56,35 +48,6 @@ TEST_F(MappingTest, LongSectionNamesCutAsMountsSpellThem) {
   mif_leaveSection();
   mif_leaveRootSection();
   EXPECT_EQ(value_text(p), "long");
-}
-
-TEST_F(MappingTest, HashAndListConsumedThenProducedInOrder) {
-  Param* p = bound("T{h}");
-  mif_enterRootSection("T", group_->path);
-  mif_enterSection("h");
-  for (const char* key : {"b", "a", "b"}) {  // a repeated key's list is read afresh
-    mif_enterSection(key);
-    mif_indicateList();
-    for (const char* item : {"1", "2"}) mif_enterList(), set_scalar(item), mif_leaveList();
-    mif_leaveSection();
-  }
-  mif_leaveSection();
-  p->status = PARAMSTATUS_UPDATED;
-  std::string seen;
-  mif_enterSection("h");
-  const char* key = nullptr;
-  for (mif_enterSectionNext(&key); !mif_endOfSections(); mif_enterSectionNext(&key)) {
-    mif_enterSection(key);
-    for (mif_listSeekNext(); !mif_endOfList(); mif_listSeekNext()) {
-      mif_enterList();
-      seen += std::string(key) + get_scalar() + " ";
-      mif_leaveList();
-    }
-    mif_leaveSection();
-  }
-  mif_leaveSection();
-  mif_leaveRootSection();
-  EXPECT_EQ(seen, "b1 b2 a1 a2 ");
 }
 
 TEST_F(MappingTest, LoadedParamWalkedWithoutTouchingItsValue) {
