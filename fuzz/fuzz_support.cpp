@@ -6,7 +6,6 @@
 #include <fstream>
 #include <map>
 #include <sstream>
-#include <vector>
 
 #include "base/log.h"
 #include "dynamic/dynamic.h"
@@ -25,14 +24,11 @@ void print_line(int /*priority*/, const char* message) {
   if (getenv("TESSARD_FUZZ_LOG") != nullptr) fprintf(stderr, "%s\n", message);
 }
 
-std::vector<std::string>& scratch_dirs() {
-  static std::vector<std::string> dirs;
-  return dirs;
-}
+std::string scratch;  // removed at a normal exit
 
-void remove_scratch_dirs() {
+void remove_scratch() {
   std::error_code ignored;
-  for (const std::string& dir : scratch_dirs()) fs::remove_all(dir, ignored);
+  fs::remove_all(scratch, ignored);
 }
 
 std::string read_file(const fs::path& path) {
@@ -86,22 +82,16 @@ void silence_log() {
 std::string scratch_dir() {
   silence_log();
   const char* base = getenv("TMPDIR");
-  std::string dir =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tessard-fuzz.XXXXXX";
-  if (mkdtemp(dir.data()) == nullptr) {
+  scratch = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tessard-fuzz.XXXXXX";
+  if (mkdtemp(scratch.data()) == nullptr) {
     perror("mkdtemp");
     abort();
   }
-  if (scratch_dirs().empty()) atexit(remove_scratch_dirs);
-  scratch_dirs().push_back(dir);
-  std::string no_bus = "unix:path=" + dir + "/no-bus";
+  atexit(remove_scratch);
+  std::string no_bus = "unix:path=" + scratch + "/no-bus";
   setenv("DBUS_SYSTEM_BUS_ADDRESS", no_bus.c_str(), 1);
   setenv("DBUS_SESSION_BUS_ADDRESS", no_bus.c_str(), 1);
-  return dir;
-}
-
-void write_file(const std::string& path, std::string_view text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+  return scratch;
 }
 
 void start_parsers() {
@@ -122,7 +112,7 @@ void start_example_device(const std::string& dir) {
   for (const auto& [relative, text] : files) {
     fs::path path = fs::path(dir) / relative;
     fs::create_directories(path.parent_path(), ignored);
-    write_file(path.string(), text);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
   }
   fs::create_directories(dir + "/tmp", ignored);
   if (!started) {

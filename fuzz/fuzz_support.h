@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 namespace tessard::fuzz {
 
@@ -10,12 +9,10 @@ namespace tessard::fuzz {
 // so that millions of inputs do not flood the host's log.
 void silence_log();
 
-// A new scratch directory below $TMPDIR (or /tmp), removed when the process exits normally. Also
-// points the D-Bus addresses into it, so that no message of a fuzzed input reaches a real bus,
-// and silences the log.
+// The process's scratch directory below $TMPDIR (or /tmp), made once and removed when the process
+// exits normally. Also points the D-Bus addresses into it, so that no message of a fuzzed input
+// reaches a real bus, and silences the log.
 std::string scratch_dir();
-
-void write_file(const std::string& path, std::string_view text);
 
 // The token types and the six registered parsers, once per process.
 void start_parsers();

@@ -18,7 +18,7 @@
 #include "mapping/quibmapping.h"
 #include "parsers/mappinginterface.h"
 #include "parsers/parserframework.h"
-#include "values/legacydatarep.h"
+#include "tests/support/paramvalue.h"
 
 namespace {
 
@@ -36,15 +36,6 @@ Param* bound_param() {
     return p;
   }();
   return param;
-}
-
-void client_sets(Param* param, const std::string& text) {
-  Data* data = legacy_drep_createData();
-  legacy_drep_initializeScalar(data, SCALAR_CUSTOM, "string");
-  legacy_drep_setCustomFromString(data, text.c_str(), nullptr);
-  map_setParamData(param, data);
-  param->status = PARAMSTATUS_UPDATED;
-  param->synced = 0;
 }
 
 int parse(std::string_view text, std::string* output) {
@@ -69,7 +60,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   param->status = PARAMSTATUS_DEFINED;
   int read = parse(text, nullptr);
-  client_sets(param, value);
+  map_setParamData(param, tessard::test::string_data(value.c_str()));
+  param->status = PARAMSTATUS_UPDATED;
+  param->synced = 0;
   std::string written;
   if (parse(text, &written) != read) abort();
   bool checked = FUZZ_ROUND_TRIP && read == 0 && plain(value) && text.find('\0') == text.npos;

@@ -11,24 +11,12 @@ namespace {
 using tessard::test::client_sets;
 using tessard::test::value_text;
 
-struct FatalCase;
-
 class MappingTest : public tessard::test::ParserTest {
  protected:
-  // Sets up what the case needs, then misuses the interface.
-  void misuse(const FatalCase& c);
   void set_scalar(const char* text, int quote = 0) {
     mif_enterScalar("string");
     EXPECT_EQ(dif_customScalarSetFromString(text, quote), 0);
     mif_leaveScalar();
-  }
-  std::string get_scalar() {
-    mif_enterScalar("string");
-    char* text = dif_customScalarGetAsString(nullptr);
-    std::string result = text;
-    free(text);
-    mif_leaveScalar();
-    return result;
   }
 };
 
@@ -60,35 +48,6 @@ TEST_F(MappingTest, LongSectionNamesCutAsMountsSpellThem) {
   mif_leaveSection();
   mif_leaveRootSection();
   EXPECT_EQ(value_text(p), "long");
-}
-
-TEST_F(MappingTest, HashAndListConsumedThenProducedInOrder) {
-  Param* p = bound("T{h}");
-  mif_enterRootSection("T", group_->path);
-  mif_enterSection("h");
-  for (const char* key : {"b", "a", "b"}) {  // a repeated key's list is read afresh
-    mif_enterSection(key);
-    mif_indicateList();
-    for (const char* item : {"1", "2"}) mif_enterList(), set_scalar(item), mif_leaveList();
-    mif_leaveSection();
-  }
-  mif_leaveSection();
-  p->status = PARAMSTATUS_UPDATED;
-  std::string seen;
-  mif_enterSection("h");
-  const char* key = nullptr;
-  for (mif_enterSectionNext(&key); !mif_endOfSections(); mif_enterSectionNext(&key)) {
-    mif_enterSection(key);
-    for (mif_listSeekNext(); !mif_endOfList(); mif_listSeekNext()) {
-      mif_enterList();
-      seen += std::string(key) + get_scalar() + " ";
-      mif_leaveList();
-    }
-    mif_leaveSection();
-  }
-  mif_leaveSection();
-  mif_leaveRootSection();
-  EXPECT_EQ(seen, "b1 b2 a1 a2 ");
 }
 
 TEST_F(MappingTest, LoadedParamWalkedWithoutTouchingItsValue) {
@@ -181,38 +140,24 @@ INSTANTIATE_TEST_SUITE_P(
         ModeCase{"string:nosync:x", PARAMSTATUS_UPDATED, "k old\n", PARAMSTATUS_LOADED, "new"},
         ModeCase{"string:nosyncing", PARAMSTATUS_UPDATED, "k new\n", PARAMSTATUS_STORED, "new"}));
 
-// Misuse ends the process with its message.
-enum Setup { kNothing, kConsuming, kProducing, kNoData, kNestedMounts };
-
-struct FatalCase {
-  Setup setup;
+// Misuse ends the process with its message: nested mounts of a configuration, a changed
+// parameter without a value, unbalanced contexts.
+struct Fatal {
+  bool nested;  // in the group of T{a} and T{a}{b}, else in that of T without a value
   void (*misuse)();
   const char* message;
 };
 
 const char* group_path;
 
-const FatalCase kFatal[] = {
-    {kConsuming, [] { dif_scalarGetString(); }, "dif_scalarGetString called from non-producing"},
-    {kConsuming, [] { dif_customScalarGetAsString(nullptr); },
-     "dif_customScalarGetAsString called from non-producing code!"},
-    {kConsuming, [] { mif_enterSectionNext(&group_path); },
-     "mif_enterSectionNext may only be called from producing code!"},
-    {kConsuming, [] { mif_listSeekNext(); }, "Error in mif_listSeekNext!"},
-    {kConsuming, [] { mif_probeRootSection("T", group_path, nullptr, nullptr); },
-     "mif_probeRootSection\\(\\) called from below-root context!"},
-    {kConsuming, [] { mif_enterRootSection("T", group_path); },
-     "mif_enterRootSection may only be called at root level!"},
-    {kProducing, [] { mif_listSeekNext(); }, "Non-list type in mif_listSeekNext!"},
-    {kProducing, [] { mif_enterSection("x"); }, "No hash in enterSectionData, section 'x'!"},
-    {kProducing, [] { mif_indicateList(); }, "mif_indicateList\\(\\) called from producing code!"},
-    {kNoData, [] { mif_enterRootSection("T", group_path); }, "Parameter '%' does not have data!"},
-    {kNothing, [] { mif_leaveRootSection(); }, "Unmatched push/pop of mapping context!"},
-    {kNothing, [] { mif_enterRootSection("T", group_path), mif_leaveSection(); },
+const Fatal kFatal[] = {
+    {false, [] { mif_enterRootSection("T", group_path); }, "Parameter '%' does not have data!"},
+    {false, [] { mif_leaveRootSection(); }, "Unmatched push/pop of mapping context!"},
+    {false, [] { mif_enterRootSection("U", group_path), mif_leaveSection(); },
      "Mismatching types at popMappingContext!"},
     // One leave too many takes the parameter's own value off the stack; the next section is then
     // looked up as a mount while the parameter is still current.
-    {kNestedMounts,
+    {true,
      [] {
        mif_enterRootSection("T", group_path), mif_enterSection("a"), mif_enterList();
        mif_leaveList(), mif_leaveList(), mif_enterSection("b");
@@ -220,23 +165,14 @@ const FatalCase kFatal[] = {
      "No double mapping allowed!"},
 };
 
-void MappingTest::misuse(const FatalCase& c) {
-  group_path = group_->path;
-  if (c.setup == kNestedMounts) bound("T{a}"), bound("T{a}{b}");
-  if (c.setup == kNoData) bound("T")->status = PARAMSTATUS_UPDATED;
-  if (c.setup == kConsuming) bound("T{k}");
-  if (c.setup == kProducing) client_sets(bound("T{k}"), "v");
-  if (c.setup == kConsuming || c.setup == kProducing) {
-    mif_enterRootSection("T", group_path);
-    mif_enterSection("k");
-    mif_enterScalar("string");
-  }
-  c.misuse();
-}
-
 TEST_F(MappingTest, MisuseIsFatal) {
-  for (const FatalCase& c : kFatal) {
-    EXPECT_EXIT(misuse(c), ::testing::ExitedWithCode(1), c.message);
+  Group* no_data = group_;
+  bound("T")->status = PARAMSTATUS_UPDATED;
+  group_ = new_group();
+  bound("T{a}"), bound("T{a}{b}");
+  for (const Fatal& c : kFatal) {
+    group_path = (c.nested ? group_ : no_data)->path;
+    EXPECT_EXIT(c.misuse(), ::testing::ExitedWithCode(1), c.message);
   }
 }
 

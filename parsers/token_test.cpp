@@ -24,7 +24,6 @@ struct AcceptCase {
 void PrintTo(const AcceptCase& c, std::ostream* os) {
   *os << c.name;
 }
-
 const AcceptCase* current;
 Token seen;
 int accepted;
@@ -60,7 +59,6 @@ TEST_P(AcceptTest, ReadsAndWritesBack) {
 
 const AcceptCase kCases[] = {
     {"StrongQuoted", TOKEN_VALUE, nullptr, "'it'\\''s'\n", 1, "it's", '\'', "'it'\\''s'\n"},
-    {"StrongEmptySection", TOKEN_VALUE, nullptr, "''x", 1, "x", '\'', "'x'"},
     {"StrongKeepsNewline", TOKEN_VALUE, nullptr, "'a\nb'", 1, "a\nb", '\'', "'a\nb'"},
     {"StrongContinuation", TOKEN_VALUE, nullptr, "'a'\\\nb c\nd", 1, "ab c", '\'', "'ab c'\nd"},
     {"StrongUnterminated", TOKEN_VALUE, nullptr, "'abc", 0, "", 0, "'abc"},
@@ -70,27 +68,16 @@ const AcceptCase kCases[] = {
     {"StringUnescaped", TOKEN_STRING, nullptr, "\"a\\\"b\\\\\"", 1, "a\"b\\", '"',
      "\"a\\\"b\\\\\""},
     {"StringUnterminated", TOKEN_STRING, nullptr, "\"abc", 0, "", 0, "\"abc"},
-    {"StringAlnumBare", TOKEN_STRING, nullptr, "abc123 x", 1, "abc123", 0, "abc123 x"},
     {"StringUnderscoreQuoted", TOKEN_STRING, nullptr, "a_b", 1, "a_b", 0, "\"a_b\""},
     {"StringEmpty", TOKEN_STRING, nullptr, "\"\"", 1, "", '"', "\"\""},
-    {"StringHighBytes", TOKEN_STRING, nullptr, "\xe9t\xe9 x", 1, "\xe9t\xe9", 0, "\xe9t\xe9 x"},
     {"StringNoControl", TOKEN_STRING, nullptr, "\x01z", 0, "", 0, "\x01z"},
     {"StringExpected", TOKEN_STRING, "abd", "abc", 0, "", 0, "abc"},
     {"WordEmpty", TOKEN_WORD, nullptr, " abc", 1, "", 0, " abc"},
-    {"Key", TOKEN_KEY, nullptr, "ab=cd", 1, "ab", 0, "ab=cd"},
     {"Section", TOKEN_SECTION, nullptr, "[n 1] x", 1, "n 1", 0, "[n 1] x"},
     {"SectionOpen", TOKEN_SECTION, nullptr, "[n", 0, "", 0, "[n"},
-    {"LineStopsAtCr", TOKEN_LINE, nullptr, "a b\r\nc", 1, "a b", 0, "a b\r\nc"},
     {"LineAtEnd", TOKEN_LINE, nullptr, "", 0, "", 0, ""},
-    {"Integer", TOKEN_INTEGER, nullptr, "0042x", 1, "0042", 0, "0042x"},
-    {"IpCanonical", TOKEN_IPADDR, nullptr, "010.001.2.3 x", 1, "10.1.2.3", 0, "10.1.2.3 x"},
-    {"IpTrailing", TOKEN_IPADDR, nullptr, "1.2.3.4x", 1, "1.2.3.4", 0, "1.2.3.4"},
-    {"IpOctet256", TOKEN_IPADDR, nullptr, "256.1.1.1", 0, "", 0, "256.1.1.1"},
-    {"IpThreeOctets", TOKEN_IPADDR, nullptr, "1.2.3", 0, "", 0, "1.2.3"},
-    {"IpNegative", TOKEN_IPADDR, nullptr, "1.-2.3.4", 0, "", 0, "1.-2.3.4"},
     {"LiteralPrefix", TOKEN_LITERAL, "Network", "Networks", 1, "Network", 0, "Networks"},
     {"LiteralShort", TOKEN_LITERAL, "Network", "Net", 0, "", 0, "Net"},
-    {"LiteralNothingExpected", TOKEN_LITERAL, "", "Net", 0, "", 0, "Net"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Token, AcceptTest, ::testing::ValuesIn(kCases),
