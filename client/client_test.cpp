@@ -15,21 +15,9 @@
 
 namespace {
 
+using namespace std::string_literals;
 using tessard::test::item;
 using tessard::test::reply;
-
-// Wire bytes written as a mix of single bytes and texts.
-struct Piece {
-  Piece(int byte) : text(1, static_cast<char>(byte)) {}
-  Piece(const char* t) : text(t) {}
-  std::string text;
-};
-
-std::string bytes(std::initializer_list<Piece> pieces) {
-  std::string out;
-  for (const Piece& piece : pieces) out += piece.text;
-  return out;
-}
 
 // A client on one end of a socket pair; the test plays the daemon on the other.
 class ClientTest : public ::testing::Test {
@@ -62,7 +50,7 @@ class ClientTest : public ::testing::Test {
   int server_ = -1;
 };
 
-const std::string kEmptyList = bytes({8, 0, 4, 0, "LIST"});
+const std::string kEmptyList = "\x08\0\4\0LIST"s;
 
 // The other requests are made against the real daemon by the whole-daemon tests.
 TEST_F(ClientTest, SendsExactRequestsAndParsesReplies) {
@@ -72,19 +60,18 @@ TEST_F(ClientTest, SendsExactRequestsAndParsesReplies) {
   EXPECT_EQ(tessclient_get_bytes(client_, "a.b", &value, &length), 0);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(value), length), kEmptyList);
   free(value);
-  EXPECT_EQ(take_request(), bytes({16, 0, 0, 3, 0, 0, 2, 1, 4, 3, 0, 3, 0, "a.b"}));
+  EXPECT_EQ(take_request(), "\x10\0\0\3\0\0\2\1\4\3\0"s + item("a.b"));
   send_reply(reply(0));
   EXPECT_EQ(tessclient_set_bytes(client_, "a.b",
                                  reinterpret_cast<const unsigned char*>(kEmptyList.data()), 8, 0),
             0);
-  EXPECT_EQ(take_request(),
-            bytes({27, 0, 1, 3, 0, 2, 1, 4, 3, 0, 0, 3, 0, "a.b", 8, 0}) + kEmptyList + '\0');
+  EXPECT_EQ(take_request(), "\x1b\0\1\3\0\2\1\4\3\0\0"s + item("a.b") + item(kEmptyList) + '\0');
   send_reply(reply(0x10));
   char* name = nullptr;
   EXPECT_EQ(tessclient_create_group_unlimited(client_, "a.b", "t", 3, 0, &name), 0x10);
   EXPECT_EQ(name, nullptr);
-  EXPECT_EQ(take_request(), bytes({20, 0, 10, 2, 1, 4, 3, 0, 0, 3, 0, "a.b", 3, 0, 1, 0, "t", 0}));
-  send_reply(reply(0, bytes({"a.b.x=1=2", 1, "a.b.y=", 2, 0})));
+  EXPECT_EQ(take_request(), "\x14\0\x0a\2\1\4\3\0\0"s + item("a.b") + "\3\0"s + item("t") + '\0');
+  send_reply(reply(0, "a.b.x=1=2\1a.b.y=\2"s + '\0'));
   TessClientNameValueList* list = nullptr;
   ASSERT_EQ(tessclient_get_name_value_list(client_, "a.b", 1, &list), 0);
   ASSERT_EQ(list->count, 2u);
@@ -99,13 +86,13 @@ TEST_F(ClientTest, LyingReplyIsRefusedAndTheNextOneStillArrives) {
   char* text[3] = {};
   TessClientNameValueList* list = nullptr;
   const std::pair<std::function<int()>, std::string> lies[] = {
-      {[&] { return tessclient_get(client_, "a", &text[0]); }, bytes({8, 0, 0, 0, 9, 0, "ab"})},
+      {[&] { return tessclient_get(client_, "a", &text[0]); }, reply(0, "\x09\0ab"s)},
       {[&] { return tessclient_get_param_info(client_, "a", 0, &text[0], &text[1], &text[2]); },
-       bytes({11, 0, 0, 0, 1, 0, "p", 1, 0, "n", 0})},
+       reply(0, item("p") + item("n") + '\0')},
       {[&] { return tessclient_get_param_option(client_, "a", "type", &text[0]); }, reply(0)},
       {[&] { return tessclient_create_group(client_, "a", "t", 0, 10, &text[0]); }, reply(0, "")},
       {[&] { return tessclient_get_name_value_list(client_, "a", 1, &list); },
-       reply(0, bytes({"abc", 0}))}};
+       reply(0, "abc"s + '\0')}};
   for (const auto& [call, lie] : lies) {
     send_reply(lie + reply(0, item("")));
     EXPECT_EQ(call(), -EPROTO) << testing::PrintToString(lie);
@@ -118,8 +105,8 @@ TEST_F(ClientTest, LyingReplyIsRefusedAndTheNextOneStillArrives) {
 
 // A frame shorter than its header, or cut by the peer's close, loses the connection.
 TEST_F(ClientTest, BrokenFrameLosesTheConnection) {
-  for (auto [frame, result] : {std::pair{bytes({3, 0, 0, 0, 4, 0, 0, 0}), -EPROTO},
-                               std::pair{bytes({100, 0, 0, 0, 20, 0, "short"}), -ECONNRESET}}) {
+  for (auto [frame, result] : {std::pair{"\3\0\0\0\4\0\0\0"s, -EPROTO},
+                               std::pair{"\x64\0\0\0\x14\0short"s, -ECONNRESET}}) {
     reconnect();
     send_reply(frame);
     shutdown(server_, SHUT_WR);
