@@ -193,19 +193,15 @@ TEST(CheckedParse, DeepestNestingRoundTripsAndCopies) {
   EXPECT_EQ(bytes_of(UniqueData(legacy_drep_copyData(data.get())).get()), bytes);
 }
 
-std::string dump(const Data* data) {
-  testing::internal::CaptureStdout();
-  legacy_drep_printData(data);
-  return testing::internal::GetCapturedStdout();
-}
-
 TEST(DataTree, CopyIsDeepAndKeepsOrderAndFlag) {
   UniqueData sample = tree("{b:[ip=1.2.3.4,{}],a:string=x y}");
   const char quote = '"';
   Data* a = legacy_drep_getHashValue(sample.get(), "a");
   legacy_drep_setCustomFromString(a, "z", &quote);
   UniqueData copy(legacy_drep_copyData(sample.get()));
-  EXPECT_EQ(dump(copy.get()),
+  testing::internal::CaptureStdout();
+  legacy_drep_printData(copy.get());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "DATA_HASH:\n  key: 'b'\n    DATA_LIST:\n      DATA_SCALAR->SCALAR_CUSTOM: 1.2.3.4\n"
             "      DATA_HASH:\n\n  key: 'a'\n    DATA_SCALAR->SCALAR_CUSTOM: z\n\n");
   char flag = 0;
