@@ -240,8 +240,8 @@ TEST(DataTree, HashReplacesInPlaceAndRefusesOtherTypes) {
   EXPECT_EQ(legacy_drep_setHashValue(tree("[]").get(), hash.get(), "x"), nullptr);
 }
 
-// A refused text stores no flag either; only scalars print.
-TEST(DataTree, RefusedTextKeepsTheFlagAndOnlyScalarsPrint) {
+// A refused text stores no flag; only scalars print.
+TEST(DataTree, RefusedTextStoresNoFlagAndOnlyScalarsPrint) {
   UniqueData on_off = tree("cenum_on_off=on");
   const char flag = '\'';
   EXPECT_EQ(legacy_drep_setCustomFromString(on_off.get(), "ON", &flag), -1);
