@@ -102,11 +102,14 @@ TEST_F(DbusSendTest, MessagesArriveWithArgumentsAndQuotingResolved) {
                  "variant:uint16:7 array:string:a,,b dict:string:boolean:on,true,off,false byte:9 "
                  "array:byte:"),
             "sent");
-  const auto& got = recorder_.wait_for(1);
-  ASSERT_EQ(got.size(), 1u);
+  // A method call without --print-reply is sent without waiting for its answer.
+  EXPECT_EQ(send("--type=method_call --dest=org.tessard.Recorder /p org.x.If.Set"), "sent");
+  const auto& got = recorder_.wait_for(2);
+  ASSERT_EQ(got.size(), 2u);
   EXPECT_EQ(got[0].signature, "sivasa{sb}yay");
   EXPECT_EQ(got[0].args, (std::vector<std::string>{"O'Brien", "-5", "7", "[a,b]",
                                                    "{on=true,off=false}", "9", "[]"}));
+  EXPECT_FALSE(got[1].signal);
 }
 
 TEST_F(DbusSendTest, GetStringGivesTheFirstReplyArgumentAsText) {
