@@ -21,8 +21,7 @@ MessagePtr parse(const std::string& text, std::string* error = nullptr) {
   return m;
 }
 
-// The text, then its bus, kind of message, destination, path, interface, member and argument
-// signature.
+// The text, then its bus, kind, destination, path, interface, member and argument signature.
 TEST(DbusSendParse, ReadsOptionsNamesAndArgumentTypes) {
   const std::pair<const char*, const char*> cases[] = {
       {"dbus-send --session --dest=org.x /a/b org.x.If.M", "session signal org.x /a/b org.x.If M "},

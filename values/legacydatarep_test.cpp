@@ -234,14 +234,16 @@ TEST(DataTree, HashReplacesInPlaceAndRefusesOtherTypes) {
   EXPECT_EQ(legacy_drep_setHashValue(hash.get(), replacement, "a"), replacement);
   EXPECT_EQ(bytes_of(hash.get()), bytes_of(tree("{c:string=c,a:string=new,b:string=b}").get()));
   EXPECT_EQ(legacy_drep_setHashValue(tree("[]").get(), hash.get(), "x"), nullptr);
+  EXPECT_EQ(legacy_drep_deleteHashValue(tree("[]").get(), "x"), -1);
 }
 
-// A refused text stores no flag; only scalars print.
-TEST(DataTree, RefusedTextStoresNoFlagAndOnlyScalarsPrint) {
+// A refused text stores no flag; a value becomes a scalar only once; only scalars print.
+TEST(DataTree, WrongOperationsAreRefused) {
   UniqueData on_off = tree("cenum_on_off=on");
   const char flag = '\'';
   EXPECT_EQ(legacy_drep_setCustomFromString(on_off.get(), "ON", &flag), -1);
   EXPECT_EQ(on_off->customFlag, 0);
+  EXPECT_EQ(legacy_drep_initializeScalar(on_off.get(), SCALAR_INT, nullptr), -1);
   char buffer[3];
   EXPECT_EQ(legacy_drep_getCustomStringToBuffer(tree("[]").get(), buffer, 3), -1);
 }
