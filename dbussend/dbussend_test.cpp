@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -10,102 +11,60 @@
 
 namespace {
 
-struct MessageFree {
-  void operator()(DbusSendMessage* m) const { dbus_send_free(m); }
-};
-using MessagePtr = std::unique_ptr<DbusSendMessage, MessageFree>;
-
-struct StringFree {
-  void operator()(char* s) const { dbus_send_free_string(s); }
-};
-using TextPtr = std::unique_ptr<char, StringFree>;
+using MessagePtr = std::unique_ptr<DbusSendMessage, void (*)(DbusSendMessage*)>;
 
 MessagePtr parse(const std::string& text, std::string* error = nullptr) {
   char* raw_error = nullptr;
-  MessagePtr m(dbus_send_from_string(text.c_str(), &raw_error));
-  TextPtr owned(raw_error);
-  if (error != nullptr) {
-    *error = raw_error ? raw_error : "";
-  }
+  MessagePtr m(dbus_send_from_string(text.c_str(), &raw_error), dbus_send_free);
+  if (error != nullptr) *error = raw_error ? raw_error : "";
+  dbus_send_free_string(raw_error);
   return m;
 }
 
-std::string signature_of(const DbusSendMessage& m) {
-  std::string s;
-  for (const dbussend::Arg& arg : m.args) {
-    s += arg.signature;
+// The text, then its bus, kind, destination, path, interface, member and argument signature.
+TEST(DbusSendParse, ReadsOptionsNamesAndArgumentTypes) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"dbus-send --session --dest=org.x /a/b org.x.If.M", "session signal org.x /a/b org.x.If M "},
+      {"dbus-send --system --type=method_call --print-reply=literal --reply-timeout=500 "
+       "--dest=:1.5 /a/b org.x.If.Get string:x",
+       "system call :1.5 /a/b org.x.If Get s"},
+      {"/a/b org.x.If.All string: int16:-32768 uint16:65535 int32:-7 uint32:7 int64:-9 "
+       "uint64:18446744073709551615 double:1.5 byte:255 boolean:true objpath:/x",
+       "system signal  /a/b org.x.If All snqiuxtdybo"}};
+  for (const auto& [text, expected] : cases) {
+    MessagePtr m = parse(text);
+    ASSERT_TRUE(m) << text;
+    std::string got = std::string(m->bus == dbussend::BusKind::kSession ? "session" : "system") +
+                      (m->method_call ? " call " : " signal ") + m->destination + " " + m->path +
+                      " " + m->interface + " " + m->member + " ";
+    for (const dbussend::Arg& arg : m->args) got += arg.signature;
+    EXPECT_EQ(got, expected);
   }
-  return s;
 }
-
-class DbusSendParseGood : public testing::TestWithParam<std::pair<const char*, const char*>> {};
-
-// The second text: bus, kind of message, destination, member and argument signature.
-TEST_P(DbusSendParseGood, ReadsOptionsNamesAndArgumentTypes) {
-  MessagePtr m = parse(GetParam().first);
-  ASSERT_TRUE(m) << GetParam().first;
-  EXPECT_EQ(m->path + " " + m->interface, "/a/b org.x.If");
-  std::string got = std::string(m->bus == dbussend::BusKind::kSession ? "session" : "system") +
-                    (m->method_call ? " call " : " signal ") + m->destination + " " + m->member +
-                    " " + signature_of(*m);
-  EXPECT_EQ(got, GetParam().second);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, DbusSendParseGood,
-    testing::Values(
-        std::pair{"/a/b org.x.If.Changed", "system signal  Changed "},
-        std::pair{"dbus-send --session --dest=org.x /a/b org.x.If.M", "session signal org.x M "},
-        std::pair{"dbus-send --system --type=method_call --print-reply --reply-timeout=500 "
-                  "--dest=:1.5 /a/b org.x.If.Get string:x",
-                  "system call :1.5 Get s"},
-        std::pair{"dbus-send --system --type=method_call --print-reply=literal --dest=org.x "
-                  "/a/b org.x.If.Get",
-                  "system call org.x Get "},
-        std::pair{"/a/b org.x.If.All string: int16:-32768 uint16:65535 int32:-7 uint32:7 "
-                  "int64:-9 uint64:18446744073709551615 double:1.5 byte:255 boolean:true "
-                  "objpath:/x",
-                  "system signal  All snqiuxtdybo"},
-        std::pair{"/a/b org.x.If.C variant:int32:5 array:string:a,,b array:byte: "
-                  "dict:string:int32:k,1,l,2",
-                  "system signal  C vasaya{si}"}));
-
-class DbusSendParseBad : public testing::TestWithParam<std::string> {};
 
 // The error text names the word at fault: the text's last word, unless the expected words follow
 // a "|".
-TEST_P(DbusSendParseBad, RefusesWithErrorNamingTheWord) {
-  std::string text = GetParam().substr(0, GetParam().find('|'));
-  std::string expected = text == GetParam() ? "'" + text.substr(text.rfind(' ') + 1) + "'"
-                                            : GetParam().substr(text.size() + 1);
-  std::string error;
-  EXPECT_FALSE(parse(text, &error)) << text;
-  EXPECT_NE(error.find(expected), std::string::npos) << error;
+TEST(DbusSendParse, RefusesWithErrorNamingTheWord) {
+  for (const char* row :
+       {"/p a.b.M 'string:open|Cannot split", "dbus-send --sytem /p a.b.M|Unknown option '--sytem'",
+        "--type=error /p a.b.M|'--type=error'", "--dest=no..name /p a.b.M|'--dest=no..name'",
+        "--reply-timeout=5s /p a.b.M|'--reply-timeout=5s'",
+        "dbus-send --session|Missing object path", "a/b org.x.If.M|Invalid object path 'a/b'",
+        "/p|Missing INTERFACE.MEMBER", "/p a.b.M int32|'int32': expected TYPE:VALUE",
+        "/p a.b.M int32:2147483648", "/p a.b.M uint16:-1", "/p a.b.M byte:256",
+        "/p a.b.M boolean:yes", "/p a.b.M double:", "/p a.b.M objpath:x/",
+        "/p a.b.M text:a|'text:a': unknown type", "/p a.b.M array:int32:1,x",
+        "/p a.b.M dict:string:int32:k|a key has no value", "/p a.b.M string:\xff|does not fit"}) {
+    std::string text = row;
+    size_t bar = text.find('|');
+    std::string expected = bar == std::string::npos ? "'" + text.substr(text.rfind(' ') + 1) + "'"
+                                                    : text.substr(bar + 1);
+    text.resize(std::min(bar, text.size()));
+    std::string error;
+    EXPECT_FALSE(parse(text, &error)) << text;
+    EXPECT_NE(error.find(expected), std::string::npos) << error;
+  }
 }
-
-TEST(DbusSendParse, RefusesNullText) {
-  char* error = nullptr;
-  EXPECT_EQ(dbus_send_from_string(nullptr, &error), nullptr);
-  EXPECT_STREQ(TextPtr(error).get(), "No message text");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, DbusSendParseBad,
-    testing::Values("|Cannot split message text", "/a/b org.x.If.M 'string:open|Cannot split",
-                    "dbus-send --sytem /a/b org.x.If.M|Unknown option '--sytem'",
-                    "--type=error /a/b org.x.If.M|'--type=error'",
-                    "--dest=no..name /a/b org.x.If.M|'--dest=no..name'",
-                    "--reply-timeout=5s /a/b org.x.If.M|'--reply-timeout=5s'",
-                    "dbus-send --session|Missing object path",
-                    "a/b org.x.If.M|Invalid object path 'a/b'", "/a/b|Missing INTERFACE.MEMBER",
-                    "/a/b Member", "/a/b org.x.If.M int32|'int32': expected TYPE:VALUE",
-                    "/a/b org.x.If.M int32:2147483648", "/a/b org.x.If.M uint16:-1",
-                    "/a/b org.x.If.M byte:256", "/a/b org.x.If.M int32:12x",
-                    "/a/b org.x.If.M boolean:yes", "/a/b org.x.If.M double:",
-                    "/a/b org.x.If.M objpath:x/", "/a/b org.x.If.M text:a|'text:a': unknown type",
-                    "/a/b org.x.If.M variant:int32", "/a/b org.x.If.M array:int32:1,x",
-                    "/a/b org.x.If.M dict:string:int32:k|a key has no value",
-                    "/a/b org.x.If.M string:\xff|does not fit"));
 
 // Sending, against a private bus daemon that this test starts.
 class DbusSendTest : public testing::Test {
@@ -136,52 +95,36 @@ class DbusSendTest : public testing::Test {
   testbus::Recorder recorder_;
 };
 
-// The method call carries no --print-reply, so it is sent without waiting for the answer.
+// Empty list items are skipped.
 TEST_F(DbusSendTest, MessagesArriveWithArgumentsAndQuotingResolved) {
   EXPECT_EQ(send("dbus-send --system /org/x org.x.If.Changed string:'O'\\''Brien' int32:-5 "
-                 "variant:uint16:7 array:string:a,b dict:string:boolean:on,true,off,false byte:9"),
+                 "variant:uint16:7 array:string:a,,b dict:string:boolean:on,true,off,false byte:9 "
+                 "array:byte:"),
             "sent");
-  EXPECT_EQ(send("--session --type=method_call --dest=org.tessard.Recorder /p org.x.If.Set"),
-            "sent");
+  // A method call without --print-reply is sent without waiting for its answer.
+  EXPECT_EQ(send("--type=method_call --dest=org.tessard.Recorder /p org.x.If.Set"), "sent");
   const auto& got = recorder_.wait_for(2);
   ASSERT_EQ(got.size(), 2u);
-  EXPECT_TRUE(got[0].signal);
-  EXPECT_EQ(got[0].path + " " + got[0].interface + " " + got[0].member, "/org/x org.x.If Changed");
-  EXPECT_EQ(got[0].signature, "sivasa{sb}y");
-  EXPECT_EQ(got[0].args,
-            (std::vector<std::string>{"O'Brien", "-5", "7", "[a,b]", "{on=true,off=false}", "9"}));
+  EXPECT_EQ(got[0].signature, "sivasa{sb}yay");
+  EXPECT_EQ(got[0].args, (std::vector<std::string>{"O'Brien", "-5", "7", "[a,b]",
+                                                   "{on=true,off=false}", "9", "[]"}));
   EXPECT_FALSE(got[1].signal);
-  EXPECT_EQ(got[1].destination, "org.tessard.Recorder");
 }
 
 TEST_F(DbusSendTest, GetStringGivesTheFirstReplyArgumentAsText) {
   testbus::ServiceChild service;
   std::string error;
-  ASSERT_TRUE(service.start(bus_.address(), "org.tessard.Svc",
-                            {{"Int", "int32:-42"},
-                             {"Str", "string:'hello world'"},
-                             {"Var", "variant:uint64:7"},
-                             {"Bool", "boolean:false"},
-                             {"Two", "byte:3 string:x"},
-                             {"Empty", ""},
-                             {"List", "array:int32:1,2"}},
-                            &error))
+  ASSERT_TRUE(service.start(
+      bus_.address(), "org.tessard.Svc",
+      {{"Str", "string:'hello world'"}, {"Two", "byte:3 string:x"}, {"List", "array:int32:1,2"}},
+      &error))
       << error;
   auto call = [&](const std::string& member) {
     return send("--type=method_call --dest=org.tessard.Svc /s org.tessard.Svc." + member, true);
   };
-  EXPECT_EQ(call("Int") + call("Str") + call("Var") + call("Bool") + call("Two") + call("Empty"),
-            "-42hello world7false3");
+  EXPECT_EQ(call("Str") + call("Two"), "hello world3");
   EXPECT_EQ(call("List"), "error: The reply cannot be given as text");
-  EXPECT_EQ(call("Nothing"),
-            "error: Method call failed: org.tessard.Test.Error: no answer for Nothing");
-  EXPECT_EQ(send("/s org.tessard.Svc.Int", true), "error: A method call needs --dest");
-}
-
-TEST_F(DbusSendTest, PrintReplyReportsAnErrorReply) {
-  EXPECT_EQ(
-      send("--type=method_call --print-reply --dest=org.tessard.Nobody /s a.b.C").substr(0, 68),
-      "error: Method call failed: org.freedesktop.DBus.Error.ServiceUnknown");
+  EXPECT_EQ(send("/s org.tessard.Svc.Str", true), "error: A method call needs --dest");
 }
 
 TEST_F(DbusSendTest, ReconnectsAfterTheBusRestarted) {
