@@ -75,10 +75,10 @@ measure_startup() {
       tessard floor ratio
 }
 
-# SETs written to their file at once (1 KB and 100 KB files) and one-shot `tessctl get`, on the
-# 100k device.
+# SETs written to their file at once (1 KB and 100 KB files; many a round, as disk times vary)
+# and one-shot `tessctl get`, on the 100k device.
 measure_writes() {
-  local sets=100 spawns=300 data=$device_data/d100k
+  local sets=400 spawns=300 data=$device_data/d100k
   if [ -n "$quick" ]; then
     sets=20
     spawns=50
