@@ -79,6 +79,8 @@ TEST_F(MoveFileTest, CreateTmpFileReplacesAStrayFile) {
   EXPECT_STREQ(CString(path).get(), expected.c_str());
   EXPECT_EQ(read_text(expected), "");
   EXPECT_EQ(owner(expected), "0:0:600");
+  ASSERT_EQ(mkdir((root_ + "/d.temp").c_str(), 0755), 0);
+  EXPECT_EQ(create_tmp_file(root_.c_str(), "d", nullptr), -1) << "a directory in the way stays";
 }
 
 TEST_F(MoveFileTest, LinksAreReadAroundBufferStepsAndMovedAcross) {

@@ -175,9 +175,12 @@ const CommandCase kCommands[] = {
     cmd("TreeEndsAtParamWithTheGroupsPath", "tree a",
         {reply(0, item("root.a") + item("a") + item("int")), kNoSubgroup}, 0, "root.a\n"),
     cmd("TreeJson", "--json tree a",
-        {reply(0, item("root.a.p") + item("p") + item("in\"t")), kNoParam, kNoSubgroup}, 0,
+        {reply(0, item("root.a.p") + item("p") + item("in\"t")), kNoParam, member("root.a.g", "g"),
+         kNoParam, kNoSubgroup, member("root.a.h", "h"), kNoParam, kNoSubgroup, kNoSubgroup},
+        0,
         "{\"path\":\"root.a\",\"params\":[{\"path\":\"root.a.p\",\"name\":\"p\",\"type\":"
-        "\"in\\\"t\"}],\"groups\":[]}\n"),
+        "\"in\\\"t\"}],\"groups\":[{\"path\":\"root.a.g\",\"params\":[],\"groups\":[]},"
+        "{\"path\":\"root.a.h\",\"params\":[],\"groups\":[]}]}\n"),
     // The request ends with the number, the template and the sync byte (10 unless given).
     cmd("CreatePrintsName", "create a t --number=2", {reply(0, std::string("I2") + '\0')}, 0,
         "I2\n", "", std::string("\x02\x00", 2) + item("t") + "\x0a"),
