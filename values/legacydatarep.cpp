@@ -169,7 +169,7 @@ int legacy_drep_initializeScalar(Data* data, int kind, const char* typeName) {
     data->stringValue = nullptr;
   } else if (kind == static_cast<int>(SCALAR_CUSTOM)) {
     data->custom = CustomScalar{};
-    if (scalar_initializeInPlace(&data->custom, typeName) != 0) {
+    if (scalar_initialize(&data->custom, typeName) != 0) {
       scalar_release(&data->custom);
       return -1;
     }

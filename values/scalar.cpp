@@ -400,36 +400,16 @@ const char* const* scalar_enumEntries(int typeIndex) {
   return static_cast<const char* const*>(kTypes[typeIndex].arg);
 }
 
-CustomScalar* scalar_create(const char* typeName, int* result) {
-  set_result(result, -1);
-  auto* scalar = static_cast<CustomScalar*>(calloc(1, sizeof(CustomScalar)));
-  if (scalar == nullptr) {
-    log_error(kSource, "Memory allocation failed.");
-    return nullptr;
-  }
-  if (scalar_initializeInPlace(scalar, typeName) != 0) {
-    scalar_free(scalar);
-    return nullptr;
-  }
-  set_result(result, 0);
-  return scalar;
-}
-
-int scalar_initializeInPlace(CustomScalar* scalar, const char* typeName) {
-  int status = -1;
-  scalar_initialize(scalar, scalar_findType(typeName), &status);
-  return status;
-}
-
-void scalar_initialize(CustomScalar* scalar, int typeIndex, int* result) {
-  if (scalar == nullptr || !valid_index(typeIndex)) {
-    return set_result(result, -1);
+int scalar_initialize(CustomScalar* scalar, const char* typeName) {
+  int typeIndex = scalar_findType(typeName);
+  if (scalar == nullptr || typeIndex < 0) {
+    return -1;
   }
   int status = set_default(scalar, kTypes[typeIndex]);
   if (status == 0) {
     scalar->typeIndex = typeIndex;
   }
-  set_result(result, status);
+  return status;
 }
 
 void scalar_setFromBytes(CustomScalar* scalar, const unsigned char* bytes, int size, int* result) {
@@ -490,12 +470,4 @@ void scalar_release(CustomScalar* scalar) {
     free(scalar->buffer);
   }
   scalar->size = 0;
-}
-
-void scalar_free(CustomScalar* scalar) {
-  if (scalar == nullptr) {
-    return;
-  }
-  scalar_release(scalar);
-  free(scalar);
 }

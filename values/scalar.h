@@ -16,7 +16,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 // Indexes of the type table, in table order.
 constexpr int32_t SCALARTYPE_STRING = 0;
@@ -64,12 +63,11 @@ const char* scalar_typeNameOfIndex(int typeIndex);
 // a type that is not an enumeration.
 const char* const* scalar_enumEntries(int typeIndex);
 
-// New scalar of the named type holding the type's default; null if the name is unknown or memory
-// ran out. Release with scalar_free.
-CustomScalar* scalar_create(const char* typeName, int* result);
-// Replaces the value by the default of type `typeIndex` and stores that index (-1 for a null
-// scalar or an index outside the table; the old value then stays).
-void scalar_initialize(CustomScalar* scalar, int typeIndex, int* result);
+// Sets a zeroed scalar (one kept inside a value record) to the named type's default; -1 if the
+// name is unknown or memory ran out. Release its buffer with scalar_release.
+int scalar_initialize(CustomScalar* scalar, const char* typeName);
+// Releases the scalar's buffer, leaving the record that holds it to its owner.
+void scalar_release(CustomScalar* scalar);
 // Stores `size` raw bytes after checking them against the type (size, final NUL, enumeration
 // entry).
 void scalar_setFromBytes(CustomScalar* scalar, const unsigned char* bytes, int size, int* result);
@@ -82,16 +80,3 @@ void scalar_getStringToBuffer(const CustomScalar* scalar, char* buffer, int* siz
 char* scalar_getString(const CustomScalar* scalar, int* result);
 // The type's name: static text, valid for the life of the process.
 const char* scalar_getTypeName(const CustomScalar* scalar);
-// Initialises a zeroed scalar kept inside another record to the named type's default; -1 if the
-// name is unknown or memory ran out. Release its buffer with scalar_release.
-int scalar_initializeInPlace(CustomScalar* scalar, const char* typeName);
-// Releases the scalar's buffer, leaving the record itself to its owner.
-void scalar_release(CustomScalar* scalar);
-// Releases the scalar and its buffer; null is ignored.
-void scalar_free(CustomScalar* scalar);
-
-// Owning handle for a custom scalar.
-struct ScalarFree {
-  void operator()(CustomScalar* scalar) const { scalar_free(scalar); }
-};
-using UniqueScalar = std::unique_ptr<CustomScalar, ScalarFree>;
