@@ -33,6 +33,11 @@ struct Interface {
   bool consuming = true;
   bool producing = false;
   int skip_depth = 0;
+  // A parser enters the key it has just probed: the path it then pushes is the probed one, and
+  // the parameter found for it is taken again without a second look-up.
+  std::string probed_path;
+  Param* probed = nullptr;
+  bool probe_valid = false;
 };
 
 Interface mif;
@@ -122,11 +127,13 @@ void append_to_path(const char* name, int kind) {
 Param* push_mapping(const char* name, const void* user, int kind) {
   mif.mapping.push_back({kind, mif.path.size(), user});
   append_to_path(name != nullptr ? name : "", kind);
+  bool again = mif.probe_valid && mif.path == mif.probed_path;
+  mif.probe_valid = false;
   if (mif.path.empty()) {
     return nullptr;
   }
   const auto* group_path = static_cast<const char*>(mif.mapping.front().user);
-  Param* param = map_findParamByMountInGroup(group_path, mif.path.c_str());
+  Param* param = again ? mif.probed : map_findParamByMountInGroup(group_path, mif.path.c_str());
   if (param == nullptr) {
     return nullptr;
   }
@@ -235,6 +242,7 @@ void mif_reset() {
   mif.mapping.clear();
   mif.path.clear();
   mif.skip_depth = 0;
+  mif.probe_valid = false;
   mif.current = nullptr;
   mif.consuming = true;
   mif.producing = false;
@@ -330,7 +338,10 @@ int probe_section(const char* name, MappingCallback callback, void* argument, bo
     param->status = PARAMSTATUS_LOADED;
     param->setterPending = 1;
   }
+  mif.probed_path = mif.path;
+  mif.probed = param;
   popMappingContext(kSection);
+  mif.probe_valid = true;
   if (updated && !nosync && callback != nullptr) {
     callback(argument);
   }

@@ -40,6 +40,10 @@ class TempFile {
     char* path = nullptr;
     stream_ = open_param_temp_file(target, &path, 0);
     path_.reset(path);
+    if (stream_ != nullptr) {
+      // The whole text goes out in one write: no stream buffer (and no probe of the file for one).
+      setvbuf(stream_, nullptr, _IONBF, 0);
+    }
     return stream_ != nullptr && path_ != nullptr;
   }
   FILE* stream() const { return stream_; }
@@ -122,10 +126,10 @@ int open_backing_file(const char* path) {
   return fd;
 }
 
-// Opens and locks the backing file. A writer that held the lock may have replaced the file
-// meanwhile; then the lock is on a file no longer at the path, and the new one is taken. -1 after
-// a logged failure.
-int open_locked(const char* path) {
+// Opens and locks the backing file and gives its status in `locked`. A writer that held the lock
+// may have replaced the file meanwhile; then the lock is on a file no longer at the path, and the
+// new one is taken. -1 after a logged failure.
+int open_locked(const char* path, struct stat* locked) {
   for (;;) {
     UniqueFd fd(open_backing_file(path));
     if (fd.get() < 0) {
@@ -135,10 +139,9 @@ int open_locked(const char* path) {
       log_error(kSource, "Failed to lock file %s: %m\n", path);
       return -1;
     }
-    struct stat locked;
     struct stat current;
-    if (fstat(fd.get(), &locked) == 0 && stat(path, &current) == 0 &&
-        locked.st_dev == current.st_dev && locked.st_ino == current.st_ino) {
+    if (fstat(fd.get(), locked) == 0 && stat(path, &current) == 0 &&
+        locked->st_dev == current.st_dev && locked->st_ino == current.st_ino) {
       return fd.release();
     }
   }
@@ -151,11 +154,10 @@ struct FileText {
   std::string_view view() const { return {bytes.get(), size}; }
 };
 
-// Reads straight into a buffer sized by the file's length; a file that grows meanwhile is read on
-// to its end all the same.
-bool read_whole_file(int fd, const char* path, FileText* text) {
-  struct stat st;
-  size_t capacity = fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+// Reads straight into a buffer sized by the file's length (`st`); a file that grows meanwhile is
+// read on to its end all the same.
+bool read_whole_file(int fd, const struct stat& st, const char* path, FileText* text) {
+  size_t capacity = st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
   capacity += 1;  // room to see the end without growing
   text->bytes = std::make_unique_for_overwrite<char[]>(capacity);
   text->size = 0;
@@ -181,16 +183,12 @@ bool read_whole_file(int fd, const char* path, FileText* text) {
   }
 }
 
-bool prepare_write(int fd, const char* path, TempFile* temp, SavedAttributes* saved) {
+// The temporary file takes the locked file's mode, owner and group (`st`) when it is written.
+bool prepare_write(const struct stat& st, const char* path, TempFile* temp,
+                   SavedAttributes* saved) {
   if (!temp->open(path)) {
     log_error(kSource, "Couldn't create temporary file for '%s'!", path);
     return false;
-  }
-  struct stat st;
-  if (fstat(fd, &st) != 0) {
-    log_error(kSource, "Couldn't stat file '%s': %m", path);
-    *saved = SavedAttributes{0, 0, 0};
-    return true;
   }
   *saved = SavedAttributes{st.st_mode & 07777, st.st_uid, st.st_gid};
   return true;
@@ -277,17 +275,18 @@ int parser_invokeForParam(Param* param, const char* group_path, int readonly) {
   if (!resolve_backing_path(file->value, &path)) {
     return 1;
   }
-  UniqueFd input(open_locked(path.c_str()));
+  struct stat st;
+  UniqueFd input(open_locked(path.c_str(), &st));
   if (input.get() < 0) {
     return 1;
   }
   FileText text;
-  if (!read_whole_file(input.get(), path.c_str(), &text)) {
+  if (!read_whole_file(input.get(), st, path.c_str(), &text)) {
     return 1;
   }
   TempFile temp;
   SavedAttributes saved{};
-  if (readonly == 0 && !prepare_write(input.get(), path.c_str(), &temp, &saved)) {
+  if (readonly == 0 && !prepare_write(st, path.c_str(), &temp, &saved)) {
     return 1;
   }
   std::string output;
