@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <random>
@@ -175,11 +176,8 @@ TEST_F(TreeTest, ReplacingMarksOnlyRealChangesAndStoringNeedsAChange) {
   EXPECT_EQ(p->synced + p->setterPending, 2);
 }
 
-bool same(const char* a, const char* b) {
-  return caseSensitive ? strcmp(a, b) == 0 : strcasecmp(a, b) == 0;
-}
-bool same(const char* a, const char* b, size_t n) {
-  return caseSensitive ? strncmp(a, b, n) == 0 : strncasecmp(a, b, n) == 0;
+bool same(const char* a, const char* b, size_t n = SIZE_MAX) {
+  return (caseSensitive ? strncmp(a, b, n) : strncasecmp(a, b, n)) == 0;
 }
 
 // Descends into every child whose path is a prefix of the wanted path.
@@ -202,10 +200,9 @@ void collect(Group* top, std::vector<Group*>* groups, std::vector<Param*>* param
 }
 
 Param* walk_mount(Group* top, const char* value) {
-  if (top == nullptr) return nullptr;
   std::vector<Group*> groups;
   std::vector<Param*> params;
-  collect(top, &groups, &params);
+  if (top != nullptr) collect(top, &groups, &params);
   for (Param* p : params) {
     Option* mount = map_getParamOption(p, "mount");
     if (mount != nullptr && strcmp(mount->value, value) == 0) return p;
