@@ -203,7 +203,6 @@ class DynamicGroupsTest : public DynamicDirsTest {
   }
 
   std::string group_file() const { return dir("etcdynamic/param/net_interface.conf"); }
-  std::string param_file() const { return dir("etcdynamic/net_interface.conf"); }
   std::string pending_group() const { return dir("tmp/net_interface_temp_grp"); }
 };
 
@@ -231,15 +230,6 @@ TEST_F(DynamicGroupsTest, SignalOnlySyncLeavesTheFilesPending) {
   EXPECT_EQ(read_text(group_file()), pendingGroup);
   EXPECT_FALSE(std::filesystem::exists(pending_group()));
   EXPECT_EQ(dyn_tmplistHead(), nullptr);
-}
-
-TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
-  ASSERT_EQ(create(-1), "I0");
-  Param* param = map_getParamByPath("root.Net.Interface.I0.Name");
-  ASSERT_NE(param, nullptr);
-  EXPECT_EQ(map_getParamStatus(param), PARAMSTATUS_LOADED);
-  EXPECT_STREQ(map_getParamOption(param, "file")->value, param_file().c_str());
-  EXPECT_STREQ(map_getParamOption(param, "type")->value, "dynamic:string");
 }
 
 // The whole-daemon tests delete two levels down; here the parent is a top-level group.
