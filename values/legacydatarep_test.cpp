@@ -220,16 +220,8 @@ TEST(DataTree, ListTailAndWalkSurviveDeletion) {
   EXPECT_EQ(legacy_drep_deleteListItem(list.get(), stranger.get()), 0);  // not ours: kept
 }
 
-TEST(DataTree, HashReplacesInPlaceAndRefusesOtherTypes) {
-  UniqueData hash = tree("{c:string=c,a:string=a,b:string=b}");
-  Data* replacement = tree("string=new").release();
-  EXPECT_EQ(legacy_drep_setHashValue(hash.get(), replacement, "a"), replacement);
-  EXPECT_EQ(bytes_of(hash.get()), bytes_of(tree("{c:string=c,a:string=new,b:string=b}").get()));
-  EXPECT_EQ(legacy_drep_setHashValue(tree("[]").get(), hash.get(), "x"), nullptr);
-  EXPECT_EQ(legacy_drep_deleteHashValue(tree("[]").get(), "x"), -1);
-}
-
-// A refused text stores no flag; a value becomes a scalar only once; only scalars print.
+// A refused text stores no flag; a value becomes a scalar only once; only scalars print; only
+// hashes take keys.
 TEST(DataTree, WrongOperationsAreRefused) {
   UniqueData on_off = tree("cenum_on_off=on");
   const char flag = '\'';
@@ -238,6 +230,8 @@ TEST(DataTree, WrongOperationsAreRefused) {
   EXPECT_EQ(legacy_drep_initializeScalar(on_off.get(), SCALAR_INT, nullptr), -1);
   char buffer[3];
   EXPECT_EQ(legacy_drep_getCustomStringToBuffer(tree("[]").get(), buffer, 3), -1);
+  EXPECT_EQ(legacy_drep_setHashValue(tree("[]").get(), on_off.get(), "x"), nullptr);
+  EXPECT_EQ(legacy_drep_deleteHashValue(tree("[]").get(), "x"), -1);
 }
 
 TEST(IntegerField, ReadsExactlyOneInteger) {
