@@ -29,30 +29,27 @@ using tessard::test::item;
 using tessard::test::read_text;
 using tessard::test::reply;
 
-// Request fields: a little-endian 16-bit number; counted texts are item().
+// Request fields: a little-endian 16-bit number; counted texts are item(). Every request is
+// root's: identity (uid 0, gid 0) and the case and quiet bytes are zeros.
 std::string u16(size_t value) {
   return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8 & 0xFF)};
 }
-// The form (0 text, 3 serialised) and sub-form bytes that open GET and SET.
-std::string head(int form) {
-  return std::string{static_cast<char>(form), static_cast<char>(form == 3 ? 0 : 2)};
-}
-// GET and SET by root: identity (uid 0, gid 0), case and quiet bytes, path; SET with sync byte 10.
+const std::string kRoot(6, '\0');
+// GET and SET open with the form (0 text, 3 serialised) and sub-form bytes; SET has sync byte 10.
 std::string get(const std::string& path, int form = 0) {
-  return head(form) + '\0' + u16(0) + u16(0) + '\0' + item(path);
+  return std::string{static_cast<char>(form), static_cast<char>(form == 3 ? 0 : 2)} + kRoot +
+         item(path);
 }
 std::string set(const std::string& path, const std::string& value, int form = 0) {
-  return head(form) + u16(0) + u16(0) + std::string(2, '\0') + item(path) + item(value) + '\x0a';
+  return get(path, form) + item(value) + '\x0a';
 }
 // GETPARAMINFO and GETGROUPINFO: case byte, path, index.
 std::string member(const std::string& path, int index) {
   return '\0' + item(path) + u16(index);
 }
-// CREATE_GROUP (and type 10) by root: identity, quiet and case bytes, parent, number, template,
-// sync byte.
+// CREATE_GROUP (and type 10): parent, number, template, sync byte.
 std::string create(const std::string& tmpl, int number = 0xFFFF, int sync = 0) {
-  return u16(0) + u16(0) + std::string(2, '\0') + item("Net.Interface") + u16(number) + item(tmpl) +
-         static_cast<char>(sync);
+  return kRoot + item("Net.Interface") + u16(number) + item(tmpl) + static_cast<char>(sync);
 }
 std::string option(const std::string& path, const std::string& name) {
   return '\0' + item(path) + '\0' + item(name);
