@@ -101,13 +101,13 @@ TEST_F(TreeTest, DisabledGetterStillStripsTheFileOptions) {
   for (const char* name : {"mount", "parser", "setter", "dbus", "type", "getter"}) {
     ASSERT_EQ(map_setParamOption(name, name[0] == 'g' ? "disabled" : "v", p), 0);
   }
-  ASSERT_EQ(map_findParamByMount("v"), p);
+  ASSERT_EQ(map_findParamByMountInGroup("root", "v"), p);
   EXPECT_EQ(map_applyGetter(p), 0);
   EXPECT_EQ(p->hasGetter, 1);
   for (const char* gone : {"file", "mount", "parser", "setter"}) {
     EXPECT_EQ(map_getParamOption(p, gone), nullptr) << gone;
   }
-  EXPECT_EQ(map_findParamByMount("v"), nullptr);
+  EXPECT_EQ(map_findParamByMountInGroup("root", "v"), nullptr);
   EXPECT_STREQ(legacy_drep_getTypeName(p->value), "string");
   EXPECT_EQ(map_applyGetter(p), 0);  // declared again
 }
@@ -271,7 +271,6 @@ TEST_F(TreeTest, IndexedLookupsAgreeWithTheWalksOnRandomTrees) {
         ASSERT_EQ(map_getGroupByPath(path.c_str()), walk(root_, path.c_str())) << path;
         ASSERT_EQ(map_getGroupByPath(g->path), walk(root_, g->path)) << g->path;
         const char* mount = pick(mounts);
-        ASSERT_EQ(map_findParamByMount(mount), walk_mount(root_, mount));
         for (const std::string& top : {std::string(g->path), path}) {
           ASSERT_EQ(map_findParamByMountInGroup(top.c_str(), mount),
                     walk_mount(walk(root_, top.c_str()), mount));
