@@ -129,15 +129,6 @@ const std::string kHead =
 const std::string kI0 = "group I0 {\n#DO NOT REMOVE THIS LINE: Interface.I0 Eth\nparam a {\n}\n}\n";
 const std::string kInterfaceFile = kHead + kI0 + "group I2 {\n}\n}\n";
 
-// The dot-separated names of `path` as the rewriting functions take them; `path` holds the text.
-std::vector<char*> names_of(std::string* path) {
-  std::vector<char*> names;
-  for (char* name = strtok(path->data(), "."); name != nullptr; name = strtok(nullptr, ".")) {
-    names.push_back(name);
-  }
-  return names;
-}
-
 TEST_F(DynamicDirsTest, NewGroupBlockGoesToItsSortedPlace) {
   write_file(dir("tmpl") + "/Eth_grp.conf", "NEW REPLACE_GROUP\n");
   // parent, number, file before, file after
@@ -150,8 +141,8 @@ TEST_F(DynamicDirsTest, NewGroupBlockGoesToItsSortedPlace) {
            "Eth\n}\n}\n"},
   };
   for (const auto& [path, number, input, expected] : cases) {
-    std::string names = path;
-    std::vector<char*> parent = names_of(&names);
+    std::string names = "root." + path;
+    std::vector<char*> parent = parse_path(names.data());
     char letter = parent.back()[0];
     TemplateMerge merge{dir("tmpl") + "/Eth_grp.conf", "/none",
                         path + "." + letter + std::to_string(number), "/d/x.conf"};
@@ -167,8 +158,8 @@ TEST_F(DynamicDirsTest, NewGroupBlockGoesToItsSortedPlace) {
 TEST_F(DynamicDirsTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
   std::string file = kInterfaceFile + "group Interface2 {\n}\n";
   // I1 of another parent is not the group to delete.
-  for (std::string path : {"Interface.I0", "Interface.I1"}) {
-    std::vector<char*> group = names_of(&path);
+  for (std::string path : {"root.Interface.I0", "root.Interface.I1"}) {
+    std::vector<char*> group = parse_path(path.data());
     EXPECT_EQ(
         rewrite(file,
                 [&](FILE* in, FILE* out) { return copy_without_group(in, out, group, "scratch"); }),
