@@ -107,6 +107,7 @@ class SetterCommandTest : public AnnounceTest {
   }
 };
 
+// A disabled setter and one not due run nothing.
 TEST_F(SetterCommandTest, EachTextRunsOncePerListWithTheChangedParametersInItsEnvironment) {
   Param* a = with_setter("a", "1", "first");
   Param* b = with_setter("b", "2", "second");
@@ -114,18 +115,14 @@ TEST_F(SetterCommandTest, EachTextRunsOncePerListWithTheChangedParametersInItsEn
     p->setterPending = 1;
     update_runSetter(p, 0, 0, 0);
   }
+  update_runSetter(with_setter("c", "3", "disabled"), 0, 0, 0);
+  update_runSetter(with_setter("d", "4", "quiet", false), 0, 0, 0);
   update_clearRunSetters();
   a->setterPending = 1;
   update_runSetter(a, 0, 0, 0);
   EXPECT_EQ(lines(), (Lines{"first:1:2", "first:1:2", "second:1:2"}));
   EXPECT_EQ(getenv("root_G_a"), nullptr);
   EXPECT_EQ(a->setterPending + b->setterPending, 0);
-}
-
-TEST_F(SetterCommandTest, NoCommandWhenDisabledOrNotDue) {
-  update_runSetter(with_setter("a", "1", "disabled"), 0, 0, 0);
-  update_runSetter(with_setter("b", "2", "quiet", false), 0, 0, 0);
-  EXPECT_EQ(lines(), Lines{});
 }
 
 // A signal-only run comes before the values are written: the parameters a client changed run their
@@ -187,15 +184,15 @@ class SetterSignalTest : public AnnounceTest {
   std::vector<pid_t> pids_;
 };
 
-// Between two clearings each process gets a signal once, however many lists name it.
 TEST_F(SetterSignalTest, OneSignalWordServesEveryNameAndEachProcessGetsItOnce) {
   Lines names = {start("a"), start("b")};
   std::string list = names[0] + ", " + names[1];
   update_sendSignal(list.c_str(), "USR1");
-  update_sendSignal(list.c_str(), " 10");
+  update_sendSignal(list.c_str(), " USR1");
+  Lines once = {"10\n", "10\n"}, twice = {"10\n10\n", "10\n10\n"};
+  EXPECT_EQ(received(names, once), once);
   update_clearSignalledProcesses();
-  update_sendSignal(list.c_str(), "USR1");
-  Lines twice = {"10\n10\n", "10\n10\n"};
+  update_sendSignal(list.c_str(), "10");
   EXPECT_EQ(received(names, twice), twice);
 }
 
