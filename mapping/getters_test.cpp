@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <tuple>
 
 #include "dbussend/dbussend.h"
 #include "tests/support/setters_testutil.h"

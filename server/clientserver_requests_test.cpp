@@ -150,8 +150,6 @@ class RequestTest : public ::testing::Test {
     return answer.substr(6);
   }
 
-  std::string file(const char* name) const { return read_text(dir_ + "/" + name); }
-
   std::string dir_;
   int fds_[2] = {-1, -1};
 };
@@ -228,7 +226,7 @@ TEST_F(RequestTest, ReadOnlyParameterAnswersSuccessWhenUpgradingAndStaysAsItWas)
   upgradeMode = 1;
   EXPECT_EQ(exchange(SET, set("Network.Serial", "XYZ")), reply(STATUS_OK));
   EXPECT_EQ(value("Network.Serial"), "ABC123");
-  EXPECT_EQ(file("network.conf"), kNetwork);
+  EXPECT_EQ(read_text(dir_ + "/network.conf"), kNetwork);
 }
 
 TEST_F(RequestTest, SerialisedValueOfAnotherKindIsRefused) {
