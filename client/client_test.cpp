@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -81,29 +80,6 @@ TEST_F(ClientTest, SendsExactRequestsAndParsesReplies) {
             "v1=2");
   EXPECT_FALSE(list->items[71].has_value);
   tessclient_free_name_value_list(list);
-}
-
-// Replies whose contents lie about their items. Each frame is complete, so the client must
-// refuse it, handing out nothing, without reading into the next reply.
-TEST_F(ClientTest, LyingReplyIsRefusedAndTheNextOneStillArrives) {
-  char* text[3] = {};
-  TessClientNameValueList* list = nullptr;
-  const std::pair<std::function<int()>, std::string> lies[] = {
-      {[&] { return tessclient_get(client_, "a", &text[0]); }, reply(0, "\x09\0ab"s)},
-      {[&] { return tessclient_get_param_info(client_, "a", 0, &text[0], &text[1], &text[2]); },
-       reply(0, item("p") + item("n") + '\0')},
-      {[&] { return tessclient_get_param_option(client_, "a", "type", &text[0]); }, reply(0)},
-      {[&] { return tessclient_create_group(client_, "a", "t", 0, 10, &text[0]); }, reply(0, "")},
-      {[&] { return tessclient_get_name_value_list(client_, "a", 1, &list); },
-       reply(0, "abc"s + '\0')}};
-  for (const auto& [call, lie] : lies) {
-    send_reply(lie + reply(0, item("")));
-    EXPECT_EQ(call(), -EPROTO) << testing::PrintToString(lie);
-    EXPECT_TRUE(text[0] == nullptr && text[1] == nullptr && text[2] == nullptr && list == nullptr);
-    EXPECT_EQ(tessclient_get(client_, "a", &text[0]), 0);
-    free(text[0]);
-    text[0] = nullptr;
-  }
 }
 
 // A frame shorter than its header, or cut by the peer's close, loses the connection.

@@ -4,10 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -25,11 +25,6 @@ namespace {
 using tessard::test::read_text;
 using tessard::test::write_file;
 
-bool exists(const std::string& path) {
-  struct stat st {};
-  return lstat(path.c_str(), &st) == 0;
-}
-
 // Template, data and scratch directories in a fresh temporary directory, named so that a pending
 // file's path is shorter than its final file's, as with the daemon's /tmp and /etc/dynamic. File
 // names are lowered and their dots replaced, so the directory path must be lower case without
@@ -40,10 +35,8 @@ class DynamicDirsTest : public ::testing::Test {
     static int counter = 0;
     root_ = testing::TempDir() + "dyntest_" + std::to_string(getpid()) + "_" +
             std::to_string(counter++);
-    for (char c : root_) {
-      ASSERT_FALSE(isupper(static_cast<unsigned char>(c)) || c == '.')
-          << "temporary directory " << root_ << " must be lower case without dots";
-    }
+    ASSERT_EQ(root_.find_first_of(".ABCDEFGHIJKLMNOPQRSTUVWXYZ"), std::string::npos)
+        << "temporary directory " << root_ << " must be lower case without dots";
     for (const char* sub : {"", "/tmpl", "/tmplfb", "/etcdynamic", "/etcdynamic/param", "/tmp"}) {
       ASSERT_EQ(mkdir((root_ + sub).c_str(), 0755), 0) << root_ + sub << ": " << strerror(errno);
     }
@@ -63,32 +56,18 @@ class DynamicDirsTest : public ::testing::Test {
   std::string root_;
 };
 
-// Runs a stream function over TEXT and returns what it wrote.
-template <typename Rewrite>
-std::string rewrite(const std::string& text, Rewrite fn, int* rc) {
-  std::string input = text;
-  FILE* in = fmemopen(input.data(), input.size(), "r");
+// Runs a stream function over TEXT: its result, a colon and what it wrote.
+std::string rewrite(std::string text, const std::function<int(FILE*, FILE*)>& fn) {
+  FILE* in = fmemopen(text.data(), text.size(), "r");
   char* buf = nullptr;
   size_t size = 0;
   FILE* out = open_memstream(&buf, &size);
-  *rc = fn(in, out);
+  int rc = fn(in, out);
   fclose(out);
   fclose(in);
-  std::string result(buf, size);
+  std::string result = std::to_string(rc) + ":" + std::string(buf, size);
   free(buf);
   return result;
-}
-
-// The parameter directory first: a path that cannot be made ends the start-up before the group
-// directory is tried.
-TEST_F(DynamicDirsTest, InitMakesTheParameterThenTheGroupDirectory) {
-  tessard::test::clear_captured_log();
-  write_file(dir("file"), "x");
-  EXPECT_EQ(dyn_init("/t", "/t", dir("file/param").c_str(), dir("file").c_str()), 1);
-  EXPECT_EQ(tessard::test::count_logged("create_directory, trouble creating the group dir '" +
-                                        dir("file/param") + "': Not a directory"),
-            1);
-  EXPECT_EQ(tessard::test::count_logged("parameter dir"), 0);
 }
 
 // The line from the template, what a group template (file name given) writes, and what a
@@ -102,17 +81,16 @@ TEST_F(DynamicDirsTest, MergeTextSubstitutesOnePlaceholderPerLine) {
       {"type = \"a b\"\n", "type = \"a b\"\n", ""},
       {"no newline", "no newline\n", ""},
   };
+  std::string primary = dir("tmpl") + "/Eth_grp.conf";
   for (const auto& [line, group, param] : cases) {
-    std::string primary = dir("tmpl") + "/Eth_grp.conf";
     write_file(primary, line);
-    char* buf = nullptr;
-    size_t size = 0;
-    FILE* out = open_memstream(&buf, &size);
-    ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", "/d/net.conf"), 0);
-    ASSERT_EQ(merge_text(out, primary, "/none", "Net.I10", nullptr), 0);
-    fclose(out);
-    EXPECT_EQ(std::string(buf, size), group + (param.empty() ? group : param)) << line;
-    free(buf);
+    EXPECT_EQ(rewrite("",
+                      [&](FILE*, FILE* out) {
+                        return merge_text(out, primary, "/none", "Net.I10", "/d/net.conf") +
+                               merge_text(out, primary, "/none", "Net.I10", nullptr);
+                      }),
+              "0:" + group + (param.empty() ? group : param))
+        << line;
   }
 }
 
@@ -144,26 +122,12 @@ TEST_F(DynamicDirsTest, GetOptionFromTemplate) {
   EXPECT_EQ(option("Eth", "maxGroups"), "0:9 ");
 }
 
-TEST_F(DynamicDirsTest, FileNamesAreNormalised) {
-  EXPECT_EQ(data_file_name("Net.CONF", true), dir("etcdynamic") + "/net.conf.conf");
-  EXPECT_EQ(pending_file_name("Foo.Bar", kTempPar), dir("tmp") + "/foo_bar_temp_par");
-}
-
 // The group file of parent Interface with I0 and I2, and another group's block that must be copied
 // through untouched.
 const std::string kHead =
     "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\ngroup Interface {\n";
 const std::string kI0 = "group I0 {\n#DO NOT REMOVE THIS LINE: Interface.I0 Eth\nparam a {\n}\n}\n";
 const std::string kInterfaceFile = kHead + kI0 + "group I2 {\n}\n}\n";
-
-// The dot-separated names of `path` as the rewriting functions take them; `path` holds the text.
-std::vector<char*> names_of(std::string* path) {
-  std::vector<char*> names;
-  for (char* name = strtok(path->data(), "."); name != nullptr; name = strtok(nullptr, ".")) {
-    names.push_back(name);
-  }
-  return names;
-}
 
 TEST_F(DynamicDirsTest, NewGroupBlockGoesToItsSortedPlace) {
   write_file(dir("tmpl") + "/Eth_grp.conf", "NEW REPLACE_GROUP\n");
@@ -177,36 +141,29 @@ TEST_F(DynamicDirsTest, NewGroupBlockGoesToItsSortedPlace) {
            "Eth\n}\n}\n"},
   };
   for (const auto& [path, number, input, expected] : cases) {
-    std::string names = path;
-    std::vector<char*> parent = names_of(&names);
+    std::string names = "root." + path;
+    std::vector<char*> parent = parse_path(names.data());
     char letter = parent.back()[0];
     TemplateMerge merge{dir("tmpl") + "/Eth_grp.conf", "/none",
                         path + "." + letter + std::to_string(number), "/d/x.conf"};
-    int rc = -1;
-    std::string out = rewrite(
-        input,
-        [&](FILE* in, FILE* o) {
-          return find_sorted_place_in_file(in, o, parent, letter, number, merge);
-        },
-        &rc);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(out, expected) << path << " " << number;
+    EXPECT_EQ(rewrite(input,
+                      [&](FILE* in, FILE* out) {
+                        return find_sorted_place_in_file(in, out, parent, letter, number, merge);
+                      }),
+              "0:" + expected)
+        << path;
   }
 }
 
 TEST_F(DynamicDirsTest, DeletedGroupBlockIsDroppedWithItsNestedBlocks) {
   std::string file = kInterfaceFile + "group Interface2 {\n}\n";
   // I1 of another parent is not the group to delete.
-  for (std::string path : {"Interface.I0", "Interface.I1"}) {
-    std::vector<char*> group = names_of(&path);
-    int rc = -1;
-    std::string out = rewrite(
-        file, [&](FILE* in, FILE* o) { return copy_without_group(in, o, group, "scratch"); }, &rc);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(out, path.back() == '1'
-                       ? file
-                       : "#Created by tessard\ngroup Other {\ngroup I1 {\n}\n}\n"
-                         "group Interface {\ngroup I2 {\n}\n}\ngroup Interface2 {\n}\n");
+  for (std::string path : {"root.Interface.I0", "root.Interface.I1"}) {
+    std::vector<char*> group = parse_path(path.data());
+    EXPECT_EQ(
+        rewrite(file,
+                [&](FILE* in, FILE* out) { return copy_without_group(in, out, group, "scratch"); }),
+        "0:" + (path.back() == '1' ? file : kHead + "group I2 {\n}\n}\ngroup Interface2 {\n}\n"));
   }
 }
 
@@ -228,16 +185,15 @@ class DynamicGroupsTest : public DynamicDirsTest {
     write_file(dir("tmpl") + "/Eth_par.conf", kParamTemplate);
   }
 
-  // Creates a group under root.Net.Interface and returns its name ("" on failure).
-  std::string create(int number) {
-    char* name = create_new_group("root.Net.Interface", number, "Eth", nullptr, 10);
+  // Creates a group under the parent and returns its name ("" on failure).
+  std::string create(int number, const char* parent = "root.Net.Interface") {
+    char* name = create_new_group(parent, number, "Eth", nullptr, 10);
     std::string result = name != nullptr ? name : "";
     free(name);
     return result;
   }
 
   std::string group_file() const { return dir("etcdynamic/param/net_interface.conf"); }
-  std::string param_file() const { return dir("etcdynamic/net_interface.conf"); }
   std::string pending_group() const { return dir("tmp/net_interface_temp_grp"); }
 };
 
@@ -263,17 +219,16 @@ TEST_F(DynamicGroupsTest, SignalOnlySyncLeavesTheFilesPending) {
   EXPECT_NE(dyn_tmplistHead(), nullptr);
   ASSERT_EQ(dyn_sync(0), 0);
   EXPECT_EQ(read_text(group_file()), pendingGroup);
-  EXPECT_FALSE(exists(pending_group()));
+  EXPECT_FALSE(std::filesystem::exists(pending_group()));
   EXPECT_EQ(dyn_tmplistHead(), nullptr);
 }
 
-TEST_F(DynamicGroupsTest, NewGroupIsLoadedWithItsValuesFromThePendingFile) {
-  ASSERT_EQ(create(-1), "I0");
-  Param* param = map_getParamByPath("root.Net.Interface.I0.Name");
-  ASSERT_NE(param, nullptr);
-  EXPECT_EQ(map_getParamStatus(param), PARAMSTATUS_LOADED);
-  EXPECT_STREQ(map_getParamOption(param, "file")->value, param_file().c_str());
-  EXPECT_STREQ(map_getParamOption(param, "type")->value, "dynamic:string");
+// The whole-daemon tests delete two levels down; here the parent is a top-level group.
+TEST_F(DynamicGroupsTest, DeletionBelowATopLevelGroupRewritesItsFiles) {
+  ASSERT_EQ(create(-1, "root.Net"), "N0");
+  ASSERT_EQ(delete_group("root.Net.N0", 10), 0);
+  ASSERT_EQ(dyn_sync(0), 0);
+  EXPECT_EQ(read_text(dir("etcdynamic/param/net.conf")), "#Created by tessard\ngroup Net {\n}\n");
 }
 
 // Scratch files sit in a directory every user may write to: a planted link is not followed and
@@ -283,15 +238,12 @@ TEST_F(DynamicGroupsTest, ScratchFilesAreMadeFreshAndPrivate) {
   ASSERT_EQ(symlink(dir("victim").c_str(), dir("tmp/temp_grp").c_str()), 0);
   write_file(dir("tmp/temp_par"), "[planted]\n");
   ASSERT_EQ(chmod(dir("tmp/temp_par").c_str(), 0666), 0);
-  if (geteuid() == 0) {
-    ASSERT_EQ(chown(dir("tmp/temp_par").c_str(), 1234, 1234), 0);
-  }
+  ASSERT_EQ(chown(dir("tmp/temp_par").c_str(), 1234, 1234), 0) << "the test needs root";
   ASSERT_EQ(create(-1), "I0");
   EXPECT_EQ(read_text(dir("victim")), "keep\n");
   struct stat st {};
   ASSERT_EQ(lstat(dir("tmp/net_interface_temp_par").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISREG(st.st_mode));
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(st.st_mode & (S_IFMT | 07777), S_IFREG | 0600u);
   EXPECT_EQ(st.st_uid, geteuid());
   EXPECT_EQ(read_text(dir("tmp/net_interface_temp_par")).find("planted"), std::string::npos);
 }
@@ -308,8 +260,8 @@ TEST_P(FailedCreationTest, LeavesNoGroupNoScratchAndNoPendingFiles) {
   EXPECT_EQ(create_new_group(parent, -1, tmpl, &status, 10), nullptr);
   EXPECT_NE(status, -1);
   EXPECT_EQ(map_getGroupByPath("root.Net.Interface.I0"), nullptr);
-  EXPECT_FALSE(exists(dir("tmp/temp_par")));
-  EXPECT_FALSE(exists(dir("tmp/temp_grp")));
+  EXPECT_FALSE(std::filesystem::exists(dir("tmp/temp_par")));
+  EXPECT_FALSE(std::filesystem::exists(dir("tmp/temp_grp")));
   EXPECT_EQ(dyn_tmplistHead(), nullptr);
   EXPECT_EQ(create(-1), "I0") << "the number is free again";
 }

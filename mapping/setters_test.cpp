@@ -13,7 +13,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "tests/support/setters_testutil.h"
@@ -56,16 +55,6 @@ TEST_F(SetterDbusMessageTest, FillsValueNameGroupNumberAndGroup) {
         param(group(group_name), "p", value));
     EXPECT_EQ(sent(), (Lines{value, place})) << group_name;
   }
-}
-
-TEST_F(SetterDbusMessageTest, DeferredRemovalSendsTheGroupMessageUnlessTheReasonIsSilent) {
-  for (const char* name : {"I1", "I2", "I3"}) {
-    map_setGroupOption("dbusgroupdel", "/g org.t.If.Removed string:$GROUPNUM", group(name), 0);
-  }
-  map_removeGroupByPath("root.I1", 1, 0);
-  map_removeGroupByPath("root.I2", 1, 9);
-  map_removeGroupByPath("root.I3", 1, 12);
-  EXPECT_EQ(sent(), Lines{"1"});
 }
 
 TEST_F(SetterDbusMessageTest, FailedSendIsLoggedWithPasswordMasked) {
@@ -117,6 +106,7 @@ class SetterCommandTest : public AnnounceTest {
   }
 };
 
+// A disabled setter and one not due run nothing.
 TEST_F(SetterCommandTest, EachTextRunsOncePerListWithTheChangedParametersInItsEnvironment) {
   Param* a = with_setter("a", "1", "first");
   Param* b = with_setter("b", "2", "second");
@@ -124,18 +114,14 @@ TEST_F(SetterCommandTest, EachTextRunsOncePerListWithTheChangedParametersInItsEn
     p->setterPending = 1;
     update_runSetter(p, 0, 0, 0);
   }
+  update_runSetter(with_setter("c", "3", "disabled"), 0, 0, 0);
+  update_runSetter(with_setter("d", "4", "quiet", false), 0, 0, 0);
   update_clearRunSetters();
   a->setterPending = 1;
   update_runSetter(a, 0, 0, 0);
   EXPECT_EQ(lines(), (Lines{"first:1:2", "first:1:2", "second:1:2"}));
   EXPECT_EQ(getenv("root_G_a"), nullptr);
   EXPECT_EQ(a->setterPending + b->setterPending, 0);
-}
-
-TEST_F(SetterCommandTest, NoCommandWhenDisabledOrNotDue) {
-  update_runSetter(with_setter("a", "1", "disabled"), 0, 0, 0);
-  update_runSetter(with_setter("b", "2", "quiet", false), 0, 0, 0);
-  EXPECT_EQ(lines(), Lines{});
 }
 
 // A signal-only run comes before the values are written: the parameters a client changed run their

@@ -98,9 +98,7 @@ TEST_F(MoveFileTest, LinksAreReadAroundBufferStepsAndMovedAcross) {
 TEST_F(MoveFileTest, OntoExistingFileKeepsItsOwnerAndModeAndTakesSourceTimes) {
   std::string destination = other_ + "/dest.conf";
   make_file(source_, "copied across", 0, 0, 0600);
-  struct utimbuf times {
-    1000000000, 1000000005
-  };
+  const utimbuf times{1000000000, 1000000005};
   ASSERT_EQ(utime(source_.c_str(), &times), 0);
   make_file(destination, "previous", 1234, 5678, 0640);
   std::ofstream(destination + ".temp") << "stray";

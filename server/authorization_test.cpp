@@ -40,13 +40,6 @@ INSTANTIATE_TEST_SUITE_P(
                       std::tuple{"operator:x;:4", ACCESS_DELETE, true},
                       std::tuple{"admin:1;", W, false}));
 
-TEST(UserCache, RootHasItsPrimaryGroup) {
-  ASSERT_EQ(populateUserCache(), 0);
-  EXPECT_EQ(uid_in_group(0, "root"), 1);
-  EXPECT_EQ(uid_in_group(0, "no-such-group"), 0);
-  EXPECT_EQ(uid_in_group(4000000000U, "root"), 0) << "unknown uid";
-}
-
 // A peer in group 0 that is not root may not claim root's identity (nor anybody else's).
 TEST(PeerCredentials, GroupZeroAloneDoesNotMakeARootPeer) {
   ASSERT_EQ(getuid(), 0u) << "the test needs root to make a peer of another uid";
