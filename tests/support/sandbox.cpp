@@ -1,7 +1,6 @@
 #include "tests/support/sandbox.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -184,9 +183,10 @@ void SandboxTest::SetUp() {
   dir_ = pattern;
   ASSERT_TRUE(MountAll(&error)) << error;
   std::ofstream passwd("/etc/passwd", std::ios::app), group("/etc/group", std::ios::app);
-  for (const TestUser& u : {kAlice, kBob, kCarol, kDave, kSysop}) {
-    passwd << u.name << ":x:" << u.uid << ":" << u.uid << "::/tmp:/bin/sh\n";
-    group << u.name << ":x:" << u.uid << ":\n";
+  int uid = 2001;
+  for (const char* name : {kAlice, kBob, kCarol, kDave, kSysop}) {
+    passwd << name << ":x:" << uid << ":" << uid << "::/tmp:/bin/sh\n";
+    group << name << ":x:" << uid++ << ":\n";
   }
   group << "admin:x:3001:alice\noperator:x:3002:bob,alice\nviewer:x:3003:carol,bob\n"
         << "system:x:3004:sysop\nstaff:x:3005:alice,bob\n";
@@ -202,7 +202,8 @@ void SandboxTest::StartSystemBus() {
   ASSERT_TRUE(make_dir("/run/dbus", &error)) << error;
   ASSERT_TRUE(system_bus_.start(&error, kSystemBusSocket)) << error;
   bus_recorder_ = std::make_unique<testbus::Recorder>();
-  ASSERT_TRUE(bus_recorder_->monitor(system_bus_.address(), &error)) << error;
+  ASSERT_TRUE(bus_recorder_->connect(system_bus_.address(), "org.tessard.Recorder", &error))
+      << error;
 }
 
 void SandboxTest::TearDown() {
@@ -308,6 +309,12 @@ pid_t SandboxTest::StartServing(const std::vector<std::string>& args) {
   return pid;
 }
 
+pid_t SandboxTest::Serve(const std::string& config, std::vector<std::string> more_args) {
+  WriteFile("/etc/tessard.conf", config);
+  more_args.insert(more_args.begin(), {"/etc/tessard.conf", "0"});
+  return StartServing(more_args);
+}
+
 int SandboxTest::WaitExit(pid_t pid, int timeout_ms) {
   auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   do {
@@ -334,25 +341,22 @@ void SandboxTest::StopDaemon() {
   daemon_pid_ = -1;
 }
 
-int SandboxTest::RunAs(const TestUser& user, const std::function<int()>& body) {
-  pid_t pid = Spawn([&] {
-    alarm(60);  // a child that hangs fails its test instead of stalling the run
-    if (initgroups(user.name, user.uid) != 0 || setgid(user.uid) != 0 || setuid(user.uid) != 0) {
-      _exit(255);
-    }
-    _exit(body());
-  });
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status) == 255 ? -1 : WEXITSTATUS(status);
+std::string SandboxTest::CtlAs(const char* user, const std::vector<std::string>& commands) {
+  std::string as = user ? "setpriv --reuid=" + std::string(user) + " --regid=" + user +
+                              " --init-groups "
+                        : "",
+              results;
+  for (const std::string& command : commands) {
+    std::string out;
+    int status = run_command("timeout 10 " + as + TESSCTL_BINARY " " + command, &out);
+    results += std::to_string(status) + "|" + out;
+  }
+  return results;
 }
 
-void SandboxTest::WriteFile(const std::string& path, const std::string& content, mode_t mode) {
+void SandboxTest::WriteFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.close();
-  ASSERT_TRUE(out.good()) << "cannot write " << path;
-  chmod(path.c_str(), mode);
+  ASSERT_TRUE(out << content) << "cannot write " << path;
 }
 
 std::string SandboxTest::ReadFile(const std::string& path) {
@@ -374,6 +378,14 @@ int SandboxTest::Connect(const std::string& path) {
   return -1;
 }
 
+int SandboxTest::Listen(const std::string& path) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = unix_address(path);
+  bool ok =
+      bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 && listen(fd, 5) == 0;
+  return ok ? fd : -1;
+}
+
 // The length prefix (16 bits) counts itself and the type byte.
 std::vector<unsigned char> SandboxTest::Frame(int type, const std::vector<unsigned char>& payload) {
   size_t length = payload.size() + 3;
@@ -388,16 +400,8 @@ std::vector<unsigned char> SandboxTest::Frame(int type, const std::vector<unsign
 
 // Form 0 (text), sub-form 2, case byte, uid 0, gid 0, quiet byte, counted path.
 std::vector<unsigned char> SandboxTest::GetFrame(const std::string& path) {
-  std::vector<unsigned char> payload = {0,
-                                        2,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        static_cast<unsigned char>(path.size()),
-                                        static_cast<unsigned char>(path.size() >> 8)};
+  unsigned char low = path.size() & 0xFF, high = path.size() >> 8;
+  std::vector<unsigned char> payload = {0, 2, 0, 0, 0, 0, 0, 0, low, high};
   payload.insert(payload.end(), path.begin(), path.end());
   return Frame(0, payload);
 }

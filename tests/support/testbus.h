@@ -44,8 +44,8 @@ struct Recorded {
 // A signal that tests send after the messages they watch for; see Recorder::wait_for_marker.
 inline constexpr char kMarkerText[] = "/org/tessard/Test org.tessard.Test.Marker";
 
-// A connection that records every signal on the bus and every method call sent to its name; or,
-// as a monitor, every signal and method call on the bus. Traffic with the bus itself is left out.
+// A connection that records every signal on the bus and every method call sent to its name.
+// Traffic with the bus itself is left out.
 class Recorder {
  public:
   Recorder() = default;
@@ -54,8 +54,6 @@ class Recorder {
   ~Recorder() { sd_bus_flush_close_unref(bus_); }
 
   bool connect(const std::string& address, const char* name, std::string* error);
-  // A monitor only listens: it owns no name and sends nothing.
-  bool monitor(const std::string& address, std::string* error);
   // Waits until `count` messages have been recorded or `timeout_ms` has passed; all so far.
   const std::vector<Recorded>& wait_for(size_t count, int timeout_ms = 5000);
   // Waits for the first message of `member` and returns what was recorded before it, dropping
