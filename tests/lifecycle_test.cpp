@@ -99,14 +99,5 @@ TEST_F(LifecycleTest, ServesUntilSigtermThenExitsZeroRemovingThePidFile) {
   EXPECT_TRUE(Exists(kSocket)) << "the socket file is left on exit";
 }
 
-TEST_F(LifecycleTest, ServesOnTheOneSocketPassedBySystemd) {
-  int passed = Listen("/run/activated.sock");
-  ASSERT_TRUE(
-      log().WaitFor("Starting server.", 15000, nullptr, StartDaemon({kConf, "0"}, {passed})));
-  close(passed);
-  EXPECT_FALSE(Exists(kSocket)) << "no socket file is made under socket activation";
-  EXPECT_TRUE(DropsShortFrame("/run/activated.sock"));
-}
-
 }  // namespace
 }  // namespace tessard::test

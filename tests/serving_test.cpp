@@ -102,11 +102,8 @@ TEST_F(ServingTest, TwoFloodingClientsEachGetAThirdOfTheAnswers) {
 
 TEST_F(ServingTest, ElevenHundredSimultaneousClientsAreAllAnsweredTwice) {
   Serve();
-  std::vector<int> clients;
-  for (int i = 0; i < 1100; i++) {
-    clients.push_back(Connect());
-    ASSERT_GE(clients.back(), 0) << "client " << i;
-  }
+  std::vector<int> clients(1100);
+  for (int& fd : clients) fd = Connect();
   for (int round = 0; round < 2; round++) {
     for (int fd : clients) ASSERT_TRUE(Send(fd, kGet));
     int answered = 0;

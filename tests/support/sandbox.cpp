@@ -190,8 +190,6 @@ void SandboxTest::SetUp() {
   }
   group << "admin:x:3001:alice\noperator:x:3002:bob,alice\nviewer:x:3003:carol,bob\n"
         << "system:x:3004:sysop\nstaff:x:3005:alice,bob\n";
-  passwd.close();
-  group.close();
   ASSERT_TRUE(log_.Start("/dev/log", &error)) << error;
 }
 
@@ -201,14 +199,11 @@ void SandboxTest::StartSystemBus() {
   std::string error;
   ASSERT_TRUE(make_dir("/run/dbus", &error)) << error;
   ASSERT_TRUE(system_bus_.start(&error, kSystemBusSocket)) << error;
-  bus_recorder_ = std::make_unique<testbus::Recorder>();
-  ASSERT_TRUE(bus_recorder_->connect(system_bus_.address(), "org.tessard.Recorder", &error))
-      << error;
+  ASSERT_TRUE(bus_.connect(system_bus_.address(), "org.tessard.Recorder", &error)) << error;
 }
 
 void SandboxTest::TearDown() {
   StopDaemon();
-  bus_recorder_.reset();
   system_bus_.stop();
   log_.Stop();
   for (auto it = mounted_.rbegin(); it != mounted_.rend(); ++it) umount2(it->c_str(), MNT_DETACH);
@@ -258,41 +253,15 @@ pid_t SandboxTest::StartDaemon(const std::vector<std::string>& args,
   return pid;
 }
 
-namespace {
-
-// The words of the "Key=" line of the unit file at `path`; empty when there is none.
-std::vector<std::string> unit_line(const std::string& path, const std::string& key) {
-  std::string text = "\n" + read_text(path);
-  size_t at = text.find("\n" + key + "=");
-  if (at == std::string::npos) return {};
-  at += key.size() + 2;
-  std::istringstream line(text.substr(at, text.find('\n', at) - at));
-  std::vector<std::string> words;
-  for (std::string word; line >> word;) words.push_back(word);
-  return words;
-}
-
-}  // namespace
-
 void SandboxTest::ServeExampleThroughUnits(const std::string& unit_dir,
                                            const std::string& tessctl) {
-  std::vector<std::string> args = {"systemd-socket-activate", "-l", "", "-E",
-                                   "ASAN_OPTIONS=detect_leaks=0"};
-  std::vector<std::string> exec = unit_line(unit_dir + "/tessard.service", "ExecStart");
-  std::vector<std::string> listen = unit_line(unit_dir + "/tessard.socket", "ListenStream");
-  ASSERT_TRUE(!exec.empty() && listen.size() == 1)
-      << "no ExecStart or ListenStream in " << unit_dir;
-  args[2] = listen[0];
-  args.insert(args.end(), exec.begin(), exec.end());
-  pid_t pid = Spawn([&] {
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-  });
+  std::string script = "cd '" + unit_dir +
+                       "' && exec systemd-socket-activate -E ASAN_OPTIONS=detect_leaks=0 -l "
+                       "$(sed -n 's/^ListenStream=//p' tessard.socket) "
+                       "$(sed -n 's/^ExecStart=//p' tessard.service)";
+  pid_t pid = daemon_pid_ = Spawn([&] { execl("/bin/sh", "sh", "-c", script.c_str(), nullptr); });
   ASSERT_GT(pid, 0);
-  daemon_pid_ = pid;
-  for (int i = 0; i < 500 && !Exists(listen[0]); i++) usleep(10000);
+  for (int i = 0; i < 500 && !Exists("/run/tessard/tessardsocket"); i++) usleep(10000);
   std::string out;
   EXPECT_EQ(run_command("timeout 10 " + tessctl + " get root.System.Time.TimeZone", &out), 0)
       << out;

@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -100,7 +99,7 @@ class SandboxTest : public ::testing::Test {
   // Starts a dbus-daemon at kSystemBusSocket (the daemon's default system bus) and a recorder of
   // its signals (bus()); before the daemon starts. Both stop at TearDown.
   void StartSystemBus();
-  testbus::Recorder& bus() { return *bus_recorder_; }
+  testbus::Recorder& bus() { return bus_; }
   static constexpr char kSystemBusSocket[] = "/run/dbus/system_bus_socket";
 
   LogCapture& log() { return log_; }
@@ -115,7 +114,7 @@ class SandboxTest : public ::testing::Test {
   std::vector<std::string> mounted_;
   LogCapture log_;
   testbus::PrivateBus system_bus_;
-  std::unique_ptr<testbus::Recorder> bus_recorder_;
+  testbus::Recorder bus_;
   pid_t daemon_pid_ = -1;
 };
 
