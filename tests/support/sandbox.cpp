@@ -288,11 +288,9 @@ int SandboxTest::WaitExit(pid_t pid, int timeout_ms) {
   auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   do {
     int status = 0;
-    pid_t r = waitpid(pid, &status, WNOHANG);
-    if (r < 0) return -1;
-    if (r == pid) {
-      if (pid == daemon_pid_) daemon_pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (pid_t r = waitpid(pid, &status, WNOHANG); r != 0) {
+      daemon_pid_ = pid == daemon_pid_ ? -1 : daemon_pid_;
+      return r < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   } while (Clock::now() < deadline);
@@ -300,10 +298,7 @@ int SandboxTest::WaitExit(pid_t pid, int timeout_ms) {
 }
 
 void SandboxTest::StopDaemon() {
-  if (daemon_pid_ <= 0) return;
-  pid_t pid = daemon_pid_;
-  kill(pid, SIGTERM);
-  if (WaitExit(pid, 5000) < 0) {
+  if (pid_t pid = daemon_pid_; pid > 0 && kill(pid, SIGTERM) == 0 && WaitExit(pid, 5000) < 0) {
     kill(pid, SIGKILL);
     WaitExit(pid, 5000);
   }
@@ -326,15 +321,6 @@ std::string SandboxTest::CtlAs(const char* user, const std::vector<std::string>&
 void SandboxTest::WriteFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   ASSERT_TRUE(out << content) << "cannot write " << path;
-}
-
-std::string SandboxTest::ReadFile(const std::string& path) {
-  return read_text(path);
-}
-
-bool SandboxTest::Exists(const std::string& path) {
-  struct stat st {};
-  return lstat(path.c_str(), &st) == 0;
 }
 
 int SandboxTest::Connect(const std::string& path) {

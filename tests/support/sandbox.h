@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "tests/support/testbus.h"
+#include "tests/support/textfile.h"
 
 namespace tessard::test {
 
@@ -82,8 +84,8 @@ class SandboxTest : public ::testing::Test {
   }
 
   static void WriteFile(const std::string& path, const std::string& content);
-  static std::string ReadFile(const std::string& path);
-  static bool Exists(const std::string& path);
+  static std::string ReadFile(const std::string& path) { return read_text(path); }
+  static bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
   // Connects to the daemon's socket (or `path`), or listens on `path`; the descriptor or -1.
   static int Connect(const std::string& path = "/run/tessard/tessardsocket");
