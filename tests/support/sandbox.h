@@ -28,9 +28,9 @@ struct LogLine {
   std::string ident, message;
 };
 
-// Users of every sandbox (uid = gid of the user's own group), in the groups admin (alice),
-// operator (bob, alice), viewer (carol, bob), system (sysop) and staff (alice, bob); dave is in
-// none.
+// Users of every sandbox, uids 2001 to 2005 in this order (each also the gid of the user's own
+// group), in the groups admin (alice), operator (bob, alice), viewer (carol, bob), system (sysop)
+// and staff (alice, bob); dave is in none.
 inline constexpr const char *kAlice = "alice", *kBob = "bob", *kCarol = "carol", *kDave = "dave",
                             *kSysop = "sysop";
 
