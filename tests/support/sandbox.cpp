@@ -323,22 +323,16 @@ void SandboxTest::WriteFile(const std::string& path, const std::string& content)
   ASSERT_TRUE(out << content) << "cannot write " << path;
 }
 
-int SandboxTest::Connect(const std::string& path) {
+int SandboxTest::Socket(const std::string& path, bool listening) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address = unix_address(path);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+  auto* at = reinterpret_cast<sockaddr*>(&address);
+  if (fd >= 0 && (listening ? bind(fd, at, sizeof address) == 0 && listen(fd, 5) == 0
+                            : connect(fd, at, sizeof address) == 0)) {
     return fd;
   }
   if (fd >= 0) close(fd);
   return -1;
-}
-
-int SandboxTest::Listen(const std::string& path) {
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address = unix_address(path);
-  bool ok =
-      bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 && listen(fd, 5) == 0;
-  return ok ? fd : -1;
 }
 
 // The length prefix (16 bits) counts itself and the type byte.

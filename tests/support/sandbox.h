@@ -88,8 +88,10 @@ class SandboxTest : public ::testing::Test {
   static bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
   // Connects to the daemon's socket (or `path`), or listens on `path`; the descriptor or -1.
-  static int Connect(const std::string& path = "/run/tessard/tessardsocket");
-  static int Listen(const std::string& path);
+  static int Connect(const std::string& path = "/run/tessard/tessardsocket") {
+    return Socket(path, false);
+  }
+  static int Listen(const std::string& path) { return Socket(path, true); }
   // A request frame of `type`; a GET of `path` in text form by root.
   static std::vector<unsigned char> Frame(int type, const std::vector<unsigned char>& payload);
   static std::vector<unsigned char> GetFrame(const std::string& path);
@@ -109,6 +111,7 @@ class SandboxTest : public ::testing::Test {
   pid_t daemon_pid() const { return daemon_pid_; }
 
  private:
+  static int Socket(const std::string& path, bool listening);
   pid_t Spawn(const std::function<void()>& child);
   bool MountAll(std::string* error);
 
