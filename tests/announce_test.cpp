@@ -3,12 +3,9 @@
 // each message, command and getter is made is the database's unit tests' (mapping/).
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "tests/support/clientcalls.h"
 #include "tests/support/sandbox.h"
 
 namespace tessard::test {
@@ -17,8 +14,9 @@ namespace {
 using Messages = std::vector<std::string>;
 
 // Net's parameters announce themselves (T. stands for the signals' path and interface); Up's is
-// read by a getter; Level's bounds, 0 and 100, are queried of org.tessard.Limits (L.); deleting a
-// Rules group announces it, and deleting End closes what a test looks at.
+// read by a getter; Level's bounds, 0 and 100, are queried of org.tessard.Limits (L.), which
+// shows in its value; deleting a Rules group announces it, and deleting End closes what a test
+// looks at.
 constexpr char kConfig[] = R"(accessControl = ":f"
 group Net { parser = Standardparser file = "/etc/announce.conf"
   param Place { mount = "Standard{Root}{place}" dbus = "T.Place string:'$VALUE'" }
@@ -54,10 +52,9 @@ std::string Summary(const testbus::Recorded& r) {
 struct Mode {
   const char* name;
   const char* flag;
-  Messages sent;  // by the end, start-up included
-  const char* level;
-  const char* time;
-  const char* runs;  // of the setter and the getter
+  Messages sent;       // by the end, start-up included
+  const char* values;  // of Level and Time, as tessctl prints them
+  const char* runs;    // of the setter and the getter
 };
 
 void PrintTo(const Mode& mode, std::ostream* os) {
@@ -68,68 +65,44 @@ const std::string kRemoved = "Removed(s) root.Rules.R7|7|R7";
 const Mode kModes[] = {
     {"Normal",
      "-print0",
-     {"Min()", "Max()", "Place(s) here", "Owner(ss) Smith|root.Net.Owner",
-      "Owner(ss) Jones|root.Net.Owner", kRemoved},
-     "100",
-     "up\n",
+     {"Place(s) here", "Owner(ss) Smith|root.Net.Owner", "Owner(ss) Jones|root.Net.Owner",
+      kRemoved},
+     "0|100\n0|up\n\n",
      "set\n|get\n"},
     // Start-up messages wait for the next setter run of their group; no bounds are queried.
     {"BlockDbusOnStart",
      "-blockdbusonstart",
      {"Place(s) here", "Owner(ss) Jones|root.Net.Owner", kRemoved},
-     "150",
-     "up\n",
+     "0|150\n0|up\n\n",
      "set\n|get\n"},
     // Only group messages and bounds queries; the getter's value is the empty one declared.
-    {"Upgrade", "-upgrade", {"Min()", "Max()", kRemoved}, "100", "", "|"},
+    {"Upgrade", "-upgrade", {kRemoved}, "0|100\n0|\n", "|"},
 };
 
-class AnnounceTest : public SandboxTest, public testing::WithParamInterface<Mode> {
- protected:
-  void TearDown() override {
-    limits_.stop();
-    SandboxTest::TearDown();
-  }
+class AnnounceTest : public SandboxTest, public testing::WithParamInterface<Mode> {};
 
-  // The file once it is as long as `expected` and a little longer, so that a line too many would
-  // show too (setter commands run detached).
-  static std::string Settled(const std::string& path, const std::string& expected) {
-    for (int tries = 0; tries < 500 && ReadFile(path).size() < expected.size(); ++tries) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    return ReadFile(path);
-  }
-
-  testbus::ServiceChild limits_;
-};
-
-// R8 is deleted with the silent sync byte 9, R7 without a sync byte.
+// R8 is deleted with the silent sync byte 9, R7 with the deferring 0. Level is 150 in the file.
 TEST_P(AnnounceTest, SendsMessagesAndRunsCommandsAsTheModeSays) {
   const Mode& mode = GetParam();
   StartSystemBus();
+  testbus::ServiceChild limits;
   std::string error;
-  ASSERT_TRUE(limits_.start(std::string("unix:path=") + kSystemBusSocket, "org.tessard.Limits",
-                            {{"Min", "int32:0"}, {"Max", "int32:100"}}, &error))
+  ASSERT_TRUE(limits.start(std::string("unix:path=") + kSystemBusSocket, "org.tessard.Limits",
+                           {{"Min", "int32:0"}, {"Max", "int32:100"}}, &error))
       << error;
-  WriteFile("/etc/tessard.conf", Config());
   WriteFile("/etc/announce.conf", "place here\nowner Smith\nlevel 150\n");
-  std::vector<std::string> args = {"/etc/tessard.conf", "0"};
-  if (mode.flag != nullptr) args.push_back(mode.flag);
-  StartServing(args);
-  ASSERT_EQ(Set("root.Net.Owner", "Jones", 10), TESSCLIENT_OK);
-  EXPECT_EQ(Get("root.Up.Time"), mode.time);
-  ASSERT_EQ(Delete("root.Rules.R8", 9), TESSCLIENT_OK);
-  ASSERT_EQ(Delete("root.Rules.R7"), TESSCLIENT_OK);
-  ASSERT_EQ(Delete("root.End", 10), TESSCLIENT_OK);
+  Serve(Config(), {mode.flag});
+  ASSERT_EQ(Ctl("set root.Net.Owner Jones", "delete --sync 9 root.Rules.R8",
+                "delete --sync 0 root.Rules.R7", "delete root.End"),
+            "0|0|0|0|");
   Messages sent;
   for (const testbus::Recorded& r : bus().wait_before("End")) sent.push_back(Summary(r));
   EXPECT_EQ(sent, mode.sent);
-  EXPECT_EQ(Get("root.Limits.Level"), mode.level) << "150 in the file";
-  std::string runs = mode.runs;
-  size_t bar = runs.find('|');
-  EXPECT_EQ(Settled("/tmp/setter.runs", runs.substr(0, bar)), runs.substr(0, bar));
-  EXPECT_EQ(ReadFile("/tmp/getter.runs"), runs.substr(bar + 1));
+  EXPECT_EQ(Ctl("get root.Limits.Level", "get root.Up.Time"), mode.values);
+  auto runs = [] { return ReadFile("/tmp/setter.runs") + "|" + ReadFile("/tmp/getter.runs"); };
+  for (int i = 0; i < 500 && runs() != mode.runs; ++i) usleep(10000);
+  usleep(300000);  // setter commands run detached: time for one too many to show
+  EXPECT_EQ(runs(), mode.runs);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, AnnounceTest, testing::ValuesIn(kModes),

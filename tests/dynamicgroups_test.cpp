@@ -1,14 +1,11 @@
 // Dynamic groups in the real daemon: the data directories at start-up, and groups created, deleted
 // and synchronised through client requests. How each file is rewritten is dynamic_test's.
 #include <sys/stat.h>
-#include <tessard/tessclient.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "tests/support/clientcalls.h"
 #include "tests/support/sandbox.h"
 
 namespace tessard::test {
@@ -23,7 +20,6 @@ constexpr const char* kGroupTemplate =
     "}\n}\n";
 constexpr const char* kGroupFile = "/etc/dynamic/param/net_interface.conf";
 constexpr const char* kParamFile = "/etc/dynamic/net_interface.conf";
-constexpr int kAny = TESSCLIENT_ANY_NUMBER;
 
 class DynamicGroupsDaemonTest : public SandboxTest {
  protected:
@@ -40,19 +36,6 @@ class DynamicGroupsDaemonTest : public SandboxTest {
 
   // The group files are read back at start-up as an extra configuration directory.
   void Serve() { StartServing({"/etc/tessard.conf", "0", "-d", "/etc/dynamic/param"}); }
-
-  // Creates a group under root.Net.Interface; the name, or "<status N>".
-  static std::string Create(int number, int sync = 0) {
-    std::string result;
-    WithClient([&](TessClient* c) {
-      char* name = nullptr;
-      int status = tessclient_create_group(c, "root.Net.Interface", "Eth", number, sync, &name);
-      result = status == TESSCLIENT_OK ? name : "<status " + std::to_string(status) + ">";
-      free(name);
-      return status;
-    });
-    return result;
-  }
 
   // The names of the group headers of a group file, in file order.
   static Names Headers(const std::string& path) {
@@ -84,38 +67,33 @@ TEST_F(DynamicGroupsDaemonTest, StartUpMakesTheDataDirectoriesUnderItsOwnUmask) 
 // Created groups are readable at once and written at the next sync; a restarted daemon reads
 // them back, and its numbering sees them.
 TEST_F(DynamicGroupsDaemonTest, CreatedGroupsLiveOnInTheFilesAfterASync) {
+  const std::string create = "create --sync 0 root.Net.Interface Eth";
   Serve();
-  EXPECT_EQ(Create(kAny), "I0");
-  EXPECT_EQ(Create(3), "I3");
-  EXPECT_EQ(Get("root.Net.Interface.I3.Address"), "10.0.0.3");
-  ASSERT_EQ(Sync(0), TESSCLIENT_OK);
+  EXPECT_EQ(Ctl(create, "--number 3 " + create), "0|I0\n0|I3\n");
+  EXPECT_EQ(Ctl("get root.Net.Interface.I3.Address", "sync"), "0|10.0.0.3\n0|");
   EXPECT_EQ(Headers(kGroupFile), (Names{"Net", "Interface", "I0", "I3"}));
   StopDaemon();
   Serve();
-  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "10.0.0.0");
-  EXPECT_EQ(Get("root.Net.Interface.I3.Address"), "10.0.0.3");
-  EXPECT_EQ(Create(kAny), "I1");
+  EXPECT_EQ(Ctl("get root.Net.Interface.I0.Address", create), "0|10.0.0.0\n0|I1\n");
 }
 
 TEST_F(DynamicGroupsDaemonTest, DeletionDropsBlockSectionsAndDependentFiles) {
   Serve();
-  ASSERT_EQ(Create(kAny, 10), "I0");
-  ASSERT_EQ(Create(kAny, 10), "I1");
+  ASSERT_EQ(Ctl("create root.Net.Interface Eth", "create root.Net.Interface Eth"), "0|I0\n0|I1\n");
   WriteFile(kParamFile,
             ReadFile(kParamFile) + "[Net.Interface.I0.x]\nextra 1\n[Net.Interface.I01]\nkept 2\n");
   const std::string gone[] = {"param/net_interface_i0.conf", "net_interface_i0_sub.conf",
                               "net_interface_i01.conf"};  // a plain prefix match
   for (const std::string& name : gone) WriteFile("/etc/dynamic/" + name, "x\n");
   WriteFile("/etc/dynamic/net_interface_i1.conf", "x\n");
-  ASSERT_EQ(Delete("root.Net.Interface.I0", 10), TESSCLIENT_OK);
+  ASSERT_EQ(Ctl("delete root.Net.Interface.I0"), "0|");
   EXPECT_EQ(Headers(kGroupFile), (Names{"Net", "Interface", "I1"}));
   EXPECT_EQ(ReadFile(kParamFile),
             "#Created by tessard\n[Net.Interface.I1]\naddress 10.0.0.1\n"
             "[Net.Interface.I01]\nkept 2\n");
   for (const std::string& name : gone) EXPECT_FALSE(Exists("/etc/dynamic/" + name)) << name;
   EXPECT_TRUE(Exists("/etc/dynamic/net_interface_i1.conf"));
-  EXPECT_EQ(Get("root.Net.Interface.I0.Address"), "<status 16>");
-  EXPECT_EQ(Delete("root"), TESSCLIENT_FAILED);
+  EXPECT_EQ(Ctl("--quiet get root.Net.Interface.I0.Address", "--quiet delete root"), "16|1|");
   EXPECT_TRUE(log().WaitFor("Deleteing 'root' is FORBIDDEN!", 1000));
 }
 

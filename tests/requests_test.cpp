@@ -2,9 +2,7 @@
 // groups or a root peer's claim, the order of requests on a connection, what reaches the backing
 // file and when, group files read on request, and the user cache rebuilt on SIGUSR1. What each
 // request answers on its own is server/clientserver_requests_test's.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <tessard/tessclient.h>
 #include <unistd.h>
@@ -12,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/clientcalls.h"
 #include "tests/support/sandbox.h"
 
 namespace tessard::test {
@@ -32,48 +29,34 @@ constexpr char kConfig[] = R"(group Network {
 constexpr char kFile[] =
     "# network\nhostname camera1\ndomain \"example.com\"\nsecret s\n\nstaff s1\n";
 constexpr char kPath[] = "/etc/network.conf";
-
-std::string FileWith(const std::string& from, const std::string& to) {
-  std::string text = kFile;
-  return text.replace(text.find(from), from.size(), to);
-}
+const std::string kLobby = std::string(kFile).replace(10, 16, "hostname lobby");
 
 class RequestsTest : public SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
     if (HasFatalFailure()) return;
-    WriteFile("/etc/tessard.conf", kConfig);
     WriteFile(kPath, kFile);
-    StartServing({"/etc/tessard.conf", "0"});
+    Serve(kConfig);
   }
 };
 
-// A root peer may claim any identity, and the claim is then what the rules see; another peer's
-// claim must match its credentials. A quiet refusal is not logged.
-TEST_F(RequestsTest, ClaimedIdentityIsJudgedAndMustMatchThePeer) {
-  EXPECT_EQ(RunAs(kDave,
-                  [] {
-                    return WithClient([](TessClient* c) {
-                      tessclient_set_identity(c, 0, 0);
-                      return tessclient_set(c, "Network.Hostname", "x", 0);
-                    });
-                  }),
-            TESSCLIENT_ACCESS_REFUSED);
-  EXPECT_TRUE(log().WaitFor("are different from socket(2004, 2004)", 1000));
+// A root peer's claimed identity is what the rules see; a quiet refusal is not logged.
+TEST_F(RequestsTest, RootPeersClaimIsJudgedAndAQuietRefusalIsNotLogged) {
   auto get_as = [](uid_t uid, int quiet) {
-    return WithClient([&](TessClient* c) {
-      tessclient_set_identity(c, uid, uid);
-      tessclient_set_quiet(c, quiet);
-      char* value = nullptr;
-      int status = tessclient_get(c, "root.Network.Secret", &value);
-      free(value);
-      return status;
-    });
+    TessClient* c = nullptr;
+    char* value = nullptr;
+    if (tessclient_connect(nullptr, &c) != 0) return -1;
+    tessclient_set_identity(c, uid, uid);
+    tessclient_set_quiet(c, quiet);
+    int status = tessclient_get(c, "root.Network.Secret", &value);
+    free(value);
+    tessclient_close(c);
+    return status;
   };
-  EXPECT_EQ(get_as(kCarol.uid, 0), TESSCLIENT_ACCESS_REFUSED);
-  EXPECT_EQ(get_as(kCarol.uid, 1), TESSCLIENT_ACCESS_REFUSED);
-  EXPECT_EQ(get_as(kAlice.uid, 0), TESSCLIENT_OK);
+  EXPECT_EQ(get_as(2003, 0), TESSCLIENT_ACCESS_REFUSED);
+  EXPECT_EQ(get_as(2003, 1), TESSCLIENT_ACCESS_REFUSED);
+  EXPECT_EQ(get_as(2001, 0), TESSCLIENT_OK);
   LogLine line;
   ASSERT_TRUE(log().WaitFor("Authorization failure", 1000, &line));
   EXPECT_EQ(line.priority, LOG_WARNING);
@@ -84,41 +67,20 @@ TEST_F(RequestsTest, ClaimedIdentityIsJudgedAndMustMatchThePeer) {
   EXPECT_EQ(log().Count("Authorization failure"), 1) << "the quiet request logs nothing";
 }
 
-TEST_F(RequestsTest, NameValueListShowsOnlyReadableParameters) {
-  auto list_as = [](uid_t uid) {
-    std::string seen;
-    WithClient([&](TessClient* c) {
-      tessclient_set_identity(c, uid, uid);
-      TessClientNameValueList* list = nullptr;
-      int status = tessclient_get_name_value_list(c, "root.Network", 0, &list);
-      for (size_t i = 0; list != nullptr && i < list->count; i++) {
-        seen += std::string(list->items[i].path + 13) + "=" +
-                (list->items[i].has_value ? list->items[i].value : "<empty>") + ";";
-      }
-      tessclient_free_name_value_list(list);
-      return status;
-    });
-    return seen;
-  };
-  EXPECT_EQ(list_as(kCarol.uid), "Hostname=camera1;Domain=example.com;Missing=<empty>;");
-  EXPECT_EQ(list_as(kAlice.uid),
-            "Hostname=camera1;Domain=example.com;Secret=*****;Missing=<empty>;");
-}
-
-// By the real peer's groups: bob (operator), carol (viewer only), sysop (system), alice (staff).
-TEST_F(RequestsTest, WritesOnlyWithTheWriteBitOfTheCallersGroups) {
-  struct {
-    const TestUser* user;
-    const char* path;
-    int status;
-  } const cases[] = {{&kBob, "Network.Hostname", TESSCLIENT_OK},
-                     {&kCarol, "Network.Hostname", TESSCLIENT_ACCESS_REFUSED},
-                     {&kSysop, "Network.Hostname", TESSCLIENT_OK},
-                     {&kAlice, "Network.Staff", TESSCLIENT_OK}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(RunAs(*c.user, [&] { return Set(c.path, "changed", 0); }), c.status)
-        << c.user->name << " " << c.path;
-  }
+// By the real peer's groups: bob (operator), carol (viewer only), sysop (system), alice (staff);
+// a list shows only what the caller may read.
+TEST_F(RequestsTest, RightsComeFromTheCallersGroups) {
+  const std::pair<const char*, std::string> cases[] = {
+      {kBob, "set Network.Hostname x"},   {kCarol, "set Network.Hostname x"},
+      {kSysop, "set Network.Hostname y"}, {kAlice, "set Network.Staff z"},
+      {kCarol, "list Network"},           {kAlice, "list Network"}};
+  std::string seen;
+  for (const auto& [user, args] : cases) seen += CtlAs(user, {args});
+  EXPECT_EQ(seen,
+            "0|3|tessctl: root.Network.Hostname: access refused\n0|0|"
+            "0|root.Network.Hostname=y\nroot.Network.Domain=example.com\nroot.Network.Missing=\n"
+            "0|root.Network.Hostname=y\nroot.Network.Domain=example.com\n"
+            "root.Network.Secret=*****\nroot.Network.Missing=\n");
 }
 
 TEST_F(RequestsTest, UnknownTypeGetsNoReplyAndBackToBackRequestsAreAnsweredInOrder) {
@@ -135,27 +97,12 @@ TEST_F(RequestsTest, UnknownTypeGetsNoReplyAndBackToBackRequestsAreAnsweredInOrd
   close(fd);
 }
 
-// Sync byte 0 keeps the change in memory until a full SNC; sync byte 10 writes at once, by
-// renaming a new file over the old one (the old stays readable through a descriptor opened
-// before; inode numbers do not tell on the sandbox's overlay).
-TEST_F(RequestsTest, ChangesReachTheFileAtTheSyncAsAWholeNewFile) {
-  EXPECT_EQ(Set("Network.Hostname", "lobby", 0), TESSCLIENT_OK);
-  EXPECT_EQ(Get("Network.Hostname"), "lobby");
-  EXPECT_EQ(Sync(1), TESSCLIENT_OK);
-  EXPECT_EQ(ReadFile(kPath), kFile) << "a signal-only SNC writes nothing";
-  EXPECT_EQ(Sync(0), TESSCLIENT_OK);
-  std::string synced = FileWith("hostname camera1", "hostname lobby");
-  EXPECT_EQ(ReadFile(kPath), synced);
-  int before = open(kPath, O_RDONLY | O_CLOEXEC);
-  EXPECT_EQ(Set("Network.Domain", "front door", 10), TESSCLIENT_OK);
-  std::string old(synced.size() + 1, '\0');
-  old.resize(std::max<ssize_t>(pread(before, old.data(), old.size(), 0), 0));
-  close(before);
-  EXPECT_EQ(old, synced) << "replaced by rename, not rewritten in place";
-  std::string changed = synced;
-  EXPECT_EQ(ReadFile(kPath),
-            changed.replace(changed.find("\"example.com\""), 13, "\"front door\""));
-  EXPECT_FALSE(Exists(std::string(kPath) + ".temp"));
+// Sync byte 0 keeps the change in memory until a full SNC; a signal-only SNC writes nothing.
+TEST_F(RequestsTest, ChangesReachTheFileAtAFullSync) {
+  EXPECT_EQ(Ctl("set --sync 0 Network.Hostname lobby", "sync 1"), "0|0|");
+  EXPECT_EQ(ReadFile(kPath), kFile);
+  EXPECT_EQ(Ctl("sync 0"), "0|");
+  EXPECT_EQ(ReadFile(kPath), kLobby);
 }
 
 // The file re-declares the group with one more parameter: the group's backing file is read again
@@ -164,14 +111,11 @@ TEST_F(RequestsTest, ReadingAGroupFileAgainKeepsAPendingChange) {
   const char* declared = "/etc/dynamic/param/network.conf";
   WriteFile(declared, "group Network { param Added { mount = \"Standard{Root}{added}\" } }\n");
   WriteFile(kPath, std::string(kFile) + "added 7\n");
-  EXPECT_EQ(Set("Network.Hostname", "lobby", 0), TESSCLIENT_OK);
-  EXPECT_EQ(WithClient([&](TessClient* c) { return tessclient_read_file(c, declared); }),
-            TESSCLIENT_OK);
-  ASSERT_EQ(waitpid(daemon_pid(), nullptr, WNOHANG), 0) << "the daemon has ended";
-  EXPECT_EQ(Get("Network.Added"), "7");
-  EXPECT_EQ(Get("Network.Hostname"), "lobby");
-  EXPECT_EQ(Sync(0), TESSCLIENT_OK);
-  EXPECT_EQ(ReadFile(kPath), FileWith("hostname camera1", "hostname lobby") + "added 7\n");
+  EXPECT_EQ(Ctl("set --sync 0 Network.Hostname lobby", "read-file " + std::string(declared)),
+            "0|0|");
+  EXPECT_EQ(Ctl("get Network.Added", "get Network.Hostname"), "0|7\n0|lobby\n");
+  EXPECT_EQ(Ctl("sync 0"), "0|");
+  EXPECT_EQ(ReadFile(kPath), kLobby + "added 7\n");
 }
 
 // A user added after start-up is unknown to the rules until SIGUSR1, which is handled between
@@ -180,16 +124,11 @@ TEST_F(RequestsTest, Sigusr1RebuildsTheUserCacheBetweenRequests) {
   WriteFile("/etc/passwd", ReadFile("/etc/passwd") + "frank:x:2007:2007::/tmp:/bin/sh\n");
   std::string group = ReadFile("/etc/group") + "frank:x:2007:\n";
   WriteFile("/etc/group", group.replace(group.find("alice,bob\n"), 10, "alice,bob,frank\n"));
-  auto set_as_frank = [] {
-    return WithClient([](TessClient* c) {
-      tessclient_set_identity(c, 2007, 2007);
-      return tessclient_set(c, "Network.Staff", "f", 0);
-    });
-  };
-  EXPECT_EQ(set_as_frank(), TESSCLIENT_ACCESS_REFUSED);
+  EXPECT_EQ(CtlAs("frank", {"set Network.Staff f"}),
+            "3|tessctl: root.Network.Staff: access refused\n");
   EXPECT_TRUE(log().WaitFor("Uid: 2007 wasn't found in user list.", 1000));
   kill(daemon_pid(), SIGUSR1);
-  EXPECT_EQ(set_as_frank(), TESSCLIENT_OK);
+  EXPECT_EQ(CtlAs("frank", {"set Network.Staff f"}), "0|");
   EXPECT_TRUE(log().WaitFor("Got SIGUSR1, reinitializing authorization data.", 3000));
 }
 

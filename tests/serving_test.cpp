@@ -29,13 +29,15 @@ class ServingTest : public SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
-    if (HasFatalFailure()) return;
-    WriteFile(
-        "/etc/tessard.conf",
+    rlimit files{4096, 4096};  // for a daemon and a test with 1,100 clients
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &files), 0) << "raising the open-files limit needs root";
+    // A long value makes every reply 2 KiB, so unread replies pile up quickly.
+    if (!HasFatalFailure()) WriteFile("/etc/net.conf", "name " + std::string(2000, 'n') + "\n");
+  }
+  pid_t Serve() {
+    return SandboxTest::Serve(
         "group Net { accessControl = \":1\" parser = Standardparser file = \"/etc/net.conf\"\n"
         "  param Name { mount = \"Standard{Root}{name}\" } }\n");
-    // A long value makes every reply 2 KiB, so unread replies pile up quickly.
-    WriteFile("/etc/net.conf", "name " + std::string(2000, 'n') + "\n");
   }
 
   // Whether a new client's GET is answered within `timeout_ms`.
@@ -48,20 +50,13 @@ class ServingTest : public SandboxTest {
     return answered;
   }
 
-  static void RaiseOwnFileLimit(rlim_t wanted) {
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max = std::max(limit.rlim_max, wanted);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0) << "raising the open-files limit needs root";
-  }
-
   static inline const Bytes kGet = GetFrame("Net.Name");
 };
 
 // Idle, half-sent and non-reading clients delay nobody; a request completed within 5 s is
 // answered, one left half-sent is dropped then.
 TEST_F(ServingTest, NoClientDelaysAnotherAndHalfRequestsHaveADeadline) {
-  StartServing({"/etc/tessard.conf", "0"});
+  Serve();
   int idle = Connect(), late = Connect(), never = Connect(), deaf = Connect();
   Bytes head(kGet.begin(), kGet.begin() + 5);
   auto start = Clock::now();
@@ -86,7 +81,7 @@ TEST_F(ServingTest, NoClientDelaysAnotherAndHalfRequestsHaveADeadline) {
 // One thread drives both clients, so that neither is favoured by the scheduler of the test: each
 // keeps many requests in flight and asks again for every answer.
 TEST_F(ServingTest, TwoFloodingClientsEachGetAThirdOfTheAnswers) {
-  StartServing({"/etc/tessard.conf", "0"});
+  Serve();
   pollfd clients[2] = {{Connect(), POLLIN, 0}, {Connect(), POLLIN, 0}};
   long bytes[2] = {0, 0};
   for (int i = 0; i < 128; i++) Send(clients[i % 2].fd, kGet);
@@ -106,13 +101,9 @@ TEST_F(ServingTest, TwoFloodingClientsEachGetAThirdOfTheAnswers) {
 }
 
 TEST_F(ServingTest, ElevenHundredSimultaneousClientsAreAllAnsweredTwice) {
-  RaiseOwnFileLimit(4096);
-  StartServing({"/etc/tessard.conf", "0"});
-  std::vector<int> clients;
-  for (int i = 0; i < 1100; i++) {
-    clients.push_back(Connect());
-    ASSERT_GE(clients.back(), 0) << "client " << i;
-  }
+  Serve();
+  std::vector<int> clients(1100);
+  for (int& fd : clients) fd = Connect();
   for (int round = 0; round < 2; round++) {
     for (int fd : clients) ASSERT_TRUE(Send(fd, kGet));
     int answered = 0;
@@ -125,8 +116,7 @@ TEST_F(ServingTest, ElevenHundredSimultaneousClientsAreAllAnsweredTwice) {
 }
 
 TEST_F(ServingTest, OutOfDescriptorsTheDaemonRestsAndServesOnceClientsLeave) {
-  RaiseOwnFileLimit(1024);
-  pid_t pid = StartServing({"/etc/tessard.conf", "0"});
+  pid_t pid = Serve();
   rlimit tight{64, 64};
   ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &tight, nullptr), 0);
   std::vector<int> held;

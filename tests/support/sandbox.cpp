@@ -1,7 +1,6 @@
 #include "tests/support/sandbox.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
@@ -184,14 +183,13 @@ void SandboxTest::SetUp() {
   dir_ = pattern;
   ASSERT_TRUE(MountAll(&error)) << error;
   std::ofstream passwd("/etc/passwd", std::ios::app), group("/etc/group", std::ios::app);
-  for (const TestUser& u : {kAlice, kBob, kCarol, kDave, kSysop}) {
-    passwd << u.name << ":x:" << u.uid << ":" << u.uid << "::/tmp:/bin/sh\n";
-    group << u.name << ":x:" << u.uid << ":\n";
+  int uid = 2001;
+  for (const char* name : {kAlice, kBob, kCarol, kDave, kSysop}) {
+    passwd << name << ":x:" << uid << ":" << uid << "::/tmp:/bin/sh\n";
+    group << name << ":x:" << uid++ << ":\n";
   }
   group << "admin:x:3001:alice\noperator:x:3002:bob,alice\nviewer:x:3003:carol,bob\n"
         << "system:x:3004:sysop\nstaff:x:3005:alice,bob\n";
-  passwd.close();
-  group.close();
   ASSERT_TRUE(log_.Start("/dev/log", &error)) << error;
 }
 
@@ -201,13 +199,11 @@ void SandboxTest::StartSystemBus() {
   std::string error;
   ASSERT_TRUE(make_dir("/run/dbus", &error)) << error;
   ASSERT_TRUE(system_bus_.start(&error, kSystemBusSocket)) << error;
-  bus_recorder_ = std::make_unique<testbus::Recorder>();
-  ASSERT_TRUE(bus_recorder_->monitor(system_bus_.address(), &error)) << error;
+  ASSERT_TRUE(bus_.connect(system_bus_.address(), "org.tessard.Recorder", &error)) << error;
 }
 
 void SandboxTest::TearDown() {
   StopDaemon();
-  bus_recorder_.reset();
   system_bus_.stop();
   log_.Stop();
   for (auto it = mounted_.rbegin(); it != mounted_.rend(); ++it) umount2(it->c_str(), MNT_DETACH);
@@ -257,41 +253,15 @@ pid_t SandboxTest::StartDaemon(const std::vector<std::string>& args,
   return pid;
 }
 
-namespace {
-
-// The words of the "Key=" line of the unit file at `path`; empty when there is none.
-std::vector<std::string> unit_line(const std::string& path, const std::string& key) {
-  std::string text = "\n" + read_text(path);
-  size_t at = text.find("\n" + key + "=");
-  if (at == std::string::npos) return {};
-  at += key.size() + 2;
-  std::istringstream line(text.substr(at, text.find('\n', at) - at));
-  std::vector<std::string> words;
-  for (std::string word; line >> word;) words.push_back(word);
-  return words;
-}
-
-}  // namespace
-
 void SandboxTest::ServeExampleThroughUnits(const std::string& unit_dir,
                                            const std::string& tessctl) {
-  std::vector<std::string> args = {"systemd-socket-activate", "-l", "", "-E",
-                                   "ASAN_OPTIONS=detect_leaks=0"};
-  std::vector<std::string> exec = unit_line(unit_dir + "/tessard.service", "ExecStart");
-  std::vector<std::string> listen = unit_line(unit_dir + "/tessard.socket", "ListenStream");
-  ASSERT_TRUE(!exec.empty() && listen.size() == 1)
-      << "no ExecStart or ListenStream in " << unit_dir;
-  args[2] = listen[0];
-  args.insert(args.end(), exec.begin(), exec.end());
-  pid_t pid = Spawn([&] {
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-  });
+  std::string script = "cd '" + unit_dir +
+                       "' && exec systemd-socket-activate -E ASAN_OPTIONS=detect_leaks=0 -l "
+                       "$(sed -n 's/^ListenStream=//p' tessard.socket) "
+                       "$(sed -n 's/^ExecStart=//p' tessard.service)";
+  pid_t pid = daemon_pid_ = Spawn([&] { execl("/bin/sh", "sh", "-c", script.c_str(), nullptr); });
   ASSERT_GT(pid, 0);
-  daemon_pid_ = pid;
-  for (int i = 0; i < 500 && !Exists(listen[0]); i++) usleep(10000);
+  for (int i = 0; i < 500 && !Exists("/run/tessard/tessardsocket"); i++) usleep(10000);
   std::string out;
   EXPECT_EQ(run_command("timeout 10 " + tessctl + " get root.System.Time.TimeZone", &out), 0)
       << out;
@@ -308,15 +278,19 @@ pid_t SandboxTest::StartServing(const std::vector<std::string>& args) {
   return pid;
 }
 
+pid_t SandboxTest::Serve(const std::string& config, std::vector<std::string> more_args) {
+  WriteFile("/etc/tessard.conf", config);
+  more_args.insert(more_args.begin(), {"/etc/tessard.conf", "0"});
+  return StartServing(more_args);
+}
+
 int SandboxTest::WaitExit(pid_t pid, int timeout_ms) {
   auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   do {
     int status = 0;
-    pid_t r = waitpid(pid, &status, WNOHANG);
-    if (r < 0) return -1;
-    if (r == pid) {
-      if (pid == daemon_pid_) daemon_pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (pid_t r = waitpid(pid, &status, WNOHANG); r != 0) {
+      daemon_pid_ = pid == daemon_pid_ ? -1 : daemon_pid_;
+      return r < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   } while (Clock::now() < deadline);
@@ -324,50 +298,37 @@ int SandboxTest::WaitExit(pid_t pid, int timeout_ms) {
 }
 
 void SandboxTest::StopDaemon() {
-  if (daemon_pid_ <= 0) return;
-  pid_t pid = daemon_pid_;
-  kill(pid, SIGTERM);
-  if (WaitExit(pid, 5000) < 0) {
+  if (pid_t pid = daemon_pid_; pid > 0 && kill(pid, SIGTERM) == 0 && WaitExit(pid, 5000) < 0) {
     kill(pid, SIGKILL);
     WaitExit(pid, 5000);
   }
   daemon_pid_ = -1;
 }
 
-int SandboxTest::RunAs(const TestUser& user, const std::function<int()>& body) {
-  pid_t pid = Spawn([&] {
-    alarm(60);  // a child that hangs fails its test instead of stalling the run
-    if (initgroups(user.name, user.uid) != 0 || setgid(user.uid) != 0 || setuid(user.uid) != 0) {
-      _exit(255);
-    }
-    _exit(body());
-  });
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status) == 255 ? -1 : WEXITSTATUS(status);
+std::string SandboxTest::CtlAs(const char* user, const std::vector<std::string>& commands) {
+  std::string as = user ? "setpriv --reuid=" + std::string(user) + " --regid=" + user +
+                              " --init-groups "
+                        : "",
+              results;
+  for (const std::string& command : commands) {
+    std::string out;
+    int status = run_command("timeout 10 " + as + TESSCTL_BINARY " " + command, &out);
+    results += std::to_string(status) + "|" + out;
+  }
+  return results;
 }
 
-void SandboxTest::WriteFile(const std::string& path, const std::string& content, mode_t mode) {
+void SandboxTest::WriteFile(const std::string& path, const std::string& content) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.close();
-  ASSERT_TRUE(out.good()) << "cannot write " << path;
-  chmod(path.c_str(), mode);
+  ASSERT_TRUE(out << content) << "cannot write " << path;
 }
 
-std::string SandboxTest::ReadFile(const std::string& path) {
-  return read_text(path);
-}
-
-bool SandboxTest::Exists(const std::string& path) {
-  struct stat st {};
-  return lstat(path.c_str(), &st) == 0;
-}
-
-int SandboxTest::Connect(const std::string& path) {
+int SandboxTest::Socket(const std::string& path, bool listening) {
   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address = unix_address(path);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+  auto* at = reinterpret_cast<sockaddr*>(&address);
+  if (fd >= 0 && (listening ? bind(fd, at, sizeof address) == 0 && listen(fd, 5) == 0
+                            : connect(fd, at, sizeof address) == 0)) {
     return fd;
   }
   if (fd >= 0) close(fd);
@@ -388,16 +349,8 @@ std::vector<unsigned char> SandboxTest::Frame(int type, const std::vector<unsign
 
 // Form 0 (text), sub-form 2, case byte, uid 0, gid 0, quiet byte, counted path.
 std::vector<unsigned char> SandboxTest::GetFrame(const std::string& path) {
-  std::vector<unsigned char> payload = {0,
-                                        2,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        0,
-                                        static_cast<unsigned char>(path.size()),
-                                        static_cast<unsigned char>(path.size() >> 8)};
+  unsigned char low = path.size() & 0xFF, high = path.size() >> 8;
+  std::vector<unsigned char> payload = {0, 2, 0, 0, 0, 0, 0, 0, low, high};
   payload.insert(payload.end(), path.begin(), path.end());
   return Frame(0, payload);
 }

@@ -4,22 +4,22 @@
 // /etc, /usr and /dev (upper layers in the test's directory) and fresh tmpfs mounts over /run and
 // /tmp. The daemon therefore uses its real fixed paths while the host never changes. Test users
 // and groups are added to the overlaid /etc/passwd and /etc/group, and a datagram socket at
-// /dev/log records every syslog line. A test may also give the daemon a system bus of its own,
-// with a monitor that records what is sent on it.
+// /dev/log records every syslog line. A test may also give the daemon a system bus of its own.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/testbus.h"
+#include "tests/support/textfile.h"
 
 namespace tessard::test {
 
@@ -28,15 +28,11 @@ struct LogLine {
   std::string ident, message;
 };
 
-struct TestUser {
-  const char* name;
-  uid_t uid;  // also the gid of the user's own group
-};
-
-// Users of every sandbox, in the groups admin (alice), operator (bob, alice), viewer (carol,
-// bob), system (sysop) and staff (alice, bob); dave is in none.
-inline constexpr TestUser kAlice{"alice", 2001}, kBob{"bob", 2002}, kCarol{"carol", 2003},
-    kDave{"dave", 2004}, kSysop{"sysop", 2005};
+// Users of every sandbox, uids 2001 to 2005 in this order (each also the gid of the user's own
+// group), in the groups admin (alice), operator (bob, alice), viewer (carol, bob), system (sysop)
+// and staff (alice, bob); dave is in none.
+inline constexpr const char *kAlice = "alice", *kBob = "bob", *kCarol = "carol", *kDave = "dave",
+                            *kSysop = "sysop";
 
 // Collects syslog datagrams on a background thread so a chatty daemon never blocks.
 class LogCapture {
@@ -69,6 +65,8 @@ class SandboxTest : public ::testing::Test {
   pid_t StartDaemon(const std::vector<std::string>& args, const std::vector<int>& passed_fds = {});
   // Starts the daemon and waits for "Starting server."; fails the test on time-out.
   pid_t StartServing(const std::vector<std::string>& args);
+  // Writes the master configuration file and starts serving it.
+  pid_t Serve(const std::string& config, std::vector<std::string> more_args = {});
   // Starts the command line of `unit_dir`/tessard.service as systemd starts it, under
   // systemd-socket-activate on the address of tessard.socket, and checks that `tessctl` reads the
   // example device's time zone from that daemon.
@@ -77,16 +75,23 @@ class SandboxTest : public ::testing::Test {
   int WaitExit(pid_t pid, int timeout_ms = 10000);
   void StopDaemon();
 
-  // Runs `body` in a child that has become `user`; its exit status, or -1 when the child failed
-  // to change identity or died.
-  int RunAs(const TestUser& user, const std::function<int()>& body);
+  // Runs tessctl with each of `commands` (shell words) in turn as `user` (root when null), for at
+  // most 10 s each: "<exit status>|<standard output and error>" of each, joined.
+  static std::string CtlAs(const char* user, const std::vector<std::string>& commands);
+  template <typename... Commands>
+  static std::string Ctl(const Commands&... commands) {
+    return CtlAs(nullptr, {commands...});
+  }
 
-  static void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644);
-  static std::string ReadFile(const std::string& path);
-  static bool Exists(const std::string& path);
+  static void WriteFile(const std::string& path, const std::string& content);
+  static std::string ReadFile(const std::string& path) { return read_text(path); }
+  static bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
 
-  // Connects to the daemon's socket (or `path`); the descriptor or -1.
-  static int Connect(const std::string& path = "/run/tessard/tessardsocket");
+  // Connects to the daemon's socket (or `path`), or listens on `path`; the descriptor or -1.
+  static int Connect(const std::string& path = "/run/tessard/tessardsocket") {
+    return Socket(path, false);
+  }
+  static int Listen(const std::string& path) { return Socket(path, true); }
   // A request frame of `type`; a GET of `path` in text form by root.
   static std::vector<unsigned char> Frame(int type, const std::vector<unsigned char>& payload);
   static std::vector<unsigned char> GetFrame(const std::string& path);
@@ -95,10 +100,10 @@ class SandboxTest : public ::testing::Test {
   // `timeout_ms`, -2 when the daemon closed the connection.
   static int ReadReply(int fd, std::vector<unsigned char>* reply, int timeout_ms = 5000);
 
-  // Starts a dbus-daemon at kSystemBusSocket (the daemon's default system bus) and a monitor of
-  // it (bus()); before the daemon starts. Both stop at TearDown.
+  // Starts a dbus-daemon at kSystemBusSocket (the daemon's default system bus) and a recorder of
+  // its signals (bus()); before the daemon starts. Both stop at TearDown.
   void StartSystemBus();
-  testbus::Recorder& bus() { return *bus_recorder_; }
+  testbus::Recorder& bus() { return bus_; }
   static constexpr char kSystemBusSocket[] = "/run/dbus/system_bus_socket";
 
   LogCapture& log() { return log_; }
@@ -106,6 +111,7 @@ class SandboxTest : public ::testing::Test {
   pid_t daemon_pid() const { return daemon_pid_; }
 
  private:
+  static int Socket(const std::string& path, bool listening);
   pid_t Spawn(const std::function<void()>& child);
   bool MountAll(std::string* error);
 
@@ -113,7 +119,7 @@ class SandboxTest : public ::testing::Test {
   std::vector<std::string> mounted_;
   LogCapture log_;
   testbus::PrivateBus system_bus_;
-  std::unique_ptr<testbus::Recorder> bus_recorder_;
+  testbus::Recorder bus_;
   pid_t daemon_pid_ = -1;
 };
 

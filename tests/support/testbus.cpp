@@ -19,7 +19,6 @@ namespace testbus {
 namespace {
 
 constexpr char kBusName[] = "org.freedesktop.DBus";
-
 std::string bus_config(const std::string& socket_path) {
   return "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
          " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
@@ -87,13 +86,12 @@ bool render_arg(sd_bus_message* m, std::string* out) {
   return true;
 }
 
-// A client of the bus at `address` (in sd-bus's monitor mode, which neither filters nor answers
-// what arrives, when `monitor` is set); nullptr on failure.
-sd_bus* open_client(const std::string& address, bool monitor = false) {
+// A client of the bus at `address`; nullptr on failure.
+sd_bus* open_client(const std::string& address) {
   sd_bus* bus = nullptr;
   if (sd_bus_new(&bus) < 0) return nullptr;
-  if (sd_bus_set_monitor(bus, monitor) < 0 || sd_bus_set_address(bus, address.c_str()) < 0 ||
-      sd_bus_set_bus_client(bus, 1) < 0 || sd_bus_start(bus) < 0) {
+  if (sd_bus_set_address(bus, address.c_str()) < 0 || sd_bus_set_bus_client(bus, 1) < 0 ||
+      sd_bus_start(bus) < 0) {
     return sd_bus_unref(bus);
   }
   return bus;
@@ -174,23 +172,8 @@ bool Recorder::connect(const std::string& address, const char* name, std::string
   return true;
 }
 
-// Without match rules: every message on the bus (which the bus allows to root and its own user).
-bool Recorder::monitor(const std::string& address, std::string* error) {
-  bus_ = open_client(address, true);
-  sd_bus_error call_error = SD_BUS_ERROR_NULL;
-  if (bus_ == nullptr ||
-      sd_bus_call_method(bus_, kBusName, "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
-                         "BecomeMonitor", &call_error, nullptr, "asu", 0, 0u) < 0 ||
-      sd_bus_add_filter(bus_, nullptr, on_message, this) < 0) {
-    *error = "the recorder cannot monitor the bus: " + text_of(call_error.message);
-    sd_bus_error_free(&call_error);
-    return false;
-  }
-  return true;
-}
-
 // Every message is taken as handled, so that sd-bus answers none of them: the recorder only
-// listens, and a monitor that sends anything is disconnected by the bus.
+// listens.
 int Recorder::on_message(sd_bus_message* m, void* self, sd_bus_error*) {
   uint8_t type = type_of(m);
   Recorded r{type == SD_BUS_MESSAGE_SIGNAL,

@@ -12,13 +12,17 @@
 
 namespace testbus {
 
+// The classes below own a process or a connection: none is copied.
+struct NoCopy {
+  NoCopy() = default;
+  NoCopy(const NoCopy&) = delete;
+  NoCopy& operator=(const NoCopy&) = delete;
+};
+
 // A dbus-daemon of our own that allows everything, listening on `socket_path` (whose directory
 // must exist) or on a socket in a temporary directory of its own when that is empty.
-class PrivateBus {
+class PrivateBus : NoCopy {
  public:
-  PrivateBus() = default;
-  PrivateBus(const PrivateBus&) = delete;
-  PrivateBus& operator=(const PrivateBus&) = delete;
   ~PrivateBus() { stop(); }
 
   bool start(std::string* error, const std::string& socket_path = {});
@@ -44,18 +48,13 @@ struct Recorded {
 // A signal that tests send after the messages they watch for; see Recorder::wait_for_marker.
 inline constexpr char kMarkerText[] = "/org/tessard/Test org.tessard.Test.Marker";
 
-// A connection that records every signal on the bus and every method call sent to its name; or,
-// as a monitor, every signal and method call on the bus. Traffic with the bus itself is left out.
-class Recorder {
+// A connection that records every signal on the bus and every method call sent to its name.
+// Traffic with the bus itself is left out.
+class Recorder : NoCopy {
  public:
-  Recorder() = default;
-  Recorder(const Recorder&) = delete;
-  Recorder& operator=(const Recorder&) = delete;
   ~Recorder() { sd_bus_flush_close_unref(bus_); }
 
   bool connect(const std::string& address, const char* name, std::string* error);
-  // A monitor only listens: it owns no name and sends nothing.
-  bool monitor(const std::string& address, std::string* error);
   // Waits until `count` messages have been recorded or `timeout_ms` has passed; all so far.
   const std::vector<Recorded>& wait_for(size_t count, int timeout_ms = 5000);
   // Waits for the first message of `member` and returns what was recorded before it, dropping
@@ -75,13 +74,10 @@ class Recorder {
 // A service in a child process that owns a bus name and answers method calls by member name, each
 // with one argument in the message-text form ("int32:42", "variant:uint16:7"). Other members get
 // an error reply.
-class ServiceChild {
+class ServiceChild : NoCopy {
  public:
   using Answers = std::vector<std::pair<std::string, std::string>>;
 
-  ServiceChild() = default;
-  ServiceChild(const ServiceChild&) = delete;
-  ServiceChild& operator=(const ServiceChild&) = delete;
   ~ServiceChild() { stop(); }
 
   // Returns once the child owns the name.
