@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,15 +29,11 @@ using tessard::test::string_data;
 using tessard::test::value_text;
 using tessard::test::write_file;
 
-std::vector<std::string> split(std::string_view text, char separator) {
-  std::vector<std::string> parts(1);
-  for (char c : text) {
-    if (c == separator) {
-      parts.emplace_back();
-    } else {
-      parts.back() += c;
-    }
-  }
+// Fields of a table row ("a||b": an empty second field; a trailing "|" adds none).
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
   return parts;
 }
 
@@ -54,8 +51,7 @@ using Rows = std::vector<std::vector<std::string>>;
 
 Rows rows(std::string_view table) {
   Rows result;
-  for (const std::string& row : split(table, ';')) result.push_back(split(row, '|'));
-  if (table.empty()) result.clear();
+  for (const std::string& row : split(std::string(table), ';')) result.push_back(split(row, '|'));
   return result;
 }
 
@@ -84,7 +80,7 @@ class Formats : public tessard::test::ParserTest {
     std::vector<Param*> params;
     for (const auto& row : table) {
       params.push_back(bound((root + row[0]).c_str()));
-      if (set) client_sets(params.back(), row[1].c_str());
+      if (set) client_sets(params.back(), row.size() > 1 ? row[1].c_str() : "");
     }
     return params;
   }
