@@ -133,8 +133,6 @@ TEST_P(ModeTest, StatusDecidesWhatHappensToTheValue) {
 INSTANTIATE_TEST_SUITE_P(
     Mapping, ModeTest,
     ::testing::Values(
-        ModeCase{"string", PARAMSTATUS_DEFINED, "k old\n", PARAMSTATUS_DEFINED, "old"},
-        ModeCase{"string", PARAMSTATUS_LOADED, "k old\n", PARAMSTATUS_LOADED, "new"},
         ModeCase{"string", PARAMSTATUS_UPDATED, "k new\n", PARAMSTATUS_STORED, "new"},
         ModeCase{"nosync", PARAMSTATUS_UPDATED, "k old\n", PARAMSTATUS_LOADED, "new"},
         ModeCase{"string:nosync:x", PARAMSTATUS_UPDATED, "k old\n", PARAMSTATUS_LOADED, "new"},

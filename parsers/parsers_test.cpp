@@ -262,7 +262,6 @@ TEST_P(OddCaseTest, RunGivesTheValuesAndText) {
 const OddCase kOddCases[] = {
     // A double-quoted shell value keeps its backslashes and is written between single quotes; a
     // bare one gains quotes.
-    {"ShellDoubleQuoted", shellparser_parse, "A=\"x \\\"y\\\"\"\n", "Shell{A}|x \\\"y\\\""},
     {"ShellCanonical", shellparser_parse, "A=\"x \\\"y\\\"\"\nB=plain\nC='c'\nls -l\n",
      "Shell{C}|d", "A='x \\\"y\\\"'\nB='plain'\nC='d'\nls -l\n"},
     // An unreadable value fails the run and leaves its parameter and the later ones without one.

@@ -155,8 +155,6 @@ TEST_P(GrammarTest, RefusesTheFileWithTheMessage) {
 INSTANTIATE_TEST_SUITE_P(
     Grammar, GrammarTest,
     ::testing::Values(
-        GrammarCase{"group g {\n  a = \"1\"\n  param p {\n v = 5 }\n}\n",
-                    "%s: Expected option value.", 4},
         GrammarCase{"group { }\n", "%s: Expected groupname!"},
         GrammarCase{"group g x\n", "%s: Expected '{' after group root.g!"},
         GrammarCase{"group g { param p { }\n", "%s: Expected '}' to end group root.g!"},
