@@ -67,6 +67,10 @@ struct TopLevelCase {
   const char* logged;  // %s stands for the parsed path
 };
 
+void PrintTo(const TopLevelCase& c, std::ostream* os) {
+  *os << (c.text != nullptr ? c.text : c.path);
+}
+
 class TopLevelTest : public ConfigTest, public ::testing::WithParamInterface<TopLevelCase> {};
 
 TEST_P(TopLevelTest, ReportsByResultAndLog) {
@@ -135,6 +139,10 @@ struct GrammarCase {
   int line = 1;                    // of the error
   const char* reported = nullptr;  // the message of a report, when it names the cause better
 };
+
+void PrintTo(const GrammarCase& c, std::ostream* os) {
+  *os << c.text;
+}
 
 // Group files are written from client requests: a grammar error refuses the file and never ends
 // the daemon. With a report it is an error at its line.

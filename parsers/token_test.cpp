@@ -21,6 +21,9 @@ struct AcceptCase {
   std::string output;  // the token written back, then the rest of the input copied through
 };
 
+void PrintTo(const AcceptCase& c, std::ostream* os) {
+  *os << c.name;
+}
 const AcceptCase* current;
 Token seen;
 int accepted;

@@ -26,6 +26,10 @@ struct Fault {
   const char* option = "";  // "--json" or nothing
 };
 
+void PrintTo(const Fault& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class CheckTest : public ::testing::TestWithParam<Fault> {
  protected:
   // The copy and the program in a directory of their own that every user may enter, whatever the

@@ -67,6 +67,10 @@ CommandCase cmd(const char* name, const char* args, std::vector<std::string> rep
   return {name, args, std::move(replies), exit, std::move(out), std::move(err), sent_tail};
 }
 
+void PrintTo(const CommandCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class TessctlCommandTest : public TessctlTest, public ::testing::WithParamInterface<CommandCase> {};
 
 const std::string kNoParam = reply(0x10);
@@ -238,6 +242,10 @@ struct AccessCase {
   bool allowed;
   const char* reason;
 };
+
+void PrintTo(const AccessCase& c, std::ostream* os) {
+  *os << c.name;
+}
 
 class TessctlAccessTest : public ::testing::TestWithParam<AccessCase> {};
 
