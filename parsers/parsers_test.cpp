@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -385,6 +386,9 @@ TEST_F(Formats, IspListWrittenInTheWritingOrder) {
 // sourcing the file gives exactly that value. setenv is given the meaning it has in csh.
 TEST_F(Formats, ShellSourcingTheFileGivesTheWrittenValue) {
   const std::string before = "# head\nFIRST='1'\n", after = "\n# tail\nOTHER='2'\n";
+  const std::string source =
+      "sh -c 'setenv() { eval \"$1=\\$2\"; }; . \"$1\"; printf %s \"$NAME\"' sh '" + file("ifcfg") +
+      "'";
   for (const char* line : {"NAME='old'", "NAME=", "NAME=   ", "NAME=\"old\"", "export NAME='old'",
                            "setenv NAME 'old'", "NAME=bare"}) {
     for (const char* value : {"two words", "it's", "say \"hi\"", "back\\slash", "$HOME ${X} $(id)",
@@ -398,42 +402,28 @@ TEST_F(Formats, ShellSourcingTheFileGivesTheWrittenValue) {
       ASSERT_TRUE(written.starts_with(before) && written.ends_with(after)) << written;
       write_file(file("ifcfg"), written);
       std::string out;
-      EXPECT_EQ(tessard::test::run_command("sh -c 'setenv() { eval \"$1=\\$2\"; }; . \"$1\"; "
-                                           "printf %s \"$NAME\"' sh '" +
-                                               file("ifcfg") + "'",
-                                           &out),
-                0);
+      EXPECT_EQ(tessard::test::run_command(source, &out), 0);
       EXPECT_EQ(out, value) << written;
       EXPECT_EQ(read_back(shellparser_parse, written, "Shell{NAME}"), value);
     }
   }
 }
 
-// Random edits of a text with characters of `alphabet` (those a grammar cares about).
-class RandomText {
- public:
-  RandomText(std::string_view alphabet, unsigned seed) : alphabet_(alphabet), seed_(seed) {}
-  // `base` with a few characters inserted, deleted or put in place of others.
-  std::string mutate(std::string_view base) {
-    std::string text(base);
-    for (unsigned edits = 1 + draw() % 4; edits > 0; --edits) {
-      size_t at = draw() % (text.size() + 1);
-      unsigned how = draw() % 3;
-      if (how == 0) {
-        text.insert(at, 1, letter());
-      } else if (at < text.size()) {
-        how == 1 ? void(text.erase(at, 1)) : void(text[at] = letter());
-      }
+// `text` with one to four characters of `alphabet` (those a grammar cares about) inserted,
+// deleted or put in place of others.
+std::string edited(std::string text, std::string_view alphabet, std::minstd_rand& random) {
+  for (unsigned edits = 1 + random() % 4; edits > 0; --edits) {
+    size_t at = random() % (text.size() + 1);
+    char letter = alphabet[random() % alphabet.size()];
+    unsigned how = random() % 3;
+    if (how == 0) {
+      text.insert(at, 1, letter);
+    } else if (at < text.size()) {
+      how == 1 ? void(text.erase(at, 1)) : void(text[at] = letter);
     }
-    return text;
   }
-
- private:
-  unsigned draw() { return (seed_ = seed_ * 1103515245 + 12345) >> 16; }
-  char letter() { return alphabet_[draw() % alphabet_.size()]; }
-  std::string alphabet_;
-  unsigned seed_;
-};
+  return text;
+}
 
 // Rounds of random edits of `base` run in read mode and in write mode with the parameter bound at
 // `mount` set to `value`. Both modes agree. Where `others` (mount rows) are given, unless the text
@@ -468,10 +458,10 @@ TEST_P(RoundsTest, NeverCrashAndRewriteStably) {
     for (Param* p : others) values.push_back(value_text(p));
     return values;
   };
-  RandomText random(c.alphabet, 4711);
+  std::minstd_rand random(4711);
   int succeeded = 0;
   for (int round = 0; round < kRoundCount && !HasFailure(); ++round) {
-    std::string text = random.mutate(c.base), once, twice;
+    std::string text = edited(c.base, c.alphabet, random), once, twice;
     SCOPED_TRACE(::testing::PrintToString(text));
     int result = 0, again = 0;
     std::vector<std::string> before = read(text, &result);
