@@ -3,9 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <map>
-#include <sstream>
 
 #include "base/log.h"
 #include "dynamic/dynamic.h"
@@ -31,46 +28,17 @@ void remove_scratch() {
   fs::remove_all(scratch, ignored);
 }
 
-std::string read_file(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-// The example's text with its absolute paths moved below `dir` and without the lines that would
-// run programs or send D-Bus messages.
-std::string confined(const std::string& text, const std::string& dir) {
-  std::istringstream lines(text);
-  std::string result, line;
-  while (std::getline(lines, line)) {
-    if (line.find("setter") != std::string::npos || line.find("getter") != std::string::npos ||
-        line.find("dbus") != std::string::npos) {
-      continue;
-    }
-    for (size_t at = line.find("\"/etc/"); at != std::string::npos; at = line.find("\"/etc/", at)) {
-      line.insert(at + 1, dir);
-      at += dir.size() + 2;
-    }
-    result += line + '\n';
-  }
-  return result;
-}
-
-// Every file of the example device, relative path -> confined text.
-std::map<std::string, std::string> example_files(const std::string& dir) {
-  std::map<std::string, std::string> files;
-  std::error_code error;
-  for (fs::recursive_directory_iterator it(TESSARD_EXAMPLE_DIR, error), end; !error && it != end;
-       it.increment(error)) {
-    if (!it->is_regular_file(error)) continue;
-    std::string relative = fs::relative(it->path(), TESSARD_EXAMPLE_DIR).string();
-    files[relative] = confined(read_file(it->path()), dir);
-  }
-  if (files.empty()) {
-    fprintf(stderr, "No example device files in %s\n", TESSARD_EXAMPLE_DIR);
+// The example device's files in `dir`/example, with their absolute paths moved below `dir` and
+// without the lines that would run programs or send D-Bus messages.
+void copy_example(const std::string& dir) {
+  std::string command = "cp -r '" TESSARD_EXAMPLE_DIR "' '" + dir + "/example' && find '" + dir +
+                        "/example' -type f -exec sed -i -e '/setter\\|getter\\|dbus/d' -e "
+                        "'s|\"/etc/|\"" +
+                        dir + "/etc/|g' {} +";
+  if (system(command.c_str()) != 0) {
+    fprintf(stderr, "Cannot copy the example device from %s\n", TESSARD_EXAMPLE_DIR);
     abort();
   }
-  return files;
 }
 
 }  // namespace
@@ -104,16 +72,13 @@ void start_parsers() {
 }
 
 void start_example_device(const std::string& dir) {
-  static const std::map<std::string, std::string> files = example_files(dir);
   static bool started = false;
+  if (!started) copy_example(dir);
   std::error_code ignored;
   fs::remove_all(dir + "/etc", ignored);
   fs::remove_all(dir + "/tmp", ignored);
-  for (const auto& [relative, text] : files) {
-    fs::path path = fs::path(dir) / relative;
-    fs::create_directories(path.parent_path(), ignored);
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-  }
+  fs::copy(dir + "/example", dir,
+           fs::copy_options::recursive | fs::copy_options::overwrite_existing, ignored);
   fs::create_directories(dir + "/tmp", ignored);
   if (!started) {
     started = true;

@@ -1,12 +1,12 @@
 #include "parsers/parserframework.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 
 #include "tests/support/logcapture.h"
@@ -37,16 +37,7 @@ std::string rewrite(ParseFunction parse, const std::string& input) {
   return output;
 }
 
-class FrameworkTest : public tessard::test::ParserTest {
- protected:
-  int temp_files() const {
-    int count = 0;
-    DIR* dir = opendir(dir_.c_str());
-    while (dirent* entry = readdir(dir)) count += std::string(entry->d_name).ends_with(".temp");
-    closedir(dir);
-    return count;
-  }
-};
+using FrameworkTest = tessard::test::ParserTest;
 
 TEST_F(FrameworkTest, CopyThroughKeepsEveryByteAndCountsLines) {
   const char kText[] = "# c\0mment\n\n\tkey  v #not comment\r\n  #word\n\0last";
@@ -106,12 +97,8 @@ TEST_F(FrameworkTest, BlanksStopAtTheLineEndAndTheRestIsCopied) {
 
 // Backing files, through the Standard parser.
 
-TEST_F(FrameworkTest, UnknownParserNamedInTheError) {
-  Param* p = param("p", file("a.conf"), "Standard{Root}{p}", "Passwdparser");
-  EXPECT_EQ(invoke(p, 1), 1);
-  EXPECT_EQ(count_logged("Specified parser (Passwdparser) for '" + std::string(p->path) +
-                         "' doesn't exist!"),
-            1);
+// A parser named but not registered is tessard_check_test's.
+TEST_F(FrameworkTest, NoParserOrNoFileFails) {
   EXPECT_EQ(invoke(param("q", file("a.conf"), "x", nullptr), 1), 1);
   EXPECT_EQ(count_logged("Specified parser (<unknown>) for"), 1);
   EXPECT_EQ(invoke(param("r", "", "x"), 1), 1);  // no "file" option
@@ -154,7 +141,9 @@ TEST_F(FrameworkTest, FileThatDoesNotParseCleanlyIsKept) {
     tessard::test::client_sets(p, "2");
     EXPECT_EQ(invoke(p, 0), 1) << parser;
     EXPECT_EQ(read_text(file("a.conf")), text);
-    EXPECT_EQ(temp_files(), 0);
+    for (const auto& entry : std::filesystem::directory_iterator(dir_)) {
+      EXPECT_NE(entry.path().extension(), ".temp");
+    }
   }
 }
 
@@ -162,8 +151,6 @@ TEST_F(FrameworkTest, SymlinkTargetReplacedLinkKept) {
   write_file(file("real.conf"), "k old\n");
   ASSERT_EQ(symlink("real.conf", file("link.conf").c_str()), 0);
   Param* p = param("p", file("link.conf"), "Standard{Root}{k}");
-  ASSERT_EQ(invoke(p, 1), 0);
-  EXPECT_EQ(tessard::test::value_text(p), "old");
   tessard::test::client_sets(p, "new");
   ASSERT_EQ(invoke(p, 0), 0);
   struct stat st;

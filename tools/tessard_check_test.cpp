@@ -72,7 +72,6 @@ TEST_P(CheckTest, ReportsTheFaultWhereItIs) {
 }
 
 const Fault kFaults[] = {
-    {"Clean", kConfig, "", "", 0, ""},
     {"GrammarError", kConfig, R"(type = "int:min=576,max=9000")", "type = 576", 1,
      "/etc/tessard/tessard.conf:40: grammar: /etc/tessard/tessard.conf: Expected option value.\n"},
     {"MissingFile", "/etc/hostname", nullptr, nullptr, 1,
