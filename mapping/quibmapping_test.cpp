@@ -176,7 +176,10 @@ TEST_F(TreeTest, ReplacingMarksOnlyRealChangesAndStoringNeedsAChange) {
   EXPECT_EQ(p->synced + p->setterPending, 2);
 }
 
-bool same(const char* a, const char* b, size_t n = SIZE_MAX) {
+bool same(const char* a, const char* b) {
+  return (caseSensitive ? strcmp(a, b) : strcasecmp(a, b)) == 0;
+}
+bool same_start(const char* a, const char* b, size_t n) {
   return (caseSensitive ? strncmp(a, b, n) : strncasecmp(a, b, n)) == 0;
 }
 
@@ -184,7 +187,8 @@ bool same(const char* a, const char* b, size_t n = SIZE_MAX) {
 Group* walk(Group* current, const char* wanted) {
   if (same(current->path, wanted)) return current;
   for (Group* child = current->children; child != nullptr; child = child->next) {
-    Group* found = same(child->path, wanted, strlen(child->path)) ? walk(child, wanted) : nullptr;
+    Group* found =
+        same_start(child->path, wanted, strlen(child->path)) ? walk(child, wanted) : nullptr;
     if (found != nullptr) return found;
   }
   return nullptr;
