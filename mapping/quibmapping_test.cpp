@@ -56,6 +56,8 @@ TEST_F(TreeTest, CutsNamesAt32AndFindsTheGroupAgainByThePrefix) {
   Group* again = nullptr;
   EXPECT_EQ(map_addGroup((long_name.substr(0, 32) + "xyz").c_str(), root_, &again), -1);
   EXPECT_EQ(again, first);
+  std::string p_path = std::string(first->path) + "." + long_name.substr(0, 32);
+  EXPECT_EQ(map_getParamByPath(p_path.c_str()), nullptr);  // remembered until the tree changes
   Param* p = param(long_name.c_str(), first);
   EXPECT_EQ(strlen(p->name), 32u);
   EXPECT_EQ(map_getParamByPath(p->path), p);

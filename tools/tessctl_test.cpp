@@ -211,7 +211,7 @@ INSTANTIATE_TEST_SUITE_P(Statuses, TessctlExitTest, ::testing::Values(6, 0x12, 6
 TEST_F(TessctlTest, UsageErrorsExit64WithoutConnecting) {
   for (const char* args :
        {"", "get", "frobnicate", "get a b", "set a b --number 1", "set a b --sync 256", "info a x",
-        "sync -1", "get a --sync", "get a --json=1", "--bogus get a"}) {
+        "sync -1", "sync 1 2", "get a --sync", "get a --json=1", "--bogus get a"}) {
     Outcome run;
     EXPECT_TRUE(against({reply(0)}, args, &run).empty());
     EXPECT_EQ(run.exit, 64) << args;
