@@ -91,6 +91,10 @@ const Fault kFaults[] = {
      "\"message\":\"NtpInterval received a value out of range when defined. "
      "(/etc/sysconfig/time.conf holds 99999, the daemon would store 86400)\"}]}\n",
      "--json"},
+    {"ConstraintBreachInAParamfileEntry", "/etc/camera/settings.conf", "Brightness 50",
+     "Brightness 150", 1,
+     "/etc/camera/settings.conf:6: constraint: Brightness received a value out of range when "
+     "defined. (/etc/camera/settings.conf holds 150, the daemon would store 100)\n"},
     {"NonIdempotentFile", kTime, "timezone \"Europe/Berlin\"", "timezone Europe/Berlin", 1,
      "/etc/sysconfig/time.conf:5: roundtrip: the first write changes this file although no value "
      "changed\n--- /etc/sysconfig/time.conf\n+++ /etc/sysconfig/time.conf (as the daemon writes "
