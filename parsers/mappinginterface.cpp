@@ -34,10 +34,10 @@ struct Interface {
   bool producing = false;
   int skip_depth = 0;
   // A parser enters the key it has just probed: the path it then pushes is the probed one, and
-  // the parameter found for it is taken again without a second look-up.
+  // the parameter found for it is taken again without a second look-up. Empty except between a
+  // probe and the next push.
   std::string probed_path;
   Param* probed = nullptr;
-  bool probe_valid = false;
 };
 
 Interface mif;
@@ -127,8 +127,8 @@ void append_to_path(const char* name, int kind) {
 Param* push_mapping(const char* name, const void* user, int kind) {
   mif.mapping.push_back({kind, mif.path.size(), user});
   append_to_path(name != nullptr ? name : "", kind);
-  bool again = mif.probe_valid && mif.path == mif.probed_path;
-  mif.probe_valid = false;
+  bool again = !mif.probed_path.empty() && mif.path == mif.probed_path;
+  mif.probed_path.clear();
   if (mif.path.empty()) {
     return nullptr;
   }
@@ -242,7 +242,7 @@ void mif_reset() {
   mif.mapping.clear();
   mif.path.clear();
   mif.skip_depth = 0;
-  mif.probe_valid = false;
+  mif.probed_path.clear();
   mif.current = nullptr;
   mif.consuming = true;
   mif.producing = false;
@@ -341,7 +341,6 @@ int probe_section(const char* name, MappingCallback callback, void* argument, bo
   mif.probed_path = mif.path;
   mif.probed = param;
   popMappingContext(kSection);
-  mif.probe_valid = true;
   if (updated && !nosync && callback != nullptr) {
     callback(argument);
   }
